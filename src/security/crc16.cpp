@@ -1,0 +1,68 @@
+// CRC-16/CCITT: table, the 32-bit register definition and slicing-by-8.
+#include "zqsecurity/crc16.h"
+
+#include "security/crc_impl.h"
+
+namespace {
+
+struct Crc16Tables {
+  uint16_t t[8][256];
+};
+
+// t[0] is the classic table; t[k][i] is the CRC of byte i followed by k zero
+// bytes (16-bit state), so eight bytes can be folded with eight look-ups.
+constexpr Crc16Tables make_crc16_tables() {
+  Crc16Tables tables{};
+  for (uint32_t i = 0; i < 256; ++i) {
+    uint32_t r = i << 8;
+    for (int bit = 0; bit < 8; ++bit) r = (r & 0x8000u) ? (r << 1) ^ 0x1021u : r << 1;
+    tables.t[0][i] = static_cast<uint16_t>(r);
+  }
+  for (int k = 1; k < 8; ++k) {
+    for (int i = 0; i < 256; ++i) {
+      const uint16_t prev = tables.t[k - 1][i];
+      tables.t[k][i] = static_cast<uint16_t>((prev << 8) ^ tables.t[0][prev >> 8]);
+    }
+  }
+  return tables;
+}
+
+alignas(64) constexpr Crc16Tables kCrc16 = make_crc16_tables();
+
+}  // namespace
+
+const uint16_t (&crc16_tab)[256] = kCrc16.t[0];
+
+namespace zqdetail {
+
+uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n) {
+  for (size_t i = 0; i < n; ++i) r = kCrc16.t[0][(p[i] ^ (r >> 8)) & 0xFF] ^ (r << 8);
+  return r;
+}
+
+uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
+  const auto& t = kCrc16.t;
+  uint32_t s = c;
+  while (n >= 8) {
+    s ^= static_cast<uint32_t>(p[0]) << 8 | p[1];
+    s = t[7][s >> 8] ^ t[6][s & 0xFF] ^ t[5][p[2]] ^ t[4][p[3]] ^ t[3][p[4]] ^ t[2][p[5]] ^
+        t[1][p[6]] ^ t[0][p[7]];
+    p += 8;
+    n -= 8;
+  }
+  for (size_t i = 0; i < n; ++i) s = ((s << 8) ^ t[0][((s >> 8) ^ p[i]) & 0xFF]) & 0xFFFF;
+  return static_cast<uint16_t>(s);
+}
+
+}  // namespace zqdetail
+
+// The low 16 bits follow the ordinary CRC-16 state; the high 16 bits of the
+// unmasked register hold the high bytes of the last two states. So all but the
+// last two bytes go through the fast 16-bit engine and the last two through
+// the 32-bit definition, which shifts the right bits into the top half.
+uint32_t mk_crc16(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  if (length <= 2) return zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
+  const uint16_t head = zqdetail::crc16_slice8(0xFFFF, p, length - 2);
+  return zqdetail::crc16_bytewise(head, p + length - 2, 2);
+}

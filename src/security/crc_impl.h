@@ -1,0 +1,24 @@
+// The CRC engines behind mk_crc32 and mk_crc16, exposed for tests and benchmarks.
+#ifndef ZQSECURITY_SRC_CRC_IMPL_H
+#define ZQSECURITY_SRC_CRC_IMPL_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zqdetail {
+
+// Reflected CRC-32 register update over `n` bytes, starting from register `r`.
+uint32_t crc32_bytewise(uint32_t r, const uint8_t* p, size_t n);
+uint32_t crc32_slice8(uint32_t r, const uint8_t* p, size_t n);
+// Carry-less multiply folding; only call when crc32_clmul_available().
+uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n);
+bool crc32_clmul_available();
+
+// The 32-bit CRC-16 register update exactly as mk_crc16 defines it.
+uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
+// The 16-bit CRC-16/CCITT state update, eight bytes at a time.
+uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n);
+
+}  // namespace zqdetail
+
+#endif

@@ -1,0 +1,140 @@
+// Formatting, case handling, renderers, file names and clocks.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <ctime>
+
+#include "zqcommon/functions.h"
+#include "zqcommon/stringize.h"
+
+TEST(StringHelp, FormatKeepsThe128CharacterBoundary) {
+  const std::string s127(127, 'x'), s128(128, 'y'), s129(129, 'z');
+  EXPECT_EQ(Format("%s", s127.c_str()), s127);
+  const std::string at = Format("%s", s128.c_str());
+  ASSERT_EQ(at.size(), 128u);
+  EXPECT_EQ(at.substr(0, 127), s128.substr(0, 127));
+  EXPECT_EQ(at[127], '\0');
+  EXPECT_EQ(Format("%s", s129.c_str()), s129);
+
+  const std::string big(1 << 20, 'b');  // results up to and beyond 1 MiB come out whole
+  EXPECT_EQ(Format("<%s>", big.c_str()).size(), big.size() + 2);
+
+  std::string out = "old";
+  EXPECT_EQ(&Format(out, "%d-%s", 7, "x"), &out);
+  EXPECT_EQ(out, "7-x");
+  EXPECT_EQ(Format("%s", ""), "");
+}
+
+TEST(StringHelp, ListsBitsAndLines) {
+  EXPECT_EQ(strlist({1, 2, 3}), "1, 2, 3");
+  EXPECT_EQ(strlist({-4}), "-4");
+  EXPECT_EQ(strlist({}), "");
+  EXPECT_EQ(binstr(5, 3), "0101");
+  EXPECT_EQ(binstr(5), "101");
+  EXPECT_EQ(binstr(0), "");
+  EXPECT_EQ(binstr(0x80000000u), "1" + std::string(31, '0'));
+  EXPECT_EQ(binstr(1, 33), std::string(33, '0') + "1");
+
+  int lines = -1;
+  const std::string text = "a\r\nb\r\nc\r\n";
+  EXPECT_EQ(count_split_lines(text, 4, lines), 4u);
+  EXPECT_EQ(lines, 2);
+  EXPECT_EQ(count_split_lines(text, 0, lines), std::string::npos);
+  EXPECT_EQ(lines, 0);
+  EXPECT_EQ(count_split_lines(text, 100, lines), 7u);
+  EXPECT_EQ(lines, 3);
+}
+
+TEST(StringHelp, CoolHeaderFramesAndCentres) {
+  EXPECT_EQ(cool_header("ab", 1, 0), "******\r\n* ab *\r\n******");
+  EXPECT_EQ(cool_header("ab\nabc", 1, 9), "*********\r\n*  ab   *\r\n*  abc  *\r\n*********");
+  // Style 0: the width grows until the inner width is a multiple of the fill.
+  EXPECT_EQ(cool_header("abc\r\n", 0, 0), " /\\/\\/\\ \r\n< abc  >\r\n \\/\\/\\/ ");
+  EXPECT_EQ(cool_header("x", 7, 0), "\r\nx\r\n");  // no frame, and no crash
+}
+
+TEST(StringHelp, CaseHandling) {
+  std::string s = "aBc1";
+  EXPECT_EQ(++s, "ABC1");
+  EXPECT_EQ(--s, "abc1");
+  s = "aBc\xE4";
+  EXPECT_EQ(!s, "AbC\xE4");
+  EXPECT_TRUE(std::string("Abc") ^= std::string("aBC"));
+  EXPECT_FALSE(std::string("Abc") ^= std::string("aBCd"));
+  EXPECT_EQ(ifind("Hello World", "world", 0), 6u);
+  EXPECT_EQ(ifind("Hello World", "o", 5), 7u);
+  EXPECT_EQ(ifind("Hello", "xyz", 0), std::string::npos);
+}
+
+TEST(StringHelp, FilenameParts) {
+  Filename f(" /etc/app/x.tar.gz ");
+  EXPECT_EQ(f.Name(), "x.tar.gz");
+  EXPECT_EQ(f.Ext(), ".gz");
+  EXPECT_EQ(f.Basename(), "x.tar");
+  EXPECT_EQ(f.Path(), "/etc/app/");
+  EXPECT_TRUE(f.IsAbsolute());
+  EXPECT_EQ(std::string(f), "/etc/app/x.tar.gz");
+
+  f = "dir.d/README";
+  EXPECT_EQ(f.Ext(), "");
+  EXPECT_EQ(f.Basename(), "README");
+  EXPECT_EQ(f.Path(), "dir.d/");
+  EXPECT_FALSE(f.IsAbsolute());
+  Filename empty;
+  EXPECT_EQ(empty.Name(), "");
+  EXPECT_FALSE(empty.IsAbsolute());
+}
+
+TEST(StringHelp, CalendarAndClocks) {
+  EXPECT_EQ(mktimestr(0), "01.01.1970 00:00:00.000");
+  EXPECT_EQ(mktimestr(951782400.25), "29.02.2000 00:00:00.250");
+  EXPECT_EQ(mktimestr(-86400), "31.12.1969 00:00:00.000");
+  EXPECT_EQ(mktimestr(59.9996), "01.01.1970 00:01:00.000");
+  EXPECT_EQ(mktimestr(3599.0), "01.01.1970 00:59:59.000");
+  EXPECT_FALSE(mktimestr(NAN).empty());
+  EXPECT_FALSE(mktimestr(1e300).empty());
+
+  // The calendar agrees with the C library over a spread of days.
+  for (long t = 0; t < 4102444800L; t += 86400L * 97 + 3671) {
+    int y, mo, d, h, mi;
+    double sec;
+    split_unix_time(static_cast<double>(t), y, mo, d, h, mi, sec);
+    const time_t tt = t;
+    struct tm tm {};
+    gmtime_r(&tt, &tm);
+    ASSERT_EQ(y, tm.tm_year + 1900) << t;
+    ASSERT_EQ(mo, tm.tm_mon + 1) << t;
+    ASSERT_EQ(d, tm.tm_mday) << t;
+    ASSERT_EQ(h, tm.tm_hour) << t;
+    ASSERT_EQ(mi, tm.tm_min) << t;
+    ASSERT_NEAR(sec, tm.tm_sec, 1e-3) << t;
+  }
+
+  const double a = GetUTickCount(), b = GetUTickCount();
+  EXPECT_LE(a, b);
+  EXPECT_NEAR(GetUTC(), static_cast<double>(GetLLTicks()) / 1e6, 1.0);
+  EXPECT_NEAR(GetUTC(), get_systime(), 1.0);
+  EXPECT_NEAR(GetMTickCount() * 1000.0, GetUTickCount(), 1e6);
+}
+
+namespace {
+struct Number : zqcommon::stringize {
+  int value = 0;
+  operator std::string() const override { return std::to_string(value); }
+  bool operator=(const std::string& text) override {
+    if (!IsNumeric(text)) return false;
+    value = std::atoi(text.c_str());
+    return true;
+  }
+};
+}  // namespace
+
+TEST(StringHelp, StringizeDefaults) {
+  Number n;
+  zqcommon::stringize& s = n;
+  EXPECT_TRUE(s = std::string("12"));
+  EXPECT_EQ(std::string(s), "12");
+  EXPECT_FALSE(s = std::string("x"));
+  EXPECT_FALSE(s += "1");
+  EXPECT_FALSE(s -= "1");
+}
