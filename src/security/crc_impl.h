@@ -13,6 +13,9 @@ uint32_t crc32_slice8(uint32_t r, const uint8_t* p, size_t n);
 // Carry-less multiply folding; only call when crc32_clmul_available().
 uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n);
 bool crc32_clmul_available();
+// The same with 512-bit lanes; only call when crc32_vclmul_available().
+uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n);
+bool crc32_vclmul_available();
 
 // The 32-bit CRC-16 register update exactly as mk_crc16 defines it.
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);

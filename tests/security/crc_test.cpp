@@ -31,10 +31,13 @@ TEST(Crc, EnginesMatchTheDefinition) {
   std::mt19937 rng(12345);
   std::vector<uint8_t> buffer(70000);
   for (auto& b : buffer) b = static_cast<uint8_t>(rng());
-  std::vector<size_t> lengths = {0, 1, 2, 3, 7, 8, 15, 16, 17, 63, 64, 65, 127, 128, 129, 4096};
+  std::vector<size_t> lengths = {0,   1,   2,   3,   7,   8,   15,  16,  17,   63,   64,
+                                 65,  127, 128, 129, 255, 256, 257, 319, 320, 4096, 4097};
   for (int i = 0; i < 200; ++i) lengths.push_back(rng() % 66000);
   const bool clmul = zqdetail::crc32_clmul_available();
+  const bool vclmul = zqdetail::crc32_vclmul_available();
   if (!clmul) std::printf("note: no PCLMULQDQ here, folding path not exercised\n");
+  if (!vclmul) std::printf("note: no VPCLMULQDQ here, 512-bit path not exercised\n");
   for (size_t length : lengths) {
     const size_t offset = rng() % 64;
     const uint8_t* p = buffer.data() + offset;
@@ -43,6 +46,9 @@ TEST(Crc, EnginesMatchTheDefinition) {
     ASSERT_EQ(zqdetail::crc32_slice8(r0, p, length), want) << length << "+" << offset;
     if (clmul) {
       ASSERT_EQ(zqdetail::crc32_clmul(r0, p, length), want) << length << "+" << offset;
+    }
+    if (vclmul) {
+      ASSERT_EQ(zqdetail::crc32_vclmul(r0, p, length), want) << length << "+" << offset;
     }
     ASSERT_EQ(mk_crc32(p, length), zqdetail::crc32_bytewise(0, p, length));
 
