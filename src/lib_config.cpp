@@ -1,0 +1,421 @@
+// Configuration file: line classification, parsing, queries, editing, output.
+#include "zqcommon/lib_config.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <cstdlib>
+#include <fstream>
+#include <istream>
+#include <ostream>
+#include <stdexcept>
+
+#include "chartype.h"
+#include "zqcommon/bug.h"
+#include "zqcommon/functions.h"
+#include "zqsecurity/hash.h"
+
+namespace {
+
+const char kWhitespace[] = " \f\t\v\n\r";
+constexpr auto npos = std::string::npos;
+
+bool is_ws(char c) { return c != '\0' && std::strchr(kWhitespace, c) != nullptr; }
+
+// Whether the name of `l` is `name`, exactly or without regard to case.
+bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
+  if (l.name == npos || l.namelen != name.size()) return false;
+  const char* p = l.data.data() + l.name;
+  if (!ignorecase) return name.compare(0, name.size(), p, l.namelen) == 0;
+  for (std::string::size_type i = 0; i < name.size(); ++i) {
+    if (zqdetail::upper(p[i]) != zqdetail::upper(name[i])) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ LINE
+
+LINE::LINE(const std::string& text, int number) : data(text), line(number) {
+  const auto first = data.find_first_not_of(kWhitespace);
+  if (first == npos) {
+    data.clear();
+    return;
+  }
+  if (data[first] == '#') return;  // whole-line comment
+
+  std::string::size_type scan_from;
+  if (data[first] == '[') {
+    type = SECTION;
+    name = first + 1;
+    const auto close = data.find(']', name);
+    if (close == npos) {
+      namelen = data.size() - name;
+      data += ']';
+      scan_from = data.size();
+      ZQ_DEBUG(0,
+               "libconfig: inserting missing closing bracket ']' after found Section opening "
+               "'[', line #%i:%s\n",
+               number, data.c_str());
+    } else {
+      namelen = close - name;
+      scan_from = close + 1;
+    }
+  } else {
+    const auto eq = data.find('=', first);
+    if (eq == npos) return;  // a filler without a name
+    if (eq == first) {
+      ZQ_DEBUG(0, "libconfig: ignoring empty entry after found assignment '=', line #%i:%s\n",
+               number, data.c_str());
+      return;
+    }
+    type = ENTRY;
+    name = first;
+    eqsign = eq;
+    // The name ends before the last blank in front of the '=': "key = v" gives
+    // "key", "my key=5" gives "my".
+    std::string::size_type last_ws = npos;
+    for (auto i = first; i < eq; ++i) {
+      if (is_ws(data[i])) last_ws = i;
+    }
+    namelen = (last_ws == npos ? eq : last_ws) - first;
+    const auto v = data.find_first_not_of(kWhitespace, eq + 1);
+    if (v == npos) {
+      data.erase(eq + 1);
+      value = eq + 1;
+      scan_from = npos;
+    } else if (data[v] == '#') {
+      value = v;
+      comment = v + 1;
+      scan_from = npos;
+    } else {
+      value = v;
+      scan_from = v;
+    }
+  }
+
+  if (scan_from != npos) {
+    std::string::size_type end = data.size();
+    bool quoted = false;
+    for (auto i = scan_from; i < data.size(); ++i) {
+      const char c = data[i];
+      if (c == '"' && (i == 0 || data[i - 1] != '\\')) {
+        quoted = !quoted;
+      } else if (c == '#' && !quoted) {
+        comment = i + 1;
+        end = i;
+        break;
+      }
+    }
+    if (type == ENTRY) {
+      while (end > value && is_ws(data[end - 1])) --end;
+      valuelen = end - value;
+    }
+  }
+
+  if (type == SECTION && namelen == 0) {
+    type = FILLER;
+    ZQ_DEBUG(0, "libconfig: ignoring empty section, line #%i:\n", number);
+  } else if (type == ENTRY && namelen == 0) {
+    type = FILLER;
+    ZQ_DEBUG(0, "libconfig: ignoring entry without name, line #%i:%s\n", number, data.c_str());
+  }
+}
+
+std::string LINE::Name() const {
+  if (type == FILLER || name == none) return std::string();
+  return data.substr(name, namelen);
+}
+
+std::string LINE::Value() const {
+  if (type != ENTRY || value == none) return std::string();
+  return data.substr(value, valuelen);
+}
+
+LINE& LINE::operator=(const std::string& text) {
+  if (type != ENTRY || value == none) return *this;
+  data.replace(value, valuelen, text);
+  if (comment != none) comment = comment + text.size() - valuelen;
+  valuelen = text.size();
+  return *this;
+}
+
+LINE& LINE::operator=(int v) { return *this = Format("%i", v); }
+LINE& LINE::operator=(bool v) { return *this = static_cast<int>(v ? 1 : 0); }
+LINE& LINE::operator=(long v) { return *this = Format("%li", v); }
+LINE& LINE::operator=(double v) { return *this = Format("%f", v); }
+
+comment_string::operator std::string() const {
+  if (line.comment == LINE::none || line.comment > line.data.size()) return std::string();
+  return line.data.substr(line.comment);
+}
+
+comment_string& comment_string::operator=(const std::string& text) {
+  const bool had = line.comment != LINE::none && line.comment > 0;
+  if (had) line.data.erase(line.comment - 1);  // the old comment with its '#'
+  if (text.empty()) {
+    line.comment = LINE::none;
+    return *this;
+  }
+  if (had) {
+    line.data += "# ";  // the '#' comes back where it was
+  } else {
+    line.data += " # ";
+    line.comment = line.data.size() - 1;
+  }
+  line.data += text;
+  return *this;
+}
+
+// --------------------------------------------------------------- SECTION
+
+LINE& SECTION::operator[](const std::string& entry) {
+  if (empty()) throw std::underflow_error("Section is empty");
+  const bool fold = cfg != nullptr && cfg->ignorecase;
+  for (LINE* l : *this) {
+    if (name_is(*l, entry, fold)) return *l;
+  }
+  throw std::invalid_argument("Entry not in section");
+}
+
+LINE* SECTION::add_entry(const std::string& entry, const std::string& value,
+                         const std::string& comment) {
+  std::string text = entry;
+  if (!value.empty()) text += " = " + value;
+  if (!comment.empty()) text += " # " + comment;
+  int number;
+  if (empty()) {
+    number = ++startline;
+  } else {
+    number = back()->line + 1;
+  }
+  ZQ_DEBUG(19, "libconfig: adding entry %s [line %i]\n", entry.c_str(), number);
+  return &cfg->store(text, number);
+}
+
+LINE* SECTION::add_entry(const std::string& entry, double value, const std::string& comment) {
+  return add_entry(entry, Format("%f", value), comment);
+}
+
+LINE* SECTION::add_entry(const std::string& entry, int value, const std::string& comment) {
+  return add_entry(entry, Format("%i", value), comment);
+}
+
+// ----------------------------------------------------------- Config_File
+
+Config_File::Config_File() = default;
+
+Config_File::Config_File(const std::string& filename, const std::string& magic, bool nocase)
+    : magix(magic), ignorecase(nocase) {
+  parse(filename);
+}
+
+Config_File::Config_File(std::istream& in, const std::string& magic, bool nocase)
+    : magix(magic), ignorecase(nocase) {
+  parse(in);
+}
+
+Config_File::~Config_File() = default;
+
+std::unique_ptr<std::istream> Config_File::open(const std::string& filename) {
+  if (filename.empty()) return nullptr;
+  fname = filename;
+  return std::make_unique<std::ifstream>(filename, std::ios::in | std::ios::binary);
+}
+
+bool Config_File::parse(const std::string& filename) {
+  std::unique_ptr<std::istream> in = open(filename);
+  return in != nullptr && parse(*in);
+}
+
+std::istream& Config_File::readln(std::istream& in, std::string& text) {
+  char buffer[1024];
+  text.clear();
+  in.getline(buffer, sizeof buffer);
+  std::streamsize n = in.gcount();
+  if (n > 0 && !in.fail() && !in.eof()) --n;  // the line feed was extracted
+  text.assign(buffer, static_cast<std::string::size_type>(n));
+  while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.pop_back();
+  return in;
+}
+
+bool Config_File::parse(std::istream& in) {
+  if (!magix.empty()) {
+    readln(in, rmagix);
+    if (rmagix != magix && rmagix.find(magix + " ") == npos) {
+      ZQ_DEBUG(0, "WARNING: No magic (%s) found at beginning of (%s): Skipping!\n", magix.c_str(),
+               fname.c_str());
+      return false;
+    }
+  }
+  ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
+  std::string text;
+  for (int number = 1; in.good(); ++number) {
+    readln(in, text);
+    store(text, number);
+  }
+  return true;
+}
+
+LINE& Config_File::store(const std::string& text, int number) {
+  auto it = data.find(number);
+  if (it != data.end()) return it->second;
+  it = data.emplace_hint(it, number, LINE(text, number));
+  if (it->second.IsSection()) sections.emplace(it->second.Name(), number);
+  return it->second;
+}
+
+bool Config_File::find_section(const std::string& section, int& header) {
+  ZQ_DEBUG(100, "libconfig: searching section >%s<\n", section.c_str());
+  auto it = sections.find(section);
+  if (it == sections.end() && ignorecase) {
+    std::string upper = section;
+    toupper(upper);
+    it = sections.find(upper);
+    if (it == sections.end()) {
+      for (it = sections.begin(); it != sections.end(); ++it) {
+        ZQ_DEBUG(99, "comparing >%s< with >%s<\n", it->first.c_str(), upper.c_str());
+        if (it->first ^= upper) break;
+      }
+    }
+  }
+  if (it == sections.end()) return false;
+  header = it->second;
+  return true;
+}
+
+std::string Config_File::get_entry(const std::string& section, const std::string& name,
+                                   const std::string& def, std::string* comment, int* line) {
+  ZQ_DEBUG(19, "libconfig: getting section entry %s.%s [case: %s]\n", section.c_str(),
+           name.c_str(), ignorecase ? "no" : "yes");
+  if (line != nullptr) *line = INT_MIN;
+  int header;
+  if (!find_section(section, header)) {
+    ZQ_DEBUG(99, "libconfig: section not found, returning default value\n");
+    return def;
+  }
+  for (auto it = data.upper_bound(header); it != data.end(); ++it) {
+    LINE& l = it->second;
+    if (l.IsSection()) break;
+    if (!l.IsEntry() || !name_is(l, name, ignorecase)) continue;
+    if (comment != nullptr) *comment = l.Comment();
+    if (line != nullptr) *line = it->first;
+    std::string value = l.Value();
+    ZQ_DEBUG(49, "libconfig: section entry %s.%s = %s [line: %i]\n", section.c_str(),
+             name.c_str(), value.c_str(), it->first);
+    return value;
+  }
+  ZQ_DEBUG(99, "libconfig: entry not found, returning default value\n");
+  return def;
+}
+
+SECTION Config_File::get_section(const std::string& section) {
+  ZQ_DEBUG(19, "libconfig: getting section [%s]\n", section.c_str());
+  int header;
+  if (sections.empty() || data.empty() || !find_section(section, header)) {
+    throw std::invalid_argument("No section by that name");
+  }
+  auto it = data.find(header);
+  if (it == data.end()) throw std::invalid_argument("INTERNAL: No section by that name");
+  SECTION result(this, header);
+  for (++it; it != data.end() && !it->second.IsSection(); ++it) {
+    if (!it->second.IsEntry()) continue;
+    it->second.line = it->first;
+    result.push_back(&it->second);
+  }
+  return result;
+}
+
+bool Config_File::has_section(const std::string& section) {
+  int header;
+  return !sections.empty() && !data.empty() && find_section(section, header);
+}
+
+std::vector<std::string> Config_File::get_sections() const {
+  std::vector<std::string> names;
+  names.reserve(sections.size());
+  for (const auto& s : sections) names.push_back(s.first);
+  return names;
+}
+
+std::vector<std::string> Config_File::get_section_entries(const std::string& section) {
+  std::vector<std::string> names;
+  int header;
+  if (!find_section(section, header)) return names;
+  for (auto it = data.upper_bound(header); it != data.end() && !it->second.IsSection(); ++it) {
+    if (it->second.IsEntry()) names.push_back(it->second.Name());
+  }
+  return names;
+}
+
+LINE& Config_File::get_line(int number) {
+  ZQ_DEBUG(19, "libconfig: getting line [%i]\n", number);
+  auto it = data.find(number);
+  if (it == data.end()) throw std::invalid_argument("Line not in config file");
+  return it->second;
+}
+
+std::string Config_File::get_hash(int) {
+  ZQSecurity::Hash sha1("sha1");
+  std::vector<std::string> digests;
+  std::string section, triple;
+  for (const auto& entry : data) {
+    const LINE& l = entry.second;
+    if (l.IsSection()) {
+      section = l.Name();
+    } else if (l.IsEntry()) {
+      triple = section;
+      triple += '.';
+      triple.append(l.data, l.name, l.namelen);
+      triple += '=';
+      triple += l.Value();
+      digests.push_back(sha1.mkHashText(triple.data(), static_cast<unsigned>(triple.size())));
+    }
+  }
+  std::sort(digests.begin(), digests.end());
+  std::string joined;
+  joined.reserve(digests.size() * 40);
+  for (const auto& d : digests) joined += d;
+  return sha1.mkHashText(joined.data(), static_cast<unsigned>(joined.size()));
+}
+
+SECTION Config_File::add_section(const std::string& name, const int* line) {
+  ZQ_DEBUG(19, "libconfig: adding section [%s]\n", name.c_str());
+  int header;
+  if (line == nullptr) {
+    const int n = data.empty() ? 0 : data.rbegin()->first + 1;
+    store("", n);
+    header = n + 1000;
+  } else {
+    header = *line;
+  }
+  store("[" + name + "]", header);
+  return get_section(name);
+}
+
+void Config_File::writeln(std::ostream& out, const std::string& text) {
+  out << text;
+  if (text.empty() || (text.back() != '\r' && text.back() != '\n')) out << "\r\n";
+}
+
+bool Config_File::write(std::ostream& out, const std::string& header) {
+  if (!header.empty()) writeln(out, header);
+  for (const auto& entry : data) {
+    if (!fname.empty() && entry.first < 1) continue;  // the command line
+    writeln(out, entry.second.data);
+  }
+  out.flush();
+  return out.good();
+}
+
+bool Config_File::write(const std::string& filename, const std::string& header) {
+  std::ofstream out(filename, std::ios::out | std::ios::trunc | std::ios::binary);
+  return out.is_open() && write(out, header);
+}
+
+void Config_File::clear() {
+  ZQ_DEBUG(9, "libconfig: clearing all config entries...\n");
+  data.clear();
+  sections.clear();
+}

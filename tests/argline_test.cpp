@@ -1,0 +1,97 @@
+// The command line as the section "@@Argline".
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <initializer_list>
+
+#include "zqcommon/lib_config.h"
+
+namespace {
+
+Config_File from_args(std::initializer_list<const char*> args) {
+  std::vector<char*> argv;
+  for (const char* a : args) argv.push_back(const_cast<char*>(a));
+  return Config_File(static_cast<int>(argv.size()), argv.data());
+}
+
+std::string arg(Config_File& cfg, const std::string& name) {
+  return cfg.get_entry("@@Argline", name, "<none>");
+}
+
+}  // namespace
+
+TEST(Argline, EveryFormBecomesAnEntry) {
+  Config_File only = from_args({"  /usr/bin/app "});
+  EXPECT_EQ(only.get_section_entries("@@Argline"), std::vector<std::string>{"PROGRAM_PATH"});
+  EXPECT_EQ(arg(only, "PROGRAM_PATH"), "/usr/bin/app");
+  EXPECT_EQ(only.get_line(-1000).data, "[@@Argline]");
+  EXPECT_EQ(only.get_line(-999).data, "PROGRAM_PATH = /usr/bin/app");
+
+  for (auto args : {std::initializer_list<const char*>{"app", "-f", "my.cfg"},
+                    {"app", "--CFG=my.cfg"},
+                    {"app", "--configfile", "=", "my.cfg"},
+                    {"app", "-F", "=my.cfg"},
+                    {"app", "--cfg=", "my.cfg"}}) {
+    Config_File cfg = from_args(args);
+    EXPECT_EQ(arg(cfg, "config_file"), "my.cfg");
+  }
+
+  Config_File mixed = from_args({"app", "verbose", "-x", "5", "a=b=c", "=5", "-d", "-5"});
+  EXPECT_EQ(arg(mixed, "verbose"), "1");
+  EXPECT_EQ(arg(mixed, "-x"), "5");
+  EXPECT_EQ(arg(mixed, "debuglevel"), "1");  // a negative number is taken for an option
+  EXPECT_EQ(arg(mixed, "-5"), "1");
+  EXPECT_EQ(arg(mixed, "a"), "b=c");
+  EXPECT_EQ(arg(mixed, "=5"), "<none>");  // the flag "=5" is a line without a name
+  Config_File last = from_args({"app", "-V"});
+  EXPECT_EQ(arg(last, "show_version"), "1");
+
+  Config_File dangling = from_args({"app", "x", "="});
+  EXPECT_EQ(arg(dangling, "x"), "<none>");
+
+  Config_File none(0, nullptr);
+  EXPECT_EQ(none.Size(), 0u);
+}
+
+TEST(Argline, SwitchesUsageAndDebugLevel) {
+  std::string name = "--Debug";
+  EXPECT_EQ(Config_File::argline_subst(name), "debuglevel");
+  name = "-q";
+  EXPECT_EQ(Config_File::argline_subst(name), "-q");
+
+  Config_File cfg = from_args({"app", "-h", "-d", "2"});
+  EXPECT_EQ(cfg.get_debug(7), 2);
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(cfg.parse_argline_default("extra text"));
+  const std::string usage = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(usage.substr(0, 15), "\nUsage is:\n\napp");
+  EXPECT_NE(usage.find("-f, --cfg = filename: use filename as config file\nextra text\n"),
+            std::string::npos);
+
+  Config_File no_help = from_args({"app", "-h", "foo"});
+  EXPECT_FALSE(no_help.parse_argline_default(""));
+  EXPECT_EQ(no_help.get_debug(7), 7);
+  Config_File text_level = from_args({"app", "--debug=high"});
+  EXPECT_EQ(text_level.get_debug(7), 0);
+
+  Config_File empty;
+  EXPECT_THROW(empty.parse_argline_default(""), std::invalid_argument);
+}
+
+TEST(Argline, FileNamedOnTheCommandLineSitsBesideIt) {
+  const std::string path = ::testing::TempDir() + "zq_args.cfg";
+  {
+    std::ofstream out(path);
+    out << "[net]\nport = 10\n";
+  }
+  Config_File cfg = from_args({"app", "-f", path.c_str(), "port=20"});
+  EXPECT_TRUE(cfg.open_argfile("/nonexistent/default.cfg"));
+  EXPECT_EQ(cfg.get_entry("net", "port", ""), "10");
+  // The command line wins when asked first.
+  EXPECT_EQ(cfg.get_entry("@@Argline", "port", cfg.get_entry("net", "port", "")), "20");
+  EXPECT_EQ(cfg.get_line(1).data, "[net]");
+  std::ostringstream out;
+  cfg.write(out);
+  EXPECT_EQ(out.str(), "[net]\r\nport = 10\r\n\r\n");  // the command line is left out
+  std::remove(path.c_str());
+}

@@ -1,0 +1,252 @@
+// Configuration file: classification and repairs, queries, editing, output.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "zqcommon/bug.h"
+#include "zqcommon/lib_config.h"
+
+namespace {
+
+Config_File from_text(const std::string& text, bool ignorecase = true,
+                      const std::string& magic = "") {
+  std::istringstream in(text);
+  return Config_File(in, magic, ignorecase);
+}
+
+std::string written(Config_File& cfg, const std::string& header = "") {
+  std::ostringstream out;
+  EXPECT_TRUE(cfg.write(out, header));
+  return out.str();
+}
+
+}  // namespace
+
+TEST(ConfigLine, ClassificationAndRepairs) {
+  LINE open("[Net", 1);
+  EXPECT_TRUE(open.IsSection());
+  EXPECT_EQ(open.Name(), "Net");
+  EXPECT_EQ(open.data, "[Net]");
+
+  LINE spaced("[ a ] # c", 1);
+  EXPECT_EQ(spaced.Name(), " a ");
+  EXPECT_EQ(std::string(spaced.Comment()), " c");
+
+  LINE entry("  key =   some value   # note", 2);
+  EXPECT_TRUE(entry.IsEntry());
+  EXPECT_EQ(entry.Name(), "key");
+  EXPECT_EQ(entry.Value(), "some value");
+  EXPECT_EQ(std::string(entry.Comment()), " note");
+
+  // The name ends before the last blank in front of '='.
+  EXPECT_EQ(LINE("my key=5", 1).Name(), "my");
+  EXPECT_EQ(LINE("my key =5", 1).Name(), "my key");
+
+  EXPECT_EQ(LINE("k = \"a # b\" # c", 1).Value(), "\"a # b\"");
+  EXPECT_EQ(LINE("k = \\\"a # b", 1).Value(), "\\\"a");
+  LINE hash_first("k = # only comment", 1);
+  EXPECT_EQ(hash_first.Value(), "");
+  EXPECT_EQ(std::string(hash_first.Comment()), " only comment");
+  LINE bare("k =   ", 1);
+  EXPECT_TRUE(bare.IsEntry());
+  EXPECT_EQ(bare.data, "k =");
+  EXPECT_EQ(bare.Value(), "");
+
+  for (const char* filler : {"= value", "no assignment", "[]", "   ", "# k = v", ""}) {
+    EXPECT_TRUE(LINE(filler, 1).IsFiller()) << filler;
+    EXPECT_EQ(LINE(filler, 1).Name(), "") << filler;
+  }
+  EXPECT_EQ(LINE(" \t ", 1).data, "");
+}
+
+TEST(ConfigFile, QueriesFollowTheSectionAndCaseRules) {
+  Config_File cfg = from_text(
+      "orphan = 1\n"
+      "[General]\n"
+      "name = first # c1\n"
+      "Name = second\n"
+      "empty =\n"
+      "; junk line\n"
+      "[zeta]\n"
+      "x = 9\n");
+  EXPECT_EQ(cfg.get_entry("", "orphan", "def"), "def");  // before the first section
+  EXPECT_EQ(cfg.get_entry("GENERAL", "NAME", "def"), "first");
+  EXPECT_EQ(cfg.get_entry("general", "name", "def"), "first");
+  EXPECT_EQ(cfg.get_entry("General", "empty", "def"), "");
+  EXPECT_EQ(cfg.get_entry("General", "x", "def"), "def");  // stops at the next header
+  std::string comment;
+  int line = 0;
+  EXPECT_EQ(cfg.get_entry("General", "name", "", &comment, &line), "first");
+  EXPECT_EQ(comment, " c1");
+  EXPECT_EQ(line, 3);
+  EXPECT_EQ(cfg.get_entry("nope", "x", "d", nullptr, &line), "d");
+  EXPECT_EQ(line, INT_MIN);
+
+  Config_File exact = from_text("[General]\nName = v\n", false);
+  EXPECT_EQ(exact.get_entry("General", "Name", "d"), "v");
+  EXPECT_EQ(exact.get_entry("GENERAL", "Name", "d"), "d");
+  EXPECT_EQ(exact.get_entry("General", "name", "d"), "d");
+  EXPECT_FALSE(exact.has_section("general"));
+
+  EXPECT_EQ(cfg.get_sections(), (std::vector<std::string>{"General", "zeta"}));
+  EXPECT_EQ(cfg.get_section_entries("general"),
+            (std::vector<std::string>{"name", "Name", "empty"}));
+  EXPECT_TRUE(cfg.get_section_entries("missing").empty());
+  EXPECT_EQ(cfg.Size(), 9u);  // eight lines and the empty one after the last break
+}
+
+TEST(ConfigFile, SectionLookupsThrowTheirTexts) {
+  Config_File cfg = from_text("[a]\nk = 1\n[empty]\n");
+  SECTION a = cfg["A"];
+  EXPECT_EQ(a["K"].Value(), "1");
+  EXPECT_EQ(a.get_entry("k").Line(), 2);
+  auto message = [](auto&& f) {
+    try {
+      f();
+    } catch (const std::exception& e) {
+      return std::string(e.what());
+    }
+    return std::string("no exception");
+  };
+  EXPECT_EQ(message([&] { a["nope"]; }), "Entry not in section");
+  EXPECT_EQ(message([&] { cfg["empty"]["k"]; }), "Section is empty");
+  EXPECT_EQ(message([&] { cfg.get_section("zz"); }), "No section by that name");
+  EXPECT_EQ(message([&] { cfg.get_line(99); }), "Line not in config file");
+  EXPECT_THROW(cfg["empty"]["k"], std::underflow_error);
+  Config_File none;
+  EXPECT_EQ(message([&] { none.get_section("a"); }), "No section by that name");
+  EXPECT_FALSE(none.has_section("a"));
+}
+
+TEST(ConfigFile, MagicLineAndLongLines) {
+  Config_File ok = from_text("#!cfg v2\n[s]\nk=v\n", true, "#!cfg");
+  EXPECT_EQ(ok.get_entry("s", "k", ""), "v");
+  EXPECT_EQ(ok.get_line(1).data, "[s]");  // the magic is not stored
+  Config_File exact = from_text("#!cfg\n[s]\n", true, "#!cfg");
+  EXPECT_TRUE(exact.has_section("s"));
+  Config_File wrong = from_text("#!cfgv2\n[s]\nk=v\n", true, "#!cfg");
+  EXPECT_EQ(wrong.Size(), 0u);
+  Config_File miss;
+  EXPECT_FALSE(miss.parse(std::string()));
+
+  // 1023 characters fit; a longer line is cut there and ends the parse.
+  const std::string fits(1021, 'a'), too_long(1500, 'b');
+  Config_File cfg = from_text("[s]\nk=" + fits + "\nl=" + too_long + "\n[after]\n");
+  EXPECT_EQ(cfg.get_entry("s", "k", ""), fits);
+  EXPECT_EQ(cfg.get_line(3).data, "l=" + too_long.substr(0, 1021));
+  EXPECT_FALSE(cfg.has_section("after"));
+
+  // Line ends: CR LF and stray CRs are stripped; NUL bytes stay in the text.
+  Config_File crlf = from_text(std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21));
+  EXPECT_EQ(crlf.get_entry("s", "k", ""), "v");
+  EXPECT_EQ(crlf.get_entry("s", "z", ""), std::string("a\0b", 3));
+}
+
+TEST(ConfigFile, EditingKeepsLayout) {
+  Config_File cfg = from_text("[s]\nk = 12 # keep\n\n[t]\nx = 1\n");
+  LINE& k = cfg.get_section("s")["k"];
+  k = std::string("123456");
+  EXPECT_EQ(k.data, "k = 123456 # keep");
+  EXPECT_EQ(std::string(k.Comment()), " keep");
+  k = 7;
+  k = true;
+  EXPECT_EQ(k.Value(), "1");
+  k = 2.5;
+  EXPECT_EQ(k.Value(), "2.500000");
+  k = 40L;
+  EXPECT_EQ(k.data, "k = 40 # keep");
+  k.Comment() = "new";
+  EXPECT_EQ(k.data, "k = 40 # new");
+  EXPECT_EQ(std::string(k.Comment()), " new");
+  k.Comment() = "";
+  EXPECT_EQ(k.data, "k = 40 ");
+  EXPECT_EQ(std::string(k.Comment()), "");
+  k.Comment() = "again";
+  EXPECT_EQ(k.data, "k = 40  # again");
+  EXPECT_EQ(std::string(k.Comment()), " again");
+
+  // add_entry: after the last entry; collisions return the line already there;
+  // on a section that holds entries every call computes the same number.
+  SECTION s = cfg.get_section("s");
+  LINE* added = s.add_entry("n", 5, "c");
+  EXPECT_EQ(added, &cfg.get_line(3));  // line 3 is the blank line after k ...
+  EXPECT_EQ(added->data, "");          // ... and a taken number keeps its line
+  EXPECT_EQ(cfg.get_entry("s", "n", "none"), "none");
+}
+
+TEST(ConfigFile, AddSectionNumberingAndWrite) {
+  Config_File cfg;
+  SECTION s = cfg.add_section("new");
+  EXPECT_EQ(s.startline, 1000);
+  EXPECT_EQ(cfg.get_line(0).data, "");
+  LINE* a = s.add_entry("a", std::string("1"));
+  LINE* b = s.add_entry("b", 2.0);
+  EXPECT_EQ(a->Line(), 1001);
+  EXPECT_EQ(b->Line(), 1002);  // the SECTION object stays empty: consecutive numbers
+  SECTION again = cfg.get_section("new");
+  LINE* c = again.add_entry("c", std::string("3"));
+  LINE* d = again.add_entry("d", std::string("4"));
+  EXPECT_EQ(c->Line(), 1003);
+  EXPECT_EQ(d, c);  // the same number every time: the first call's line
+  SECTION second = cfg.add_section("two");
+  EXPECT_EQ(second.startline, 2004);
+
+  EXPECT_EQ(written(cfg, "#!magic"),
+            "#!magic\r\n\r\n[new]\r\na = 1\r\nb = 2.000000\r\nc = 3\r\n\r\n[two]\r\n");
+  cfg.clear();
+  EXPECT_EQ(cfg.Size(), 0u);
+  EXPECT_TRUE(cfg.get_sections().empty());
+}
+
+TEST(ConfigFile, FileRoundTripKeepsCommentsAndLayout) {
+  const std::string path = ::testing::TempDir() + "zq_roundtrip.cfg";
+  {
+    std::ofstream out(path, std::ios::binary);
+    out << "#!app\n# header comment\n[Net]\n  port = 4711   # tcp\n\nhost=\"a#b\"\n";
+  }
+  Config_File cfg(path, "#!app");
+  EXPECT_EQ(cfg.getfilename(), path);
+  EXPECT_EQ(cfg.get_magic(), "#!app");
+  EXPECT_EQ(cfg.get_entry("net", "PORT", ""), "4711");
+  const std::string before = cfg.get_hash();
+  ASSERT_TRUE(cfg.write(path, cfg.get_magic()));
+  Config_File back(path, "#!app");
+  // The empty line after the last line break is written as a line of its own,
+  // so each write-and-read cycle adds one blank line at the end.
+  EXPECT_EQ(written(back), written(cfg) + "\r\n");
+  EXPECT_EQ(back.get_hash(), before);
+  std::ifstream in(path, std::ios::binary);
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(text.substr(0, 41), "#!app\r\n# header comment\r\n[Net]\r\n  port = ");
+
+  // The fingerprint ignores order, comments and layout but not values.
+  Config_File a = from_text("[s]\nx = 1 # c\ny=2\n[t]\nz=3\n");
+  Config_File b = from_text("[t]\n  z = 3\n[s]\n\ny = 2\nx=1\n");
+  Config_File c = from_text("[s]\nx = 1\ny=2\n[t]\nz=4\n");
+  EXPECT_EQ(a.get_hash(), b.get_hash());
+  EXPECT_NE(a.get_hash(), c.get_hash());
+  EXPECT_EQ(a.get_hash().size(), 40u);
+
+  Config_File missing("/nonexistent/zq.cfg");
+  EXPECT_EQ(missing.Size(), 0u);
+  EXPECT_FALSE(cfg.write("/nonexistent/dir/x.cfg"));
+  std::remove(path.c_str());
+}
+
+TEST(ConfigFile, DiagnosticsFollowTheDebugLevel) {
+  ::testing::internal::CaptureStderr();
+  from_text("[Net\n= v\n[]\n");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  DEBUG_LEVEL = 1;
+  ::testing::internal::CaptureStderr();
+  from_text("[Net\n= v\n[]\n");
+  DEBUG_LEVEL = 0;
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "libconfig: inserting missing closing bracket ']' after found Section opening '[', "
+            "line #1:[Net]\n"
+            "libconfig: ignoring empty entry after found assignment '=', line #2:= v\n"
+            "libconfig: ignoring empty section, line #3:\n");
+}
