@@ -51,6 +51,10 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
     name = first + 1;
     const auto close = data.find(']', name);
     if (close == npos) {
+      // The repaired line must stay readable: a line at the reader's limit
+      // gives up its last character for the bracket, or writing it back would
+      // make a line that cuts the next parse short.
+      if (data.size() >= Config_File::kMaxLine && data.size() > name) data.pop_back();
       namelen = data.size() - name;
       data += ']';
       scan_from = data.size();
@@ -230,7 +234,7 @@ bool Config_File::parse(const std::string& filename) {
 }
 
 std::istream& Config_File::readln(std::istream& in, std::string& text) {
-  char buffer[1024];
+  char buffer[kMaxLine + 1];
   text.clear();
   in.getline(buffer, sizeof buffer);
   std::streamsize n = in.gcount();

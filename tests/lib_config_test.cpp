@@ -139,6 +139,17 @@ TEST(ConfigFile, MagicLineAndLongLines) {
   EXPECT_EQ(cfg.get_line(3).data, "l=" + too_long.substr(0, 1021));
   EXPECT_FALSE(cfg.has_section("after"));
 
+  // A header at the limit without ']' is repaired within the limit, so writing
+  // it back does not cut the next parse short.
+  Config_File edge = from_text("[" + std::string(1022, 'h') + "\n[b]\nk = v\n");
+  std::ostringstream out;
+  edge.write(out);
+  std::istringstream back_in(out.str());
+  Config_File back(back_in);
+  EXPECT_EQ(back.get_entry("b", "k", ""), "v");
+  EXPECT_EQ(back.get_hash(), edge.get_hash());
+  EXPECT_EQ(edge.get_line(1).data.size(), 1023u);
+
   // Line ends: CR LF and stray CRs are stripped; NUL bytes stay in the text.
   Config_File crlf = from_text(std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21));
   EXPECT_EQ(crlf.get_entry("s", "k", ""), "v");

@@ -113,6 +113,9 @@ class SECTION : public std::vector<LINE*> {
 // gated by DEBUG_LEVEL. Not thread-safe: read configuration at start-up.
 class Config_File {
  public:
+  // The longest line read; a longer one ends the parse after this many characters.
+  static constexpr std::string::size_type kMaxLine = 1023;
+
   Config_File();
   Config_File(const std::string& filename, const std::string& magix = "", bool ignorecase = true);
   Config_File(std::istream& in, const std::string& magix = "", bool ignorecase = true);
