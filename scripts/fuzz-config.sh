@@ -20,6 +20,9 @@ mkdir -p "$corpus"
 # Seeds: the forms the parser knows.
 printf '[Net]\n  port = 4711   # tcp\nhost="a#b" # c\n\n[General\n= x\n[]\nmy key=5\n' > "$corpus/seed1"
 printf '#!magic\r\n[s]\r\nk = \\"q # c\r\r\n\0z=1\n' > "$corpus/seed2"
+# Lines at the reader's 1023-character limit.
+{ printf '[s]\nk='; head -c 1021 /dev/zero | tr '\0' x; printf '\n['; head -c 1022 /dev/zero | tr '\0' y
+  printf '\nz=1\n'; } > "$corpus/seed3"
 
 cd "$build"
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1

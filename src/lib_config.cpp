@@ -240,6 +240,20 @@ std::istream& Config_File::readln(std::istream& in, std::string& text) {
   std::streamsize n = in.gcount();
   if (n > 0 && !in.fail() && !in.eof()) --n;  // the line feed was extracted
   text.assign(buffer, static_cast<std::string::size_type>(n));
+  if (in.fail() && !in.eof() && n == static_cast<std::streamsize>(kMaxLine)) {
+    // The limit is on the text: carriage returns that end a line of exactly
+    // kMaxLine characters (as written back with CR LF) do not make it too long.
+    in.clear();
+    while (in.peek() == '\r') in.get();
+    const int next = in.peek();
+    if (next == '\n') {
+      in.get();
+    } else if (next != std::char_traits<char>::eof()) {
+      in.setstate(std::ios::failbit);  // really too long: the parse ends here
+    } else {
+      in.get();  // sets eof (and fail) as at the end of any last line
+    }
+  }
   while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.pop_back();
   return in;
 }

@@ -149,6 +149,11 @@ TEST(ConfigFile, MagicLineAndLongLines) {
   EXPECT_EQ(back.get_entry("b", "k", ""), "v");
   EXPECT_EQ(back.get_hash(), edge.get_hash());
   EXPECT_EQ(edge.get_line(1).data.size(), 1023u);
+  Config_File crlf_at_limit = from_text("[s]\r\nk=" + fits + "\r\r\nm = 1\r\n");
+  EXPECT_EQ(crlf_at_limit.get_entry("s", "m", ""), "1");
+  Config_File last_at_limit = from_text("[s]\nk=" + fits);
+  EXPECT_EQ(last_at_limit.get_entry("s", "k", ""), fits);
+  EXPECT_EQ(last_at_limit.Size(), 2u);
 
   // Line ends: CR LF and stray CRs are stripped; NUL bytes stay in the text.
   Config_File crlf = from_text(std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21));

@@ -113,7 +113,8 @@ class SECTION : public std::vector<LINE*> {
 // gated by DEBUG_LEVEL. Not thread-safe: read configuration at start-up.
 class Config_File {
  public:
-  // The longest line read; a longer one ends the parse after this many characters.
+  // The longest line text read; a longer one ends the parse after this many
+  // characters.
   static constexpr std::string::size_type kMaxLine = 1023;
 
   Config_File();
@@ -130,7 +131,9 @@ class Config_File {
   // False for an empty name or a failed magic check; a missing file parses as empty.
   bool parse(const std::string& filename);
   bool parse(std::istream& in);
-  // One line of at most 1023 characters without its trailing CR/LF.
+  // One line of at most kMaxLine characters without its trailing CR/LF (which
+  // do not count toward the limit). A longer line leaves the stream failed
+  // after its first kMaxLine characters, which ends a parse.
   static std::istream& readln(std::istream& in, std::string& line);
 
   // ---- command line
