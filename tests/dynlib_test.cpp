@@ -76,5 +76,3 @@ TEST(DynLib, LibraryInformationTables) {
   ASSERT_EQ(info.size(), 1u);
   EXPECT_NE(info[0].find("\r\n"), std::string::npos);
 }
-
-TEST(DebugLevel, StartsAtZero) { EXPECT_EQ(DEBUG_LEVEL, 0); }

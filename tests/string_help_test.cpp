@@ -5,7 +5,6 @@
 #include <ctime>
 
 #include "zqcommon/functions.h"
-#include "zqcommon/stringize.h"
 
 TEST(StringHelp, FormatKeepsThe128CharacterBoundary) {
   const std::string s127(127, 'x'), s128(128, 'y'), s129(129, 'z');
@@ -115,26 +114,4 @@ TEST(StringHelp, CalendarAndClocks) {
   EXPECT_NEAR(GetUTC(), static_cast<double>(GetLLTicks()) / 1e6, 1.0);
   EXPECT_NEAR(GetUTC(), get_systime(), 1.0);
   EXPECT_NEAR(GetMTickCount() * 1000.0, GetUTickCount(), 1e6);
-}
-
-namespace {
-struct Number : zqcommon::stringize {
-  int value = 0;
-  operator std::string() const override { return std::to_string(value); }
-  bool operator=(const std::string& text) override {
-    if (!IsNumeric(text)) return false;
-    value = std::atoi(text.c_str());
-    return true;
-  }
-};
-}  // namespace
-
-TEST(StringHelp, StringizeDefaults) {
-  Number n;
-  zqcommon::stringize& s = n;
-  EXPECT_TRUE(s = std::string("12"));
-  EXPECT_EQ(std::string(s), "12");
-  EXPECT_FALSE(s = std::string("x"));
-  EXPECT_FALSE(s += "1");
-  EXPECT_FALSE(s -= "1");
 }
