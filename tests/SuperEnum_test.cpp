@@ -1,0 +1,120 @@
+// Named enumerations and their sets.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "zqcommon/ew.h"
+#include "zqcomponents/types.h"
+
+using namespace zqcommon;
+using Mode = SuperEnum<Config_DataAcessMode>;
+using Modes = SuperEnumSet<Config_DataAcessMode>;
+using Type = SuperEnum<Config_DataTypes>;
+
+TEST(SuperEnum, TextValueAndValidity) {
+  Type t = cfg_CHARS;  // no table row
+  EXPECT_FALSE(t.isvalid());
+  EXPECT_EQ(std::string(t), "#undefined Enum value");
+  EXPECT_EQ(std::string(t.Description()), "#undefined Enum value");
+  EXPECT_EQ(static_cast<Config_DataTypes>(t), cfg_SELF);  // beyond the table: the last row
+  t = cfg_SELF;
+  EXPECT_EQ(std::string(t), "Config_Data");
+  EXPECT_EQ(std::string(t.Description()), "ConfigData");
+
+  Mode m;
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(m), cfg_LOAD);  // default: the first row
+  EXPECT_TRUE(m = std::string("W"));
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(m), cfg_WRITE);
+  EXPECT_FALSE(m = std::string("r"));  // case matters
+  EXPECT_FALSE(m.isvalid());
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(m), cfg_LOAD);  // below the table: the first row
+  EXPECT_FALSE(m = std::string(" W"));
+
+  components::Severity s = components::WARNING;
+  EXPECT_EQ(std::string(s), "W");
+  EXPECT_EQ(std::string(s.Description()), "WARNING");
+  EXPECT_TRUE(s > components::INFO);
+  EXPECT_TRUE(s < components::Severity(components::PANIC));
+  EXPECT_TRUE(s == components::WARNING);
+  EXPECT_TRUE(s != components::ERROR);
+}
+
+TEST(SuperEnum, SteppingAndIteration) {
+  Mode m = cfg_WRITE;
+  ++m;
+  EXPECT_FALSE(m.isvalid());
+  ++m;  // stays on the end position
+  --m;
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(m), cfg_WRITE);
+  Mode first = cfg_LOAD;
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(first--), cfg_LOAD);
+  EXPECT_FALSE(first.isvalid());
+
+  std::string forward, backward;
+  for (auto it = Mode::begin(); it != Mode::end(); ++it) forward += std::string(*it);
+  for (auto it = Mode::rbegin(); it != Mode::rend(); ++it) backward += std::string(*it);
+  EXPECT_EQ(forward, "LSRW");
+  EXPECT_EQ(backward, "WRSL");
+  int rows = 0;
+  for (auto it = Type::begin(); it != Type::end(); ++it) ++rows;
+  EXPECT_EQ(rows, 8);
+
+  std::string text = "x";
+  EXPECT_TRUE(Mode::resolve(0, &m, text));
+  EXPECT_EQ(text, "W");
+  text = "S";
+  EXPECT_TRUE(Mode::resolve(1, &m, text));
+  EXPECT_EQ(static_cast<Config_DataAcessMode>(m), cfg_SAVE);
+  EXPECT_FALSE(Mode::resolve(2, &m, text));
+}
+
+TEST(SuperEnumSet, TextAndSetOperations) {
+  Modes set;
+  EXPECT_TRUE(set.empty());
+  EXPECT_EQ(std::string(set), "");
+  set += cfg_WRITE;
+  set += cfg_READ;
+  EXPECT_EQ(std::string(set), "R,W");
+  EXPECT_TRUE(set & cfg_WRITE);
+  EXPECT_FALSE(Modes() & cfg_WRITE);
+  EXPECT_EQ(static_cast<unsigned long long>(set), 0xCULL);
+
+  for (const char* text : {"R|W", "R,,W", "W,R", "R,X,W"}) {
+    Modes parsed;
+    EXPECT_TRUE(parsed = std::string(text)) << text;
+    EXPECT_EQ(std::string(parsed), "R,W") << text;
+  }
+  Modes bad;
+  EXPECT_FALSE(bad = std::string("R,W,X"));  // the last piece decides ...
+  EXPECT_EQ(std::string(bad), "R,W");        // ... but the valid ones are kept
+  EXPECT_TRUE(bad = std::string(""));
+
+  Modes all = Config_Data_INIT.FULL;
+  EXPECT_EQ(std::string(all), "L,S,R,W");
+  EXPECT_TRUE(all -= std::string("S|R"));
+  EXPECT_EQ(std::string(all), "L,W");
+  EXPECT_FALSE(all += std::string("Q"));
+  EXPECT_EQ(std::string(all), "L,W");
+  EXPECT_EQ(std::string(all & Config_Data_INIT.LS), "L");
+  EXPECT_EQ(std::string(all ^ Config_Data_INIT.RW), "L,R");
+  EXPECT_EQ(std::string((~all) & Config_Data_INIT.FULL), "S,R");
+  EXPECT_TRUE(static_cast<bool>(all));
+  all.clear();
+  EXPECT_FALSE(static_cast<bool>(all));
+
+  std::vector<std::string> visited;
+  for (Mode m : Config_Data_INIT.RW) visited.push_back(m);
+  EXPECT_EQ(visited, (std::vector<std::string>{"R", "W"}));
+
+  std::string text = "L";
+  Modes r;
+  EXPECT_TRUE(Modes::resolve(1, &r, text));
+  text = "S";
+  EXPECT_TRUE(Modes::resolve(2, &r, text));
+  EXPECT_TRUE(Modes::resolve(0, &r, text));
+  EXPECT_EQ(text, "L,S");
+  text = "L";
+  EXPECT_TRUE(Modes::resolve(3, &r, text));
+  EXPECT_EQ(std::string(r), "S");
+  EXPECT_FALSE(Modes::resolve(4, &r, text));
+}
