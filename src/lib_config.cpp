@@ -24,7 +24,7 @@ bool is_ws(char c) { return c != '\0' && std::strchr(kWhitespace, c) != nullptr;
 
 // Whether the name of `l` is `name`, exactly or without regard to case.
 bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
-  if (l.name == npos || l.namelen != name.size()) return false;
+  if (l.name == LINE::none || l.namelen != name.size()) return false;
   const char* p = l.data.data() + l.name;
   if (!ignorecase) return name.compare(0, name.size(), p, l.namelen) == 0;
   for (std::string::size_type i = 0; i < name.size(); ++i) {
@@ -34,6 +34,38 @@ bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
 }
 
 }  // namespace
+
+// ------------------------------------------------------------- LineTable
+
+LineTable::iterator LineTable::find(int number) {
+  if (index_.empty() || index_.back().number < number) return end();  // appending
+  auto it = std::lower_bound(index_.begin(), index_.end(), number,
+                             [](const Slot& s, int n) { return s.number < n; });
+  if (it != index_.end() && it->number != number) it = index_.end();
+  return iterator(this, it);
+}
+
+LineTable::iterator LineTable::upper_bound(int number) {
+  return iterator(this, std::upper_bound(index_.begin(), index_.end(), number,
+                                         [](int n, const Slot& s) { return n < s.number; }));
+}
+
+std::pair<LINE*, bool> LineTable::insert(int number, LINE&& line) {
+  // Parsing appends in ascending order: check the end first.
+  auto it = (index_.empty() || index_.back().number < number)
+                ? index_.end()
+                : std::lower_bound(index_.begin(), index_.end(), number,
+                                   [](const Slot& s, int n) { return s.number < n; });
+  if (it != index_.end() && it->number == number) return {&lines_[it->index], false};
+  lines_.push_back(std::move(line));
+  index_.insert(it, Slot{number, static_cast<uint32_t>(lines_.size() - 1)});
+  return {&lines_.back(), true};
+}
+
+void LineTable::clear() {
+  lines_.clear();
+  index_.clear();
+}
 
 // ------------------------------------------------------------------ LINE
 
@@ -277,11 +309,11 @@ bool Config_File::parse(std::istream& in) {
 }
 
 LINE& Config_File::store(const std::string& text, int number) {
-  auto it = data.find(number);
-  if (it != data.end()) return it->second;
-  it = data.emplace_hint(it, number, LINE(text, number));
-  if (it->second.IsSection()) sections.emplace(it->second.Name(), number);
-  return it->second;
+  const auto taken = data.find(number);
+  if (taken != data.end()) return taken.line();
+  const std::pair<LINE*, bool> stored = data.insert(number, LINE(text, number));
+  if (stored.first->IsSection()) sections.emplace(stored.first->Name(), number);
+  return *stored.first;
 }
 
 bool Config_File::find_section(const std::string& section, int& header) {
@@ -314,14 +346,14 @@ std::string Config_File::get_entry(const std::string& section, const std::string
     return def;
   }
   for (auto it = data.upper_bound(header); it != data.end(); ++it) {
-    LINE& l = it->second;
+    LINE& l = it.line();
     if (l.IsSection()) break;
     if (!l.IsEntry() || !name_is(l, name, ignorecase)) continue;
     if (comment != nullptr) *comment = l.Comment();
-    if (line != nullptr) *line = it->first;
+    if (line != nullptr) *line = it.number();
     std::string value = l.Value();
     ZQ_DEBUG(49, "libconfig: section entry %s.%s = %s [line: %i]\n", section.c_str(),
-             name.c_str(), value.c_str(), it->first);
+             name.c_str(), value.c_str(), it.number());
     return value;
   }
   ZQ_DEBUG(99, "libconfig: entry not found, returning default value\n");
@@ -337,10 +369,10 @@ SECTION Config_File::get_section(const std::string& section) {
   auto it = data.find(header);
   if (it == data.end()) throw std::invalid_argument("INTERNAL: No section by that name");
   SECTION result(this, header);
-  for (++it; it != data.end() && !it->second.IsSection(); ++it) {
-    if (!it->second.IsEntry()) continue;
-    it->second.line = it->first;
-    result.push_back(&it->second);
+  for (++it; it != data.end() && !it.line().IsSection(); ++it) {
+    if (!it.line().IsEntry()) continue;
+    it.line().line = it.number();
+    result.push_back(&it.line());
   }
   return result;
 }
@@ -361,8 +393,8 @@ std::vector<std::string> Config_File::get_section_entries(const std::string& sec
   std::vector<std::string> names;
   int header;
   if (!find_section(section, header)) return names;
-  for (auto it = data.upper_bound(header); it != data.end() && !it->second.IsSection(); ++it) {
-    if (it->second.IsEntry()) names.push_back(it->second.Name());
+  for (auto it = data.upper_bound(header); it != data.end() && !it.line().IsSection(); ++it) {
+    if (it.line().IsEntry()) names.push_back(it.line().Name());
   }
   return names;
 }
@@ -371,15 +403,15 @@ LINE& Config_File::get_line(int number) {
   ZQ_DEBUG(19, "libconfig: getting line [%i]\n", number);
   auto it = data.find(number);
   if (it == data.end()) throw std::invalid_argument("Line not in config file");
-  return it->second;
+  return it.line();
 }
 
 std::string Config_File::get_hash(int) {
   ZQSecurity::Hash sha1("sha1");
   std::vector<std::string> digests;
   std::string section, triple;
-  for (const auto& entry : data) {
-    const LINE& l = entry.second;
+  for (auto it = data.begin(); it != data.end(); ++it) {
+    const LINE& l = it.line();
     if (l.IsSection()) {
       section = l.Name();
     } else if (l.IsEntry()) {
@@ -402,7 +434,7 @@ SECTION Config_File::add_section(const std::string& name, const int* line) {
   ZQ_DEBUG(19, "libconfig: adding section [%s]\n", name.c_str());
   int header;
   if (line == nullptr) {
-    const int n = data.empty() ? 0 : data.rbegin()->first + 1;
+    const int n = data.empty() ? 0 : data.last_number() + 1;
     store("", n);
     header = n + 1000;
   } else {
@@ -419,9 +451,9 @@ void Config_File::writeln(std::ostream& out, const std::string& text) {
 
 bool Config_File::write(std::ostream& out, const std::string& header) {
   if (!header.empty()) writeln(out, header);
-  for (const auto& entry : data) {
-    if (!fname.empty() && entry.first < 1) continue;  // the command line
-    writeln(out, entry.second.data);
+  for (auto it = data.begin(); it != data.end(); ++it) {
+    if (!fname.empty() && it.number() < 1) continue;  // the command line
+    writeln(out, it.line().data);
   }
   out.flush();
   return out.good();

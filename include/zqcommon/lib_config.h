@@ -2,6 +2,8 @@
 #ifndef ZQCOMMON_LIB_CONFIG_H
 #define ZQCOMMON_LIB_CONFIG_H
 
+#include <cstdint>
+#include <deque>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -26,13 +28,14 @@ class comment_string {
 };
 
 // One line of a configuration text with the positions of its parts. Positions
-// are offsets into `data`, or std::string::npos for "none". Lines are built
+// are 32-bit offsets into `data`, or LINE::none. Lines are built
 // from text by classification (section header, entry, or filler for comments,
 // blanks and malformed lines), repairing what can be repaired.
 class LINE {
  public:
   enum eLineTypes { SECTION = 0, ENTRY = 1, FILLER = 2 };
-  static constexpr std::string::size_type none = std::string::npos;
+  typedef uint32_t position;
+  static constexpr position none = 0xFFFFFFFFu;
 
   LINE() = default;
   // Classifies `text`; diagnostics about repairs name line number `number`.
@@ -59,12 +62,12 @@ class LINE {
   LINE& operator=(double value);
 
   std::string data;
-  std::string::size_type name = none;
-  std::string::size_type namelen = 0;
-  std::string::size_type eqsign = none;
-  std::string::size_type value = none;
-  std::string::size_type valuelen = 0;
-  std::string::size_type comment = none;
+  position name = none;
+  position namelen = 0;
+  position eqsign = none;
+  position value = none;
+  position valuelen = 0;
+  position comment = none;
   eLineTypes type = FILLER;
   int line = 0;
 };
@@ -97,6 +100,53 @@ class SECTION : public std::vector<LINE*> {
 
   Config_File* cfg = nullptr;
   int startline = 0;
+};
+
+// The lines of a Config_File by line number: ordered iteration, look-up and
+// insertion that keeps a line already stored under a number. LINE references
+// stay valid until clear(). Lines live in a deque; a sorted index of
+// (number, slot) pairs orders them, which costs 8 bytes a line instead of a
+// tree node.
+class LineTable {
+ public:
+  struct Slot {
+    int number;
+    uint32_t index;
+  };
+  class iterator {
+   public:
+    iterator(LineTable* table, std::vector<Slot>::iterator it) : table_(table), it_(it) {}
+    int number() const { return it_->number; }
+    LINE& line() const { return table_->lines_[it_->index]; }
+    iterator& operator++() {
+      ++it_;
+      return *this;
+    }
+    bool operator==(const iterator& o) const { return it_ == o.it_; }
+    bool operator!=(const iterator& o) const { return it_ != o.it_; }
+
+   private:
+    LineTable* table_;
+    std::vector<Slot>::iterator it_;
+  };
+
+  iterator begin() { return iterator(this, index_.begin()); }
+  iterator end() { return iterator(this, index_.end()); }
+  // The line stored under `number`, or end().
+  iterator find(int number);
+  // The first line numbered above `number`.
+  iterator upper_bound(int number);
+  // Stores `line` under `number` unless that number is taken; the line stored
+  // there and whether it is the new one.
+  std::pair<LINE*, bool> insert(int number, LINE&& line);
+  int last_number() const { return index_.back().number; }
+  bool empty() const { return index_.empty(); }
+  size_t size() const { return index_.size(); }
+  void clear();
+
+ private:
+  std::deque<LINE> lines_;
+  std::vector<Slot> index_;  // ascending numbers
 };
 
 // An INI-style configuration held in memory line by line, so it can be
@@ -185,7 +235,7 @@ class Config_File {
   LINE& store(const std::string& text, int number);
 
   std::string fname;
-  std::map<int, LINE> data;
+  LineTable data;
   std::map<std::string, int> sections;
   std::string magix;
   std::string rmagix;
