@@ -226,25 +226,19 @@ Config_Data_Entry& Config_Data::Register_Core(const std::string& name, Config_Da
 Config_Data_Entry& Config_Data::Register(const std::string& name, int& member,
                                          const Config_Access& access, const std::string& unit,
                                          const std::string& description, Config_NumberBase base) {
-  Config_Data_Entry& e = Register_Core(name, cfg_INT, &member, access, unit, description);
-  e.base = base;
-  return e;
+  return with_base(Register_Core(name, cfg_INT, &member, access, unit, description), base);
 }
 
 Config_Data_Entry& Config_Data::Register(const std::string& name, unsigned int& member,
                                          const Config_Access& access, const std::string& unit,
                                          const std::string& description, Config_NumberBase base) {
-  Config_Data_Entry& e = Register_Core(name, cfg_UINT, &member, access, unit, description);
-  e.base = base;
-  return e;
+  return with_base(Register_Core(name, cfg_UINT, &member, access, unit, description), base);
 }
 
 Config_Data_Entry& Config_Data::Register(const std::string& name, long long int& member,
                                          const Config_Access& access, const std::string& unit,
                                          const std::string& description, Config_NumberBase base) {
-  Config_Data_Entry& e = Register_Core(name, cfg_LONG, &member, access, unit, description);
-  e.base = base;
-  return e;
+  return with_base(Register_Core(name, cfg_LONG, &member, access, unit, description), base);
 }
 
 Config_Data_Entry& Config_Data::Register(const std::string& name, double& member,

@@ -1,6 +1,8 @@
 // Typed configuration structures: conversions, Load and Save.
 #include <gtest/gtest.h>
 
+#include "support/exception_text.h"
+
 #include <climits>
 #include <cstring>
 #include <sstream>
@@ -175,23 +177,15 @@ TEST(ConfigData, SaveUpdatesKnownLinesAndAddsDescribedEntries) {
 }
 
 TEST(ConfigData, LookupFailuresThrowTheirTexts) {
-  auto message = [](auto&& f) {
-    try {
-      f();
-    } catch (const std::exception& e) {
-      return std::string(e.what());
-    }
-    return std::string("no exception");
-  };
   Config_Data empty;
-  EXPECT_EQ(message([&] { empty.GetEntry("x"); }), "No entry at all");
+  EXPECT_EQ(exception_text([&] { empty.GetEntry("x"); }), "No entry at all");
   App app;
-  EXPECT_EQ(message([&] { app.GetEntry("nope"); }), "No such entry");
-  EXPECT_EQ(message([&] { app.GetEntry("Timing.nope"); }), "No such path to entry");
-  EXPECT_EQ(message([&] { app.GetEntry("name.x"); }), "No such path to entry");
-  EXPECT_EQ(message([&] { app.GetEntry(size_t{99}); }), "No such entry");
+  EXPECT_EQ(exception_text([&] { app.GetEntry("nope"); }), "No such entry");
+  EXPECT_EQ(exception_text([&] { app.GetEntry("Timing.nope"); }), "No such path to entry");
+  EXPECT_EQ(exception_text([&] { app.GetEntry("name.x"); }), "No such path to entry");
+  EXPECT_EQ(exception_text([&] { app.GetEntry(size_t{99}); }), "No such entry");
   int stranger = 0;
-  EXPECT_EQ(message([&] { app.GetEntry(&stranger); }), "No such entry");
+  EXPECT_EQ(exception_text([&] { app.GetEntry(&stranger); }), "No such entry");
   EXPECT_EQ(app.GetEntry(size_t{0}).Name(), "Timing");  // name order: upper case first
   EXPECT_EQ(app.Size(), 10u);
   EXPECT_EQ(app.GetEntry("Timing").Type(), cfg_SELF);

@@ -1,6 +1,8 @@
 // Configuration file: classification and repairs, queries, editing, output.
 #include <gtest/gtest.h>
 
+#include "support/exception_text.h"
+
 #include <climits>
 #include <fstream>
 #include <sstream>
@@ -103,21 +105,13 @@ TEST(ConfigFile, SectionLookupsThrowTheirTexts) {
   SECTION a = cfg["A"];
   EXPECT_EQ(a["K"].Value(), "1");
   EXPECT_EQ(a.get_entry("k").Line(), 2);
-  auto message = [](auto&& f) {
-    try {
-      f();
-    } catch (const std::exception& e) {
-      return std::string(e.what());
-    }
-    return std::string("no exception");
-  };
-  EXPECT_EQ(message([&] { a["nope"]; }), "Entry not in section");
-  EXPECT_EQ(message([&] { cfg["empty"]["k"]; }), "Section is empty");
-  EXPECT_EQ(message([&] { cfg.get_section("zz"); }), "No section by that name");
-  EXPECT_EQ(message([&] { cfg.get_line(99); }), "Line not in config file");
+  EXPECT_EQ(exception_text([&] { a["nope"]; }), "Entry not in section");
+  EXPECT_EQ(exception_text([&] { cfg["empty"]["k"]; }), "Section is empty");
+  EXPECT_EQ(exception_text([&] { cfg.get_section("zz"); }), "No section by that name");
+  EXPECT_EQ(exception_text([&] { cfg.get_line(99); }), "Line not in config file");
   EXPECT_THROW(cfg["empty"]["k"], std::underflow_error);
   Config_File none;
-  EXPECT_EQ(message([&] { none.get_section("a"); }), "No section by that name");
+  EXPECT_EQ(exception_text([&] { none.get_section("a"); }), "No section by that name");
   EXPECT_FALSE(none.has_section("a"));
 }
 

@@ -18,6 +18,7 @@
 //   template <> const char* const SuperEnum<Color>::_texts[] = {"r", "g"};
 //   template <> const char* const SuperEnum<Color>::_descr[] = {"red", "green"};
 //
+// (ZQ_SUPERENUM_DECLARE(Color) in the header declares them.)
 // ROWS may be smaller than SIZE when some enumerators have no name; those are
 // treated as unknown. A position outside the table rows is the invalid state:
 // it renders as "#undefined Enum value". Comparisons order by table position.
@@ -294,5 +295,14 @@ class SuperEnumSet {
   }
   unsigned long long _bits = 0;
 };
+
+// Declares the table specialisations of SuperEnum<E>; use it in the header
+// that declares E, at global scope, and define them in one source file.
+#define ZQ_SUPERENUM_DECLARE(E)                 \
+  template <> const int SuperEnum<E>::SIZE;     \
+  template <> const int SuperEnum<E>::ROWS;     \
+  template <> const E SuperEnum<E>::_vals[];    \
+  template <> const char* const SuperEnum<E>::_texts[]; \
+  template <> const char* const SuperEnum<E>::_descr[]
 
 #endif

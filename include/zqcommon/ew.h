@@ -246,6 +246,10 @@ class Config_Data {
 
  private:
   friend class Config_Data_Entry;
+  static Config_Data_Entry& with_base(Config_Data_Entry& e, Config_NumberBase base) {
+    e.base = base;
+    return e;
+  }
   // Gives every entry of this structure (and its sub-structures) its path.
   void set_paths(const std::string& prefix);
   Config_Data_Entry* find_member(const void* member);
@@ -256,15 +260,7 @@ class Config_Data {
 
 }  // namespace zqcommon
 
-template <> const int SuperEnum<zqcommon::Config_DataTypes>::SIZE;
-template <> const int SuperEnum<zqcommon::Config_DataTypes>::ROWS;
-template <> const zqcommon::Config_DataTypes SuperEnum<zqcommon::Config_DataTypes>::_vals[];
-template <> const char* const SuperEnum<zqcommon::Config_DataTypes>::_texts[];
-template <> const char* const SuperEnum<zqcommon::Config_DataTypes>::_descr[];
-template <> const int SuperEnum<zqcommon::Config_DataAcessMode>::SIZE;
-template <> const int SuperEnum<zqcommon::Config_DataAcessMode>::ROWS;
-template <> const zqcommon::Config_DataAcessMode SuperEnum<zqcommon::Config_DataAcessMode>::_vals[];
-template <> const char* const SuperEnum<zqcommon::Config_DataAcessMode>::_texts[];
-template <> const char* const SuperEnum<zqcommon::Config_DataAcessMode>::_descr[];
+ZQ_SUPERENUM_DECLARE(zqcommon::Config_DataTypes);
+ZQ_SUPERENUM_DECLARE(zqcommon::Config_DataAcessMode);
 
 #endif

@@ -15,10 +15,6 @@ typedef SuperEnum<eSeverity> Severity;
 
 }  // namespace components
 
-template <> const int SuperEnum<components::eSeverity>::SIZE;
-template <> const int SuperEnum<components::eSeverity>::ROWS;
-template <> const components::eSeverity SuperEnum<components::eSeverity>::_vals[];
-template <> const char* const SuperEnum<components::eSeverity>::_texts[];
-template <> const char* const SuperEnum<components::eSeverity>::_descr[];
+ZQ_SUPERENUM_DECLARE(components::eSeverity);
 
 #endif
