@@ -246,6 +246,31 @@ TEST(ConfigFile, FileRoundTripKeepsCommentsAndLayout) {
   std::remove(path.c_str());
 }
 
+TEST(ConfigFile, HugeOddAndUnreadableInput) {
+  // CR-only line ends do not end lines: the text stays one line, kept whole.
+  Config_File cr = from_text("[s]\rk=v\r");
+  EXPECT_EQ(cr.Size(), 1u);
+  EXPECT_EQ(cr.get_line(1).data, "[s]\rk=v");
+
+  // A 100 MB file of 1000-character entries is read completely.
+  const std::string path = ::testing::TempDir() + "zq_huge.cfg";
+  const int kLines = 100000;
+  {
+    std::ofstream out(path, std::ios::binary);
+    out << "[big]\n";
+    const std::string filler(990, 'v');
+    for (int i = 0; i < kLines; ++i) out << "k" << i << " = " << filler << "\n";
+  }
+  Config_File huge(path);
+  EXPECT_EQ(huge.Size(), static_cast<size_t>(kLines) + 2);
+  EXPECT_EQ(huge.get_entry("big", "k" + std::to_string(kLines - 1), "").size(), 990u);
+  std::remove(path.c_str());
+
+  Config_File directory(::testing::TempDir());  // opens, but cannot be read
+  EXPECT_LE(directory.Size(), 1u);
+  EXPECT_TRUE(directory.get_sections().empty());
+}
+
 TEST(ConfigFile, DiagnosticsFollowTheDebugLevel) {
   ::testing::internal::CaptureStderr();
   from_text("[Net\n= v\n[]\n");
