@@ -1,0 +1,200 @@
+// Recursive locks, the thread status word, suspension and the semaphore registry.
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "zqthreads/csemaphore.h"
+#include "zqthreads/oothread.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double ms_since(Clock::time_point t0) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+}
+
+struct Guarded : lockable {};
+
+// Holds `lock` on another thread for `hold_ms`.
+std::thread hold(lockable& lock, int hold_ms, std::atomic<bool>& held) {
+  return std::thread([&lock, hold_ms, &held] {
+    lock.lock();
+    held = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(hold_ms));
+    held = false;
+    lock.unlock();
+  });
+}
+
+// Counts until told to stop; polls the cancel bit.
+struct Counter : thread {
+  std::atomic<long> count{0};
+  std::atomic<bool> cleaned{false}, cleaned_cancelled{false};
+  std::atomic<bool> exit_self{false};
+  ~Counter() override { stop(); }
+  void stop() {
+    SetCancel();
+    for (int i = 0; i < 2000 && IsRunning() && !IsSuspended(); ++i) usleep(1000);
+  }
+  void* run(void* arg) override {
+    while (!IsCancelled() || exit_self) {
+      ++count;
+      if (exit_self) ExitIfCancelled();
+      usleep(200);
+    }
+    return arg;
+  }
+  void cleanup(bool cancelled) override {
+    cleaned_cancelled = cancelled;
+    cleaned = true;
+  }
+};
+
+struct Quick : thread {
+  void* run(void* arg) override { return arg; }
+};
+
+bool wait_for(const std::function<bool()>& done, int ms = 5000) {
+  const auto t0 = Clock::now();
+  while (!done()) {
+    if (ms_since(t0) > ms) return false;
+    usleep(1000);
+  }
+  return true;
+}
+
+}  // namespace
+
+TEST(Lockable, LockedAndTrylockFromOtherThreads) {
+  Guarded g;
+  EXPECT_FALSE(g.locked());
+  g.lock();
+  g.lock();  // recursive
+  EXPECT_FALSE(g.locked());  // the holder never sees its own lock as taken
+  EXPECT_TRUE(g.trylock(0));
+  g.unlock();
+  g.unlock();
+  g.unlock();
+
+  std::atomic<bool> held{false};
+  std::thread holder = hold(g, 300, held);
+  ASSERT_TRUE(wait_for([&] { return held.load(); }));
+  EXPECT_TRUE(g.locked());
+  EXPECT_FALSE(g.trylock(0));
+  const auto t0 = Clock::now();
+  EXPECT_FALSE(g.trylock(50));
+  EXPECT_GE(ms_since(t0), 45.0);
+  EXPECT_TRUE(g.trylock(-1));  // waits for the holder
+  EXPECT_FALSE(held);
+  g.unlock();
+  holder.join();
+
+  std::thread brief = hold(g, 20, held);
+  ASSERT_TRUE(wait_for([&] { return held.load(); }));
+  EXPECT_TRUE(g.trylock(5000));
+  g.unlock();
+  brief.join();
+}
+
+TEST(Thread, StatusWordThroughALifetime) {
+  Quick q;
+  int token = 7;
+  q.Start(&token);
+  ASSERT_TRUE(wait_for([&] { return !q.IsRunning(); }));
+  EXPECT_EQ(q.Status(), 0u);  // ended by itself: nothing left to join
+  q.Join();
+  EXPECT_EQ(q.Result(), &token);
+  q.Start(nullptr);  // the same object runs again
+  ASSERT_TRUE(wait_for([&] { return !q.IsRunning(); }));
+  EXPECT_EQ(q.Result(), nullptr);
+
+  Counter c;
+  c.SetCancel();
+  c.Start(&token);  // cancelled for good: nothing starts
+  EXPECT_EQ(c.Status(), 8u);
+  EXPECT_FALSE(c.IsRunning());
+}
+
+TEST(Thread, JoinWaitsOnlyForAPlainRunningThread) {
+  Counter c;
+  c.Start(nullptr);
+  ASSERT_TRUE(wait_for([&] { return c.count > 0; }));
+  EXPECT_EQ(c.Status(), 1u);
+  c.Suspend();
+  EXPECT_EQ(c.Status(), 3u);
+  c.Suspend();  // no second stop
+  EXPECT_EQ(c.Status(), 3u);
+  c.Join();  // suspended: returns at once
+  EXPECT_EQ(c.Status(), 3u);
+  usleep(20000);
+  const long parked = c.count;
+  usleep(50000);
+  EXPECT_EQ(c.count, parked);  // the thread is parked, the process is not
+  c.Resume();
+  EXPECT_EQ(c.Status(), 1u);
+  c.Resume();  // not suspended: nothing
+  ASSERT_TRUE(wait_for([&] { return c.count > parked; }));
+
+  c.SetCancel();
+  c.Join();  // cancel bit set: not joined
+  EXPECT_TRUE(c.IsCancelled());
+  ASSERT_TRUE(wait_for([&] { return !c.IsRunning(); }));
+  EXPECT_TRUE(c.cleaned);
+  EXPECT_TRUE(c.cleaned_cancelled);
+  EXPECT_EQ(c.Status(), 8u);  // the cancel bit is sticky
+}
+
+TEST(Thread, JoinAndExitIfCancelled) {
+  struct Sleeper : thread {
+    std::atomic<bool> go{false};
+    void* run(void*) override {
+      while (!go) usleep(500);
+      return nullptr;
+    }
+  } s;
+  s.Start(nullptr);
+  std::thread release([&] {
+    usleep(20000);
+    s.go = true;
+  });
+  s.Join();  // waits for the body
+  release.join();
+  EXPECT_FALSE(s.IsRunning());
+  EXPECT_EQ(s.Error(), 0);
+
+  Counter c;
+  c.exit_self = true;
+  c.Start(nullptr);
+  ASSERT_TRUE(wait_for([&] { return c.count > 0; }));
+  EXPECT_EQ(c.Id(), c.Id());
+  c.SetCancel();
+  c.ExitIfCancelled();  // not the object's own thread: nothing happens here
+  const long seen = c.count;
+  usleep(50000);  // the thread ends itself at its next check
+  const long after = c.count;
+  usleep(30000);
+  EXPECT_EQ(c.count, after);
+  EXPECT_GE(after, seen);
+  EXPECT_FALSE(c.cleaned);  // ended by cancellation inside run()
+}
+
+TEST(Semaphore, RegisteredSetsAreRemoved) {
+  const int a = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+  const int b = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+  if (a < 0 || b < 0) GTEST_SKIP() << "System V semaphores are not available here";
+  ASSERT_TRUE(Semaphore::Register(a));
+  ASSERT_TRUE(Semaphore::Register(b));
+  Semaphore::Unregister(b);  // removed by its owner: skipped at clean-up
+  Semaphore::RemoveAll();
+  EXPECT_EQ(semctl(a, 0, IPC_STAT, nullptr), -1);
+  EXPECT_EQ(semctl(b, 0, GETVAL), 0) << "an unregistered set stays";
+  semctl(b, 0, IPC_RMID);
+}
