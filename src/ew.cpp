@@ -115,7 +115,7 @@ Config_Data_Entry::operator std::string() const {
         case cfg_HEXADECIMAL:
           return wide ? Format("%#llx", static_cast<unsigned long long>(v))
                       : Format("%#x", static_cast<unsigned>(v));
-        case cfg_SCALED: return scaled_text(v);
+        case cfg_STORAGE: return scaled_text(v);
       }
       return "#error!";
     }
@@ -144,7 +144,7 @@ bool Config_Data_Entry::operator=(const std::string& text) {
     case cfg_UINT:
     case cfg_LONG: {
       long long v;
-      if (base == cfg_SCALED) {
+      if (base == cfg_STORAGE) {
         const char* p = text.c_str();
         if (*p == '+') ++p;
         char* end = nullptr;

@@ -38,9 +38,9 @@ struct App : Config_Data {
   std::vector<std::string> changed_names;
 
   App() {
-    Register("buffer", buffer, Config_Data_INIT.LS, "bytes", "buffer size", cfg_SCALED);
+    Register("buffer", buffer, Config_Data_INIT.LS, "bytes", "buffer size", cfg_STORAGE);
     Register("mask", mask, Config_Data_INIT.LS, "", "", cfg_HEXADECIMAL);
-    Register("big", big, Config_Data_INIT.LS, "", "", cfg_SCALED);
+    Register("big", big, Config_Data_INIT.LS, "", "", cfg_STORAGE);
     Register("zero", zero);
     Register("name", name);
     Register("verbose", verbose);

@@ -35,7 +35,7 @@ enum Config_DataAcessMode { cfg_LOAD = 0, cfg_SAVE = 1, cfg_READ = 2, cfg_WRITE 
 
 // How integers are written: "%i"-style, "%#o", "%#x", or scaled with a
 // k/M/G suffix for multiples of 2^10, 2^20 and 2^30 (e.g. "4k", "3M").
-enum Config_NumberBase { cfg_DECIMAL = 10, cfg_OCTAL = 8, cfg_HEXADECIMAL = 16, cfg_SCALED = 0 };
+enum Config_NumberBase { cfg_DECIMAL = 10, cfg_OCTAL = 8, cfg_HEXADECIMAL = 16, cfg_STORAGE = 0 };
 
 typedef SuperEnumSet<Config_DataAcessMode> Config_Access;
 

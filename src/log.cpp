@@ -1,0 +1,271 @@
+// Log files: queue, line format, rotation and flushing.
+#include "zqcommon/log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdarg>
+#include <cstring>
+
+#include "zqcommon/functions.h"
+
+const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";
+
+namespace {
+
+constexpr size_t kTextLimit = 1024;  // formatting buffer; texts keep 1023 characters
+constexpr size_t kFileBuffer = 64 * 1024;
+
+char type_letter(eLog_Type type) {
+  switch (type) {
+    case elog_PANIC:
+    case elog_ERROR:
+    case elog_WARN:
+    case elog_INFO:
+    case elog_DEBUG: return Log_Entry::eLogTypeS[type];
+    default: return '?';
+  }
+}
+
+void vformat_text(std::string& text, const char* format, va_list args) {
+  char buffer[kTextLimit];
+  const int n = std::vsnprintf(buffer, sizeof buffer, format, args);
+  if (n < 0) {
+    text.clear();
+    return;
+  }
+  text.assign(buffer, std::min(static_cast<size_t>(n), sizeof buffer - 1));
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- Log_Entry
+
+void Log_Entry::Text(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vformat_text(text, format, args);
+  va_end(args);
+}
+
+void Log_Entry::Now() { time = GetUTC(); }
+
+void Log_Entry::make_logline(std::string& out) const {
+  out = mktimestr(time);
+  char tail[32];
+  std::snprintf(tail, sizeof tail, ";%c;%08x;", type_letter(type), static_cast<unsigned>(nerr));
+  out += tail;
+  out += text;
+  out += "\r\n";
+}
+
+// The same line as make_logline(), with the date and time up to the minute
+// formatted once per minute. Times are rounded to whole milliseconds first, as
+// mktimestr() does.
+void Log::LineFormatter::format(const Log_Entry& e, std::string& out) {
+  const double t = std::round(e.time * 1000.0) / 1000.0;
+  const double minute_start = std::floor(t / 60.0) * 60.0;
+  long long ms = std::llround((t - minute_start) * 1000.0);
+  const auto this_minute = static_cast<long long>(minute_start / 60.0);
+  if (!std::isfinite(t) || ms < 0 || ms >= 60000) {
+    e.make_logline(out);  // beyond the fast path's range: take the long way
+    return;
+  }
+  if (this_minute != minute) {
+    const std::string stamp = mktimestr(minute_start);  // "dd.mm.yyyy hh:mm:00.000"
+    prefix_len = std::min(stamp.size() - 6, sizeof prefix);
+    std::memcpy(prefix, stamp.data(), prefix_len);
+    minute = this_minute;
+  }
+  char head[32];
+  const int sec = static_cast<int>(ms / 1000);
+  ms %= 1000;
+  head[0] = static_cast<char>('0' + sec / 10);
+  head[1] = static_cast<char>('0' + sec % 10);
+  head[2] = '.';
+  head[3] = static_cast<char>('0' + ms / 100);
+  head[4] = static_cast<char>('0' + ms / 10 % 10);
+  head[5] = static_cast<char>('0' + ms % 10);
+  head[6] = ';';
+  head[7] = type_letter(e.type);
+  head[8] = ';';
+  static const char kHex[] = "0123456789abcdef";
+  const auto nerr = static_cast<unsigned>(e.nerr);
+  for (int i = 0; i < 8; ++i) head[9 + i] = kHex[(nerr >> (28 - 4 * i)) & 15u];
+  head[17] = ';';
+  out.clear();
+  out.append(prefix, prefix_len);
+  out.append(head, 18);
+  out += e.text;
+  out += "\r\n";
+}
+
+// ------------------------------------------------------- Log_Config_Data
+
+Log_Config_Data::Log_Config_Data() { register_members(); }
+
+Log_Config_Data::Log_Config_Data(Config_File& file, const std::string& section) {
+  register_members();
+  Load(file, section);
+}
+
+void Log_Config_Data::register_members() {
+  using zqcommon::Config_Data_INIT;
+  const auto& full = Config_Data_INIT.FULL;
+  // MaxFileSize is an unsigned int registered as int (same object representation).
+  Register("MaxFileSize", *reinterpret_cast<int*>(&maxsize), full, "", "", zqcommon::cfg_STORAGE);
+  Register("MaxMemEntries", maxlength, full);
+  Register("StrictSyncing", strictsync, full);
+  Register("AutoDate", autodate, full);
+  Register("FileBase", base, full);
+  Register("Extension", ext, full);
+  Register("FileMask", fmask, full);
+  Register("Mask", mask, full);
+  Register("Pmask", pmask, full);
+  Register("FlushCycle", flushcycle, full);
+  Register("CreatePermissions", create_perm, full, "", "", zqcommon::cfg_OCTAL);
+}
+
+// ------------------------------------------------------------------- Log
+
+Log::Log(Log_Config_Data& config) : cfg(&config) {}
+
+Log::~Log() {
+  if (f != nullptr) {
+    std::fflush(f);
+    std::fclose(f);
+  }
+}
+
+void Log::Next() {
+  if (f != nullptr) {
+    std::fflush(f);
+    std::fclose(f);
+    f = nullptr;
+  }
+  cfsize = 0;
+  char name[1024];
+  if (cfg->autodate != 0) {
+    int year, month, day, hour, minute;
+    double second;
+    split_unix_time(GetUTC(), year, month, day, hour, minute, second);
+    std::snprintf(name, sizeof name, "%s%04i%02i%02i-%02i%02i%02i.%s", cfg->base.c_str(), year,
+                  month, day, hour, minute, static_cast<int>(second), cfg->ext.c_str());
+  } else if (fcount == 0) {
+    std::snprintf(name, sizeof name, "%s.%s", cfg->base.c_str(), cfg->ext.c_str());
+  } else {
+    std::snprintf(name, sizeof name, "%s%02i.%s", cfg->base.c_str(), fcount, cfg->ext.c_str());
+    ++fcount;
+  }
+  fname = name;
+  ++lcount;
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (cfg->strictsync ? O_SYNC : 0);
+  const int fd = ::open(name, flags, static_cast<mode_t>(cfg->create_perm));
+  if (fd < 0) return;
+  f = fdopen(fd, "a");
+  if (f == nullptr) {
+    ::close(fd);
+    return;
+  }
+  // Strict syncing writes every line straight through; otherwise lines
+  // collect in a buffer until the flush cycle.
+  if (cfg->strictsync) {
+    std::setvbuf(f, nullptr, _IONBF, 0);
+  } else {
+    std::setvbuf(f, nullptr, _IOFBF, kFileBuffer);
+  }
+  struct stat st {};
+  if (fstat(fd, &st) == 0) cfsize += static_cast<unsigned int>(st.st_size);
+}
+
+void Log::count(eLog_Type type, int delta) {
+  switch (type) {
+    case elog_WARN: wcount += delta; break;
+    case elog_ERROR: ecount += delta; break;
+    case elog_INFO: icount += delta; break;
+    case elog_DEBUG: dcount += delta; break;
+    default: pcount += delta; break;  // panic, and any combination of bits
+  }
+}
+
+void Log::Add(Log_Entry& e) {
+  ++flushcycle;
+  if ((e.type & cfg->mask) != 0 && cfg->maxlength > 0) {
+    if (size() >= cfg->maxlength) {
+      // Reuse the oldest node for the newest entry: no allocation.
+      const eLog_Type old = back().type;
+      if (old == elog_PANIC || old == elog_ERROR || old == elog_WARN || old == elog_INFO ||
+          old == elog_DEBUG) {
+        count(old, -1);
+      }
+      splice(begin(), *this, std::prev(end()));
+      front() = e;
+    } else {
+      push_front(e);
+    }
+    count(e.type, +1);
+  }
+  const bool echo = (e.type & cfg->pmask) != 0;
+  const bool to_file = f != nullptr && (e.type & cfg->fmask) != 0;
+  if (!echo && !to_file) return;
+  formatter_.format(e, line_);
+  if (echo) std::fwrite(line_.data(), 1, line_.size(), stderr);
+  if (!to_file) return;
+  if (cfg->maxsize != 0 && cfsize + line_.size() > cfg->maxsize) Next();
+  if (f == nullptr) return;
+  std::fwrite(line_.data(), 1, line_.size(), f);
+  cfsize += static_cast<unsigned int>(line_.size());
+  const int cycle = cfg->flushcycle > 0 ? cfg->flushcycle : 1;
+  if (flushcycle % cycle == 0 || e.type == elog_PANIC) {
+    std::fflush(f);
+    flushcycle = 0;
+  }
+}
+
+void Log::Add(eLog_Type type, int nerr, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vformat_text(scratch_.text, format, args);
+  va_end(args);
+  scratch_.type = type;
+  scratch_.nerr = nerr;
+  scratch_.Now();
+  Add(scratch_);
+}
+
+void Log::Flush() {
+  if (f != nullptr) std::fflush(f);
+}
+
+void Log::Clear() {
+  clear();
+  ecount = wcount = icount = dcount = pcount = 0;
+}
+
+Log& Log::operator+=(const Log& other) {
+  if (other.empty()) return *this;
+  ecount += other.ecount;
+  wcount += other.wcount;
+  icount += other.icount;
+  dcount += other.dcount;
+  pcount += other.pcount;
+  if (&other == this) {
+    std::list<Log_Entry> copy(other.begin(), other.end());  // never append to what is read
+    splice(end(), copy);
+  } else {
+    insert(end(), other.begin(), other.end());
+  }
+  return *this;
+}
+
+unsigned int Log::GetStat() const {
+  unsigned int stat = 0;
+  if (pcount != 0) stat |= elog_PANIC;
+  if (ecount != 0) stat |= elog_ERROR;
+  if (wcount != 0) stat |= elog_WARN;
+  if (icount != 0) stat |= elog_INFO;
+  if (dcount != 0) stat |= elog_DEBUG;
+  return stat;
+}
