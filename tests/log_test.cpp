@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "support/allocation_counter.h"
 #include "zqcommon/functions.h"
 #include "zqcommon/log.h"
 
@@ -175,6 +176,19 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
   EXPECT_EQ(log.Name(), dir + "no/such/dir/log04.txt");
   log.Add(elog_ERROR, 0, "dropped");  // queued, not written, no crash
   EXPECT_EQ(log.front().text, "dropped");
+}
+
+TEST(Log, SteadyStateAddMakesNoAllocation) {
+  const std::string dir = scratch_dir();
+  Log_Config_Data cfg;
+  cfg.base = dir + "a";
+  Log log(cfg);
+  log.Start();
+  for (int i = 0; i < 300; ++i) log.Add(elog_INFO, i, "warming up entry %d with a payload", i);
+  const long before = allocations();
+  for (int i = 0; i < 1000; ++i) log.Add(elog_INFO, i, "steady entry %d with a payload", i);
+  EXPECT_EQ(allocations() - before, 0);
+  EXPECT_EQ(log.size(), 100u);
 }
 
 // A child writes N entries with StrictSyncing and is killed right after the
