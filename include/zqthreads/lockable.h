@@ -56,4 +56,16 @@ class lockable {
   pthread_mutexattr_t _attr;
 };
 
+// Holds a lockable for one scope.
+class lockable_hold {
+ public:
+  explicit lockable_hold(lockable& l) : l_(l) { l_.lock(); }
+  ~lockable_hold() { l_.unlock(); }
+  lockable_hold(const lockable_hold&) = delete;
+  lockable_hold& operator=(const lockable_hold&) = delete;
+
+ private:
+  lockable& l_;
+};
+
 #endif
