@@ -1,0 +1,153 @@
+// IPv4 TCP sockets, host look-ups, the listening socket and its access list.
+#ifndef ZQCOMMON_MYSOCKET_H
+#define ZQCOMMON_MYSOCKET_H
+
+#include <netdb.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+// The result of a host look-up: the official name, the aliases and the
+// addresses as dotted quads. A name that does not resolve leaves the text of
+// its inet_addr() value in the address list (255.255.255.255 for a host name).
+// Look-ups use the reentrant resolver calls, so threads may resolve at the
+// same time; hinfo points into storage this object (and its copies) share.
+class InetAddress {
+ public:
+  // Resolves `name` (with a reverse look-up for a dotted quad).
+  explicit InetAddress(const std::string& name);
+
+  // Looks `name` up: "" or 0.0.0.0 the local host, a dotted quad by reverse
+  // look-up (none with `noreverse`: the list then holds the quad alone), any
+  // other text by name.
+  void Resolve(const std::string& name, bool noreverse);
+  std::vector<std::string>& IPList() { return ips; }
+  std::vector<std::string>& AliasList() { return alist; }
+  std::string Name() const { return h_name; }
+  // Refills the name and the lists from hinfo.
+  void update_lists();
+
+  hostent* hinfo = nullptr;
+  std::vector<std::string> alist;
+  std::vector<std::string> ips;
+  std::string h_name;
+
+ private:
+  struct Entry;  // a host entry with the buffer it points into
+  std::shared_ptr<Entry> entry_;
+};
+
+// A TCP descriptor with its peer. Owns the descriptor: Disconnect() and the
+// destructor shut it down and close it. Blocking calls; failures are the raw
+// results of send/recv or -1. One thread at a time.
+class MySocket : public InetAddress {
+ public:
+  MySocket(const std::string& name, int sock, int port);
+  virtual ~MySocket();
+  MySocket(const MySocket&) = delete;
+  MySocket& operator=(const MySocket&) = delete;
+
+  int Socket() { return sock; }
+  int Port() { return port; }
+  bool IsValid() { return isvalid; }
+  void Disconnect();
+  // One send(); the caller handles partial writes.
+  int write(const std::string& s, int flags);
+  int write(const void* buf, unsigned int len, int flags);
+  // One recv() of up to `len` bytes; "" at end of stream or on an error.
+  std::string read(unsigned int len, int flags);
+
+  int sock;
+  int port;
+  bool issetup;
+  bool isactive;
+  bool isvalid;
+};
+
+// A socket that connects out.
+class MySocketClient : public MySocket {
+ public:
+  MySocketClient() : MySocket("", -1, 0) {}
+  // Connects to the first address of `host`; the descriptor or -1.
+  int Connect(const std::string& host, int port, bool noreverse);
+};
+
+enum ACL_Mode { ACL_ALLOW = 1, ACL_DENY = 2 };
+
+// Hosts with their masks (host order); the list owns the InetAddress objects.
+typedef std::vector<std::pair<InetAddress*, unsigned int>> Access_Addr;
+
+// Allowed and denied networks. Deny rules beat allow rules and the default is
+// to deny: an AccessList() without entries refuses everybody. A rule is
+// "host/mask" with a prefix length ("10.0.0.0/8") or a dotted mask
+// ("10.0.0.0/255.0.0.0"); a rule without a mask is ignored. A mask of 0
+// matches every address. Owns its entries; not locked.
+class AccessList : public std::map<ACL_Mode, Access_Addr*> {
+ public:
+  AccessList();
+  AccessList(ACL_Mode m, InetAddress* a, unsigned int mask);
+  AccessList(ACL_Mode m, const std::string& spec);
+  AccessList(ACL_Mode m, const std::string& host, const std::string& mask);
+  ~AccessList();
+  AccessList(const AccessList&) = delete;
+  AccessList& operator=(const AccessList&) = delete;
+
+  // Takes ownership of `a` (ignored when null).
+  void Add(ACL_Mode m, InetAddress* a, unsigned int mask);
+  void Add(ACL_Mode m, const std::string& spec);
+  // Resolves `host` (a blocking look-up). A mask below 33 is a prefix length,
+  // anything else a dotted quad, decided by the number before the first dot.
+  void Add(ACL_Mode m, const std::string& host, const std::string& mask);
+  // Adds the rules of a file's section "hosts", keys "allow" and "deny"
+  // (blank-separated rules), to those held.
+  void load_ACL(const std::string& file);
+  ACL_Mode match(InetAddress& peer);
+  // A dotted quad as a host-order number: 192.168.1.10 is 0xC0A8010A.
+  static unsigned int str2ip(const std::string& dotted);
+};
+
+// A listening socket that accepts one peer at a time and refuses peers that
+// its access list (owned, may be null) denies: they receive the 36 bytes
+// "Your IP is not allowed to connect\r\n" and a zero byte, and are closed.
+// WaitConnection() blocks in accept(); IsPending() polls. A returned peer
+// belongs to the caller once the next WaitConnection() starts; only the peer
+// still held in From() is deleted by the server. Not locked.
+class MySocketServer : public MySocket {
+ public:
+  explicit MySocketServer(AccessList* acl = nullptr);
+  ~MySocketServer() override;
+
+  // Listens on `address` ("" for every interface) and `port`; false with a
+  // message on standard error (DEBUG_LEVEL > 0) when that fails.
+  bool Start(const std::string& address, int port, int backlog);
+  // Closes the listening socket; Resume() opens it again on the same
+  // interface (and, as the port is not stored, on a port the system picks).
+  bool Stop();
+  bool Resume();
+  // The next allowed peer; null when the server does not listen (also when
+  // it is stopped while waiting).
+  MySocket* WaitConnection();
+  // True when a peer waits in the listen queue.
+  bool IsPending() const;
+  void SetAcl(AccessList* acl);
+  AccessList* Acl() const { return acl; }
+  MySocket* From() { return from; }
+  // The port the socket is bound to (useful after listening on port 0).
+  int LocalPort() const;
+
+  int backlog = 0;
+  AccessList* acl;
+  MySocket* from = nullptr;
+};
+
+// The hardware address of interface `ifname` as "00:1a:2b:3c:4d:5e"; 0 on
+// success, otherwise the failing ioctl's result (and `mac` empty).
+int get_ifmac(const std::string& ifname, std::string& mac);
+// "name;mac;" for every interface of /proc/net/dev that has a hardware
+// address; 0 when at least one was listed, 1 otherwise.
+int get_allmac(std::string& list);
+
+#endif

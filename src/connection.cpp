@@ -1,0 +1,362 @@
+// Buffered line connection over a socket or a file descriptor.
+#include "zqcommon/connection.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <algorithm>
+#include <cerrno>
+
+#include "zqcommon/bug.h"
+#include "zqcommon/functions.h"
+
+namespace {
+
+constexpr char kTerminators[] = "\n\r";
+constexpr std::string::size_type kLineLimit = 0x1FFFF;
+constexpr std::string::size_type kReadStep = 4096;
+
+// Milliseconds for poll(), rounded up so that a wait below 1 ms does not spin.
+int poll_ms(long long microseconds) {
+  if (microseconds < 0) return -1;
+  return static_cast<int>((microseconds + 1023) >> 10);
+}
+
+// write() on a pipe whose reader has gone raises SIGPIPE; the failure is the
+// result the caller needs, so the signal is kept from this thread and a
+// pending one is consumed.
+ssize_t write_without_sigpipe(int fd, const void* data, size_t len) {
+  sigset_t pipe_set, old;
+  sigemptyset(&pipe_set);
+  sigaddset(&pipe_set, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_set, &old);
+  const ssize_t n = ::write(fd, data, len);
+  const int saved = errno;
+  if (n < 0 && errno == EPIPE) {
+    const timespec none{0, 0};
+    sigtimedwait(&pipe_set, nullptr, &none);
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  errno = saved;
+  return n;
+}
+
+}  // namespace
+
+Connection::Connection() {
+  SetWriteDelay(true);
+  SetWriteBuffer(128000);
+}
+
+Connection::Connection(const Connection& other)
+    : lockable(),
+      isconnected(other.isconnected),
+      fd(other.fd),
+      modify_text(other.modify_text),
+      delayon(other.delayon),
+      buf(other.buf),
+      issocket(other.issocket) {}
+
+Connection::~Connection() { Connection::close(); }
+
+bool Connection::set_descriptor(int* descriptor, bool socket) {
+  close();
+  fd = descriptor;
+  isconnected = fd != nullptr && *fd != -1;
+  if (!isconnected) fd = nullptr;
+  issocket = socket && isconnected;
+  SetBlocking(false);
+  return isconnected;
+}
+
+bool Connection::SetFd(int* descriptor) { return set_descriptor(descriptor, false); }
+bool Connection::SetSocket(int* descriptor) { return set_descriptor(descriptor, true); }
+
+void Connection::SetBlocking(bool on) {
+  if (!holds_descriptor()) return;
+  int nonblocking = on ? 0 : 1;
+  ioctl(*fd, FIONBIO, &nonblocking);
+}
+
+void Connection::SetWriteBuffer(unsigned int size) {
+  lockable_hold hold(*this);
+  if (size == 0) {
+    buf.reset();
+  } else if (buf == nullptr) {
+    buf = std::make_shared<ConnectionBuffer>(static_cast<int>(size));
+  } else {
+    buf->maxbufsize = static_cast<int>(size);
+  }
+}
+
+bool Connection::IsConnected() {
+  if (isconnected) isconnected = holds_descriptor() && !IsError();
+  return isconnected;
+}
+
+bool Connection::IsError() {
+  if (!holds_descriptor()) return true;
+  pollfd p{*fd, POLLERR | POLLHUP, 0};
+  return poll(&p, 1, 0) > 0 && (p.revents & (POLLERR | POLLHUP)) != 0;
+}
+
+bool Connection::IsOutput(int timeout) {
+  if (!holds_descriptor()) return false;
+  pollfd p{*fd, POLLOUT, 0};
+  return poll(&p, 1, poll_ms(timeout)) > 0 && (p.revents & POLLOUT) != 0;
+}
+
+bool Connection::IsData(int timeout) { return !rbuf.empty() || IsData_core(timeout); }
+
+bool Connection::IsData_core(int timeout) {
+  if (!holds_descriptor()) return false;
+  const long long deadline = GetLLTicks() + timeout;
+  pollfd p{*fd, POLLIN | POLLPRI, 0};
+  for (bool first = true;; first = false) {
+    long long remaining = -1;
+    if (timeout >= 0) {
+      remaining = deadline - GetLLTicks();
+      if (remaining <= 0) {
+        if (!first) return false;
+        remaining = 0;  // a zero or spent time-out still looks once
+      }
+    }
+    const int rc = poll(&p, 1, poll_ms(remaining));
+    if (rc > 0) return IsConnected() && (p.revents & (POLLIN | POLLPRI)) != 0;
+    if (rc == 0 || (errno == EINTR && IsConnected())) continue;
+    return false;
+  }
+}
+
+int Connection::read_core(void* buffer, int len, int timeout) {
+  if (!IsConnected()) return -1;
+  if (!IsData_core(timeout)) return -2;
+  errno = 0;
+  const ssize_t n = issocket ? recv(*fd, buffer, static_cast<size_t>(len), 0)
+                             : ::read(*fd, buffer, static_cast<size_t>(len));
+  if (n == 0 && errno != EAGAIN && errno != EINTR) return -1;  // end of stream
+  // A descriptor reported ready that has nothing after all is not an error.
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
+  return static_cast<int>(n);
+}
+
+int Connection::write_core(const void* buffer, int len, int) {
+  if (!holds_descriptor()) return -1;
+  const ssize_t n = issocket ? send(*fd, buffer, static_cast<size_t>(len), MSG_NOSIGNAL)
+                             : write_without_sigpipe(*fd, buffer, static_cast<size_t>(len));
+  return static_cast<int>(n);
+}
+
+void Connection::take_line(std::string& s, std::string::size_type p) {
+  s.append(rbuf, 0, p);
+  const auto next = rbuf.find_first_not_of(kTerminators, p);
+  rbuf.erase(0, next == std::string::npos ? rbuf.size() : next);
+}
+
+int Connection::getline(std::string& s, int timeout) {
+  auto p = rbuf.find_first_of(kTerminators);
+  if (p != std::string::npos) {
+    take_line(s, p);
+    return static_cast<int>(p);
+  }
+  std::string::size_type used = rbuf.size();
+  const long long deadline = GetLLTicks() + timeout;
+  int result = 0;
+  for (;;) {
+    if (rbuf.size() == used) {
+      if (used > kLineLimit) {
+        result = -3;
+        break;
+      }
+      rbuf.resize(used + kReadStep);
+    }
+    long long remaining = -1;
+    if (timeout >= 0) remaining = std::max(0LL, deadline - GetLLTicks());
+    const int r = read_core(&rbuf[used], static_cast<int>(rbuf.size() - used),
+                            static_cast<int>(remaining));
+    if (r < 0) {
+      result = r;
+      break;
+    }
+    const std::string::size_type before = used;
+    used += static_cast<std::string::size_type>(r);
+    if (r > 0 && rbuf.find_first_of(kTerminators, before) < used) break;
+    if (timeout >= 0 && GetLLTicks() > deadline) break;
+  }
+  rbuf.resize(used);
+  if (result == -3 || result == -2) return result;
+  if (result < 0) {
+    ZQ_DEBUG(1, "WARNING: Connection::getline() connection unclear, considering lost (read return was %i)\n",
+             result);
+    close();
+    return -1;
+  }
+  p = rbuf.find_first_of(kTerminators);
+  if (p == std::string::npos) return 0;
+  take_line(s, p);
+  return static_cast<int>(p);
+}
+
+void Connection::modify(std::string& s) {
+  const auto hash = s.find('#');
+  if (hash != std::string::npos) s.erase(hash);
+  std::string::size_type i = 0;
+  while (i < s.size()) {
+    if (s[i] != '\b') {
+      ++i;
+    } else if (i == 0) {
+      s.erase(0, 1);
+    } else {
+      s.erase(i - 1, 2);
+      --i;
+    }
+  }
+}
+
+int Connection::readln(std::string& s, bool append, int timeout) {
+  if (!append) s.clear();
+  if (!IsConnected()) {
+    ZQ_DEBUG(1, "WARNING: Could not read from input stream!\n");
+    return 0;
+  }
+  const int r = getline(s, timeout);
+  if (modify_text && r >= 1) modify(s);
+  return r;
+}
+
+int Connection::read(std::string& s, int n, bool append, int timeout) {
+  if (fd == nullptr) return -1;
+  if (!append) s.clear();
+  const std::string::size_type start = s.size();
+  const auto want = static_cast<std::string::size_type>(n > 0 ? n : 0);
+  const auto from_buffer = std::min(want, rbuf.size());
+  s.append(rbuf, 0, from_buffer);
+  rbuf.erase(0, from_buffer);
+  if (from_buffer == want) return static_cast<int>(from_buffer);
+  if (!IsConnected()) {
+    ZQ_DEBUG(1, "WARNING: Could not read from input stream: not connected!\n");
+    return 0;
+  }
+  std::string::size_type filled = s.size();
+  s.resize(start + want);
+  while (filled < s.size() && IsConnected()) {
+    if (!IsData_core(timeout)) break;
+    const ssize_t r = issocket ? recv(*fd, &s[filled], s.size() - filled, 0)
+                               : ::read(*fd, &s[filled], s.size() - filled);
+    if (r < 0) break;
+    if (r == 0) {  // end of stream
+      close();
+      break;
+    }
+    filled += static_cast<std::string::size_type>(r);
+  }
+  s.resize(filled);
+  return static_cast<int>(s.size());
+}
+
+bool Connection::buffer_bytes(const void* data, int len) {
+  if (static_cast<long long>(buf->length()) + len >= buf->maxbufsize) {
+    ZQ_DEBUG(1, "WARNING: Connection::write_raw() buffer overflow [buf = %i, len = %i], closing.\n",
+             static_cast<int>(buf->length()), len);
+    close_core(false);
+    return false;
+  }
+  buf->buf.append(static_cast<const char*>(data), static_cast<size_t>(len));
+  return true;
+}
+
+int Connection::drain(bool flushing, int len, int timeout) {
+  for (int round = 0; round < 3; ++round) {
+    const int pending = static_cast<int>(buf->length());
+    const int r = pending != 0 ? write_core(buf->c_str(), pending, timeout) : 0;
+    if (r == pending) {
+      buf->clear();
+      break;
+    }
+    if (pending > 0 && r >= 0) {
+      buf->rp += static_cast<unsigned int>(r);
+      buf->move_if_needed(false);
+      if (!flushing) break;  // the rest stays buffered for later
+      usleep(1000);
+      continue;
+    }
+    if (r == -1) {
+      ZQ_DEBUG(1, "WARNING: Connection::write_raw() connection lost [buf = %i, len = %i], closing.\n",
+               pending, len);
+      close_core(false);
+      return -1;
+    }
+    if (r == -2) {
+      ZQ_DEBUG(1, "WARNING: Connection::write_raw() connection write timeout [buf = %i, len = %i], closing.\n",
+               pending, len);
+      close_core(false);
+      return -2;
+    }
+    usleep(1000);
+  }
+  if (!flushing) return len;
+  if (buf->length() == 0) return 0;
+  ZQ_DEBUG(1, "WARNING: Connection::write_raw() connection flush failed [buf = %i, len = %i], closing.\n",
+           static_cast<int>(buf->length()), len);
+  close_core(false);
+  return -4;
+}
+
+int Connection::write_raw(const void* data, int len, int timeout) {
+  assert(delayon && buf != nullptr);
+  if (!delayon || buf == nullptr) return -1;
+  if (!IsConnected()) {
+    ZQ_DEBUG(1, "WARNING: Connection::write_raw() disconnected, cannot write!\n");
+    return -1;
+  }
+  if (len > 0 && !buffer_bytes(data, len)) return -3;
+  return drain(len <= 0, len, timeout);
+}
+
+int Connection::writeln(const std::string& s, bool crlf, int timeout) {
+  const bool ends_crlf = s.size() >= 2 && s.compare(s.size() - 2, 2, "\r\n") == 0;
+  if (s.empty() || !crlf || ends_crlf) {
+    const int r = write_raw(s.data(), static_cast<int>(s.size()), timeout);
+    if (crlf && s.empty()) write_raw("\r\n", 2, timeout);
+    return r;
+  }
+  // The text and its line end are buffered one after the other (each with its
+  // own overflow check) and sent with one attempt.
+  if (!delayon || buf == nullptr) return -1;
+  if (!IsConnected()) {
+    ZQ_DEBUG(1, "WARNING: Connection::write_raw() disconnected, cannot write!\n");
+    return -1;
+  }
+  const int len = static_cast<int>(s.size());
+  if (!buffer_bytes(s.data(), len)) return -3;
+  if (!buffer_bytes("\r\n", 2)) return len;
+  return drain(false, len, timeout);
+}
+
+void Connection::close() {
+  if (IsConnected()) flush(0);
+  close_core(true);
+}
+
+void Connection::close_core(bool lock) {
+  if (lock) this->lock();
+  if (buf != nullptr) buf->clear();
+  rbuf.clear();
+  isconnected = false;
+  SetBlocking(false);
+  if (fd != nullptr) {
+    if (issocket && *fd != -1) shutdown(*fd, SHUT_RDWR);
+    if (*fd != -1) {
+      ::close(*fd);
+      *fd = -1;
+    }
+  }
+  issocket = false;
+  fd = nullptr;
+  if (lock) this->unlock();
+}

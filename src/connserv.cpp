@@ -1,0 +1,91 @@
+// Connection server: configuration, the accept thread and the peer list.
+#include "zqcommon/connserv.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "zqcommon/bug.h"
+#include "zqcommon/lib_config.h"
+
+namespace {
+constexpr int kBacklog = 5;
+}
+
+Connection_Server::Connection_Server(const std::string& cfgfile, const std::string& section)
+    : MySocketServer(nullptr) {
+  if (cfgfile.empty()) return;
+  cfg = new Config_File(cfgfile, "", true);
+  const int port = std::atoi(cfg->get_entry(section, "ListenPort", "0").c_str());
+  maxconn = static_cast<unsigned int>(std::atoi(cfg->get_entry(section, "MaxConnections", "0").c_str()));
+  const std::string interface = cfg->get_entry(section, "Interface", "");
+  const std::string acl_file = cfg->get_entry(section, "ACL", "");
+  acl = new AccessList();
+  LoadACL(acl_file);
+  delete cfg;
+  cfg = nullptr;
+  MySocketServer::Start(interface, port, kBacklog);
+}
+
+Connection_Server::Connection_Server(int port, int max, const std::string& interface)
+    : MySocketServer(nullptr), maxconn(static_cast<unsigned int>(max)) {
+  MySocketServer::Start(interface, port, kBacklog);
+}
+
+Connection_Server::~Connection_Server() {
+  ZQ_DEBUG(49, "Connection_Server::~Connection_Server()\n");
+  stop();
+  // Wait for the accept thread to leave its loop before the members go.
+  for (int i = 0; i < 1000 && thread::IsRunning() && !IsSuspended(); ++i) usleep(1000);
+  delete acl;
+}
+
+void Connection_Server::LoadACL(const std::string& file) {
+  if (acl != nullptr) acl->load_ACL(file);
+}
+
+void Connection_Server::SetMaxConn(unsigned int n) {
+  lockable_hold hold(*this);
+  conns.shrink(n);
+  maxconn = n;
+}
+
+MySocket* Connection_Server::operator[](unsigned int i) {
+  lockable_hold hold(*this);
+  return conns[i];
+}
+
+bool Connection_Server::IsPending() {
+  lockable_hold hold(*this);
+  return !conns.empty();
+}
+
+void Connection_Server::Remove(MySocket* p, bool del) {
+  lockable_hold hold(*this);
+  conns.Remove(p, del);
+}
+
+void* Connection_Server::run(void*) {
+  while (!issetup && !IsCancelled()) usleep(50000);
+  while (!IsCancelled()) {
+    ZQ_DEBUG(99, "Connection_Server::run()...\n");
+    bool accepted = false;
+    {
+      lockable_hold hold(*this);
+      if (conns.size() < maxconn && MySocketServer::IsPending()) {
+        if (MySocket* peer = WaitConnection()) conns.Add(peer);
+        accepted = true;
+      }
+    }
+    if (!accepted) usleep(20000);
+  }
+  ZQ_DEBUG(49, "Connection_Server::run()... ENDED\n");
+  return nullptr;
+}
+
+void Connection_Server::stop() {
+  ZQ_DEBUG(49, "Connection_Server::stop()\n");
+  SetCancel();
+  usleep(100000);
+  if (thread::IsRunning()) Kill();
+}

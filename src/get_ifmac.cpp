@@ -1,0 +1,59 @@
+// Hardware addresses of the network interfaces.
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "zqcommon/bug.h"
+#include "zqcommon/mysocket.h"
+
+int get_ifmac(const std::string& ifname, std::string& mac) {
+  mac.clear();
+  const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (s < 0) return -1;
+  ifreq req;
+  std::memset(&req, 0, sizeof req);
+  std::strncpy(req.ifr_name, ifname.c_str(), IFNAMSIZ - 1);
+  const int rc = ioctl(s, SIOCGIFHWADDR, &req);
+  if (rc == 0) {
+    static const char kDigits[] = "0123456789abcdef";
+    for (int i = 0; i < 6; ++i) {
+      const auto byte = static_cast<unsigned char>(req.ifr_hwaddr.sa_data[i]);
+      if (i != 0) mac += ':';
+      mac += kDigits[byte >> 4];
+      mac += kDigits[byte & 15];
+    }
+  }
+  ::close(s);
+  return rc;
+}
+
+int get_allmac(std::string& list) {
+  list.clear();
+  FILE* f = std::fopen("/proc/net/dev", "r");
+  if (f == nullptr) {
+    if (DEBUG_LEVEL >= 0) {
+      std::fprintf(stderr, "zqcommon: ERROR getting net config from /proc/net/dev, error: %i\n",
+                   errno);
+    }
+    return 1;
+  }
+  char line[512];
+  for (int header = 0; header < 2 && std::fgets(line, sizeof line, f) != nullptr; ++header) {
+  }
+  while (std::fgets(line, sizeof line, f) != nullptr) {
+    const char* colon = std::strchr(line, ':');
+    if (colon == nullptr) continue;
+    const char* start = colon;
+    while (start > line && start[-1] != ' ') --start;
+    const std::string name(start, colon);
+    std::string mac;
+    if (get_ifmac(name, mac) == 0) list += name + ";" + mac + ";";
+  }
+  std::fclose(f);
+  return list.empty() ? 1 : 0;
+}
