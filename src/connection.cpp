@@ -99,10 +99,14 @@ bool Connection::IsConnected() {
   return isconnected;
 }
 
+// A hang-up counts as an error only once nothing is left to read: a pipe
+// reports it as soon as its writer closes, with the last lines still unread.
 bool Connection::IsError() {
   if (!holds_descriptor()) return true;
-  pollfd p{*fd, POLLERR | POLLHUP, 0};
-  return poll(&p, 1, 0) > 0 && (p.revents & (POLLERR | POLLHUP)) != 0;
+  pollfd p{*fd, POLLIN | POLLERR | POLLHUP, 0};
+  if (poll(&p, 1, 0) <= 0) return false;
+  if (p.revents & (POLLERR | POLLNVAL)) return true;
+  return (p.revents & POLLHUP) != 0 && (p.revents & POLLIN) == 0;
 }
 
 bool Connection::IsOutput(int timeout) {
