@@ -238,7 +238,7 @@ MySocketServer::MySocketServer(AccessList* list) : MySocket("", -1, 0), acl(list
 }
 
 MySocketServer::~MySocketServer() {
-  delete from;
+  if (!from_returned_) delete from;
   delete acl;
   issetup = false;
   isactive = false;
@@ -317,6 +317,7 @@ int MySocketServer::LocalPort() const {
 MySocket* MySocketServer::WaitConnection() {
   if (sock == -1) return nullptr;
   from = nullptr;
+  from_returned_ = false;
   for (;;) {
     const int listening = __atomic_load_n(&sock, __ATOMIC_SEQ_CST);
     if (listening == -1) return nullptr;  // stopped while waiting
@@ -329,7 +330,7 @@ MySocket* MySocketServer::WaitConnection() {
       continue;
     }
     getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len);
-    delete from;
+    delete from;  // a refused peer from the previous round
     // The peer's port is kept in network byte order, as accept() gave it.
     from = new MySocket(dotted(peer.sin_addr.s_addr), fd, peer.sin_port);
     if (acl != nullptr && acl->match(*from) == ACL_DENY) {
@@ -338,6 +339,7 @@ MySocket* MySocketServer::WaitConnection() {
       from->Disconnect();
       continue;
     }
+    from_returned_ = true;  // the caller's now
     return from;
   }
 }

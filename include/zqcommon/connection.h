@@ -101,6 +101,11 @@ class Connection : public lockable {
   // Buffers and sends; `len` 0 flushes. `len` when accepted, else a failure.
   int write_raw(const void* buf, int len, int timeout = -1);
   int flush(int timeout = -1) { return write_raw(nullptr, 0, timeout); }
+  // Bytes accepted by writes but not yet sent (a server loop flushes them
+  // when the descriptor is writable again).
+  unsigned int WritePending() const { return buf != nullptr ? buf->length() : 0; }
+  // The descriptor held, or -1.
+  int Descriptor() const { return fd != nullptr ? *fd : -1; }
 
   // Cuts the text at the first '#' and applies backspaces (8).
   static void modify(std::string& s);

@@ -113,8 +113,8 @@ class AccessList : public std::map<ACL_Mode, Access_Addr*> {
 // its access list (owned, may be null) denies: they receive the 36 bytes
 // "Your IP is not allowed to connect\r\n" and a zero byte, and are closed.
 // WaitConnection() blocks in accept(); IsPending() polls. A returned peer
-// belongs to the caller once the next WaitConnection() starts; only the peer
-// still held in From() is deleted by the server. Not locked.
+// belongs to the caller at once (From() still shows it until the next call);
+// the server deletes only a refused peer it still holds. Not locked.
 class MySocketServer : public MySocket {
  public:
   explicit MySocketServer(AccessList* acl = nullptr);
@@ -141,6 +141,9 @@ class MySocketServer : public MySocket {
   int backlog = 0;
   AccessList* acl;
   MySocket* from = nullptr;
+
+ private:
+  bool from_returned_ = false;
 };
 
 // The hardware address of interface `ifname` as "00:1a:2b:3c:4d:5e"; 0 on

@@ -1,0 +1,93 @@
+// lineserver: a line protocol for many TCP clients on one thread.
+//
+//   lineserver [PORT [MAXCONN [INTERFACE]]]     (defaults: 0 = any free port, 256, 127.0.0.1)
+//
+// Prints "listening on PORT" once it listens. Every line a client sends comes
+// back as it was; "quit" ends that client's session with "bye". The accept
+// thread of Connection_Server collects peers; this loop takes each one into a
+// Connection and serves all of them from one poll(), so it never spins.
+// SIGINT or SIGTERM stops the server.
+#include <poll.h>
+#include <signal.h>
+#include <zqcommon/connection.h>
+#include <zqcommon/connserv.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+namespace {
+
+volatile sig_atomic_t g_stop = 0;
+void on_signal(int) { g_stop = 1; }
+
+// One client: its socket object (which owns the descriptor until the
+// connection closes it) and the connection over it.
+struct Client {
+  std::unique_ptr<MySocket> socket;
+  Connection conn;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int port = argc > 1 ? std::atoi(argv[1]) : 0;
+  const int maxconn = argc > 2 ? std::atoi(argv[2]) : 256;
+  const std::string interface = argc > 3 ? argv[3] : "127.0.0.1";
+  signal(SIGINT, on_signal);
+  signal(SIGTERM, on_signal);
+
+  Connection_Server server(port, maxconn, interface);
+  if (!server.isactive) {
+    std::fprintf(stderr, "lineserver: cannot listen on %s:%d\n", interface.c_str(), port);
+    return 1;
+  }
+  server.Start(nullptr);  // the accept thread
+  std::printf("listening on %d\n", server.LocalPort());
+  std::fflush(stdout);
+
+  std::vector<std::unique_ptr<Client>> clients;
+  std::vector<pollfd> fds;
+  std::string line;
+  while (!g_stop) {
+    // Take the peers the accept thread collected.
+    while (MySocket* peer = server[0]) {
+      server.Remove(peer, false);
+      auto client = std::make_unique<Client>();
+      client->socket.reset(peer);
+      client->conn.SetSocket(&client->socket->sock);
+      clients.push_back(std::move(client));
+    }
+    fds.clear();
+    for (const auto& c : clients) {
+      const short events = POLLIN | (c->conn.WritePending() != 0 ? POLLOUT : 0);
+      fds.push_back(pollfd{c->conn.Descriptor(), events, 0});
+    }
+    // Wake at least every 20 ms to pick up new peers.
+    if (poll(fds.data(), fds.size(), 20) < 0) continue;
+    for (size_t i = 0; i < clients.size(); ++i) {
+      Connection& conn = clients[i]->conn;
+      if (fds[i].revents & POLLOUT) conn.flush(0);
+      if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      // Every complete line that has arrived; a partial one waits (-2).
+      for (;;) {
+        const int r = conn.readln(line, false, 0);
+        if (r == -3) conn.close();  // a line beyond the limit: drop the client
+        if (r < 0 || (r == 0 && !conn.IsConnected())) break;
+        if (line == "quit") {
+          conn.writeln("bye");
+          conn.close();
+          break;
+        }
+        if (r > 0) conn.writeln(line);
+      }
+    }
+    // Forget the clients whose connection has ended.
+    for (size_t i = clients.size(); i-- > 0;) {
+      if (!clients[i]->conn.IsConnected()) clients.erase(clients.begin() + static_cast<long>(i));
+    }
+  }
+  server.stop();
+  return 0;
+}

@@ -1,0 +1,89 @@
+// Connection server: the accept thread, the peer limit and configuration.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+
+#include "zqcommon/connserv.h"
+
+namespace {
+
+int connect_local(int port) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(s);
+    return -1;
+  }
+  return s;
+}
+
+bool eventually(const std::function<bool()>& done, int ms = 5000) {
+  for (int waited = 0; waited < ms; waited += 5) {
+    if (done()) return true;
+    usleep(5000);
+  }
+  return done();
+}
+
+}  // namespace
+
+TEST(ConnectionServer, HoldsUpToMaxConnAndHandsPeersOver) {
+  Connection_Server server(0, 1, "127.0.0.1");
+  ASSERT_TRUE(server.isactive);
+  server.Start(nullptr);
+  const int a = connect_local(server.LocalPort());
+  const int b = connect_local(server.LocalPort());
+  ASSERT_TRUE(a >= 0 && b >= 0);
+  ASSERT_TRUE(eventually([&] { return server.IsPending(); }));
+  MySocket* first = server[0];
+  ASSERT_NE(first, nullptr);
+  usleep(100000);
+  EXPECT_EQ(server[1], nullptr);  // the second waits in the listen queue
+  server.Remove(first, true);     // done with the first (deleted, closed)
+  ASSERT_TRUE(eventually([&] { return server[0] != nullptr; }));
+  MySocket* second = server[0];
+  server.Remove(second, false);  // taken: now ours
+  EXPECT_FALSE(server.IsPending());
+  EXPECT_EQ(send(b, "x", 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(second->read(4, 0), "x");
+  delete second;
+  close(a);
+  close(b);
+
+  // SetMaxConn(0) empties the list without closing the held sockets.
+  server.SetMaxConn(2);
+  const int c = connect_local(server.LocalPort());
+  ASSERT_TRUE(eventually([&] { return server.IsPending(); }));
+  MySocket* held = server[0];
+  server.SetMaxConn(0);
+  EXPECT_FALSE(server.IsPending());
+  EXPECT_GE(held->Socket(), 0);
+  delete held;
+  close(c);
+  server.stop();
+  EXPECT_TRUE(server.IsCancelled());
+}
+
+TEST(ConnectionServer, ConfigurationKeys) {
+  const std::string path = ::testing::TempDir() + "zq_connserv.cfg";
+  std::ofstream(path) << "[srv]\nListenPort = 0\nInterface = 127.0.0.1\n";  // no MaxConnections
+  Connection_Server nobody(path, "srv");
+  ASSERT_TRUE(nobody.isactive);
+  EXPECT_EQ(nobody.MaxConn(), 0u);
+  nobody.Start(nullptr);
+  const int s = connect_local(nobody.LocalPort());
+  usleep(100000);
+  EXPECT_FALSE(nobody.IsPending());  // listens, accepts nobody
+  close(s);
+
+  Connection_Server idle("", "srv");  // no file: not started
+  EXPECT_FALSE(idle.isactive);
+  std::remove(path.c_str());
+}

@@ -1,0 +1,168 @@
+// The example line server as a separate process: many concurrent clients get
+// every line back in order, and misbehaving peers do not disturb the others.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Runs the example server on a free port; stops it (by its pid) on destruction.
+class ServerProcess {
+ public:
+  ServerProcess() {
+#ifdef ZQ_LINESERVER_PATH
+    const char* path = ZQ_LINESERVER_PATH;
+#else
+    const char* path = "";
+#endif
+    if (access(path, X_OK) != 0) return;
+    int out[2];
+    if (pipe(out) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      close(out[0]);
+      close(out[1]);
+      execl(path, path, "0", "512", "127.0.0.1", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(out[1]);
+    char text[64] = {};
+    ssize_t n = 0, got;
+    while (n < 63 && (got = read(out[0], text + n, 1)) == 1 && text[n] != '\n') ++n;
+    close(out[0]);
+    if (std::sscanf(text, "listening on %d", &port_) != 1) port_ = 0;
+  }
+  ~ServerProcess() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+  }
+  int port() const { return port_; }
+
+ private:
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+int connect_local(int port) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
+    usleep(10000);
+  }
+  close(s);
+  return -1;
+}
+
+// Reads until `want` bytes arrived or 30 s passed.
+std::string receive(int s, size_t want) {
+  timeval tv{30, 0};
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  std::string data;
+  char chunk[16384];
+  while (data.size() < want) {
+    const ssize_t n = recv(s, chunk, sizeof chunk, 0);
+    if (n <= 0) break;
+    data.append(chunk, static_cast<size_t>(n));
+  }
+  return data;
+}
+
+bool send_all(int s, const std::string& data) {
+  size_t sent = 0;
+  while (sent < data.size()) {
+    const ssize_t n = send(s, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// One well-behaved client on socket `s`: sends `lines` numbered lines,
+// expects them back, closes.
+bool echo_lines(int s, int id, int lines) {
+  if (s < 0) return false;
+  std::string out, want;
+  for (int i = 0; i < lines; ++i) {
+    const std::string line = "client " + std::to_string(id) + " line " + std::to_string(i);
+    out += line + "\n";
+    want += line + "\r\n";
+  }
+  const bool ok = send_all(s, out) && receive(s, want.size()) == want;
+  close(s);
+  return ok;
+}
+
+bool echo_client(int port, int id, int lines) { return echo_lines(connect_local(port), id, lines); }
+
+}  // namespace
+
+TEST(LineServer, TwoHundredConcurrentClients) {
+  ServerProcess server;
+  if (server.port() == 0) GTEST_SKIP() << "the example server was not built";
+  const int kClients = 200, kLines = 1000;
+  // Connect all clients first, paced: the server's listen queue holds 5.
+  std::vector<int> sockets;
+  for (int id = 0; id < kClients; ++id) {
+    sockets.push_back(connect_local(server.port()));
+    usleep(5000);
+  }
+  std::atomic<int> good{0};
+  const auto t0 = std::chrono::steady_clock::now();
+  std::vector<std::thread> clients;
+  for (int id = 0; id < kClients; ++id) {
+    clients.emplace_back([&, id] {
+      if (echo_lines(sockets[id], id, kLines)) ++good;
+    });
+  }
+  for (auto& c : clients) c.join();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  EXPECT_EQ(good, kClients);
+  EXPECT_LT(seconds, 120.0);
+  std::printf("%d clients x %d lines echoed in %.2f s (%.0f lines/s)\n", kClients, kLines, seconds,
+              kClients * kLines / seconds);
+}
+
+TEST(LineServer, MisbehavingPeersDoNotDisturbOthers) {
+  ServerProcess server;
+  if (server.port() == 0) GTEST_SKIP() << "the example server was not built";
+  const int port = server.port();
+  // A peer that vanishes mid-line, one that sends 140,000 bytes without a
+  // line end, one that sends NUL bytes and noise, one that never reads.
+  const int vanish = connect_local(port);
+  send_all(vanish, "half a li");
+  close(vanish);
+  const int flood = connect_local(port);
+  send_all(flood, std::string(140000, 'x'));
+  const int noise = connect_local(port);
+  std::string junk;
+  for (int i = 0; i < 5000; ++i) junk += static_cast<char>((i * 7919) & 0xFF);
+  send_all(noise, junk + std::string("\0\0\n", 3));
+  const int deaf = connect_local(port);
+  std::string lots;
+  for (int i = 0; i < 200000; ++i) lots += "never read me " + std::to_string(i) + "\n";
+  send_all(deaf, lots);  // its answers pile up until the server drops it
+  EXPECT_TRUE(echo_client(port, 1, 100));
+  EXPECT_EQ(receive(flood, 1), "");  // dropped: the line was too long
+  close(flood);
+  close(noise);
+  close(deaf);
+  EXPECT_TRUE(echo_client(port, 2, 100));
+}
