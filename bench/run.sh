@@ -12,3 +12,5 @@ echo
 "$build/config_bench"
 echo
 "$build/log_bench"
+echo
+"$build/echo_bench"

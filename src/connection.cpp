@@ -115,7 +115,7 @@ bool Connection::IsOutput(int timeout) {
   return poll(&p, 1, poll_ms(timeout)) > 0 && (p.revents & POLLOUT) != 0;
 }
 
-bool Connection::IsData(int timeout) { return !rbuf.empty() || IsData_core(timeout); }
+bool Connection::IsData(int timeout) { return rbuf.size() > rpos_ || IsData_core(timeout); }
 
 bool Connection::IsData_core(int timeout) {
   if (!holds_descriptor()) return false;
@@ -157,17 +157,34 @@ int Connection::write_core(const void* buffer, int len, int) {
 }
 
 void Connection::take_line(std::string& s, std::string::size_type p) {
-  s.append(rbuf, 0, p);
+  s.append(rbuf, rpos_, p - rpos_);
   const auto next = rbuf.find_first_not_of(kTerminators, p);
-  rbuf.erase(0, next == std::string::npos ? rbuf.size() : next);
+  rpos_ = next == std::string::npos ? rbuf.size() : next;
+  consumed();
+}
+
+// Handed-out bytes stay in front of rpos_ until they are more than half of
+// the buffer, so a window of lines is not moved once per line.
+void Connection::consumed() {
+  if (rpos_ == rbuf.size()) {
+    rbuf.clear();
+    rpos_ = 0;
+  } else if (rpos_ > rbuf.size() / 2) {
+    rbuf.erase(0, rpos_);
+    rpos_ = 0;
+  }
 }
 
 int Connection::getline(std::string& s, int timeout) {
-  auto p = rbuf.find_first_of(kTerminators);
+  auto p = rbuf.find_first_of(kTerminators, rpos_);
   if (p != std::string::npos) {
+    const auto length = p - rpos_;
     take_line(s, p);
-    return static_cast<int>(p);
+    return static_cast<int>(length);
   }
+  // Only a partial line is left: move it to the front before reading more.
+  rbuf.erase(0, rpos_);
+  rpos_ = 0;
   std::string::size_type used = rbuf.size();
   const long long deadline = GetLLTicks() + timeout;
   int result = 0;
@@ -224,7 +241,10 @@ void Connection::modify(std::string& s) {
 
 int Connection::readln(std::string& s, bool append, int timeout) {
   if (!append) s.clear();
-  if (!IsConnected()) {
+  // A complete line already read ahead is handed out without asking the
+  // descriptor (which also keeps it readable after the peer hung up).
+  const bool line_ready = rbuf.find_first_of(kTerminators, rpos_) != std::string::npos;
+  if (!line_ready && !IsConnected()) {
     ZQ_DEBUG(1, "WARNING: Could not read from input stream!\n");
     return 0;
   }
@@ -238,9 +258,10 @@ int Connection::read(std::string& s, int n, bool append, int timeout) {
   if (!append) s.clear();
   const std::string::size_type start = s.size();
   const auto want = static_cast<std::string::size_type>(n > 0 ? n : 0);
-  const auto from_buffer = std::min(want, rbuf.size());
-  s.append(rbuf, 0, from_buffer);
-  rbuf.erase(0, from_buffer);
+  const auto from_buffer = std::min(want, rbuf.size() - rpos_);
+  s.append(rbuf, rpos_, from_buffer);
+  rpos_ += from_buffer;
+  consumed();
   if (from_buffer == want) return static_cast<int>(from_buffer);
   if (!IsConnected()) {
     ZQ_DEBUG(1, "WARNING: Could not read from input stream: not connected!\n");
@@ -261,6 +282,15 @@ int Connection::read(std::string& s, int n, bool append, int timeout) {
   }
   s.resize(filled);
   return static_cast<int>(s.size());
+}
+
+// The state flags only: a peer that has gone shows when the send fails, which
+// closes the connection with the same result (-1), so no poll per write.
+bool Connection::writable() {
+  if (isconnected && holds_descriptor()) return true;
+  isconnected = false;
+  ZQ_DEBUG(1, "WARNING: Connection::write_raw() disconnected, cannot write!\n");
+  return false;
 }
 
 bool Connection::buffer_bytes(const void* data, int len) {
@@ -314,10 +344,7 @@ int Connection::drain(bool flushing, int len, int timeout) {
 int Connection::write_raw(const void* data, int len, int timeout) {
   assert(delayon && buf != nullptr);
   if (!delayon || buf == nullptr) return -1;
-  if (!IsConnected()) {
-    ZQ_DEBUG(1, "WARNING: Connection::write_raw() disconnected, cannot write!\n");
-    return -1;
-  }
+  if (!writable()) return -1;
   if (len > 0 && !buffer_bytes(data, len)) return -3;
   return drain(len <= 0, len, timeout);
 }
@@ -332,10 +359,7 @@ int Connection::writeln(const std::string& s, bool crlf, int timeout) {
   // The text and its line end are buffered one after the other (each with its
   // own overflow check) and sent with one attempt.
   if (!delayon || buf == nullptr) return -1;
-  if (!IsConnected()) {
-    ZQ_DEBUG(1, "WARNING: Connection::write_raw() disconnected, cannot write!\n");
-    return -1;
-  }
+  if (!writable()) return -1;
   const int len = static_cast<int>(s.size());
   if (!buffer_bytes(s.data(), len)) return -3;
   if (!buffer_bytes("\r\n", 2)) return len;
@@ -351,6 +375,7 @@ void Connection::close_core(bool lock) {
   if (lock) this->lock();
   if (buf != nullptr) buf->clear();
   rbuf.clear();
+  rpos_ = 0;
   isconnected = false;
   SetBlocking(false);
   if (fd != nullptr) {

@@ -128,6 +128,9 @@ class Connection : public lockable {
 
  private:
   bool set_descriptor(int* fd, bool socket);
+  bool writable();
+  void consumed();
+  std::string::size_type rpos_ = 0;  // rbuf's bytes before this were handed out
   // Appends `len` bytes to the write buffer; false (closed, -3) on overflow.
   bool buffer_bytes(const void* data, int len);
   // Sends what is buffered: one attempt for a write, three rounds for a flush.
