@@ -1,30 +1,3 @@
 #!/usr/bin/env bash
-# Fuzzes the configuration parser with libFuzzer under ASan and UBSan.
-#   scripts/fuzz-config.sh [SECONDS]   (default 30; CI runs the default)
-# Crashing inputs are left in the build folder as crash-*; the corpus grows in
-# build-fuzz/corpus and is reused by later runs.
-set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-seconds=${1:-30}
-build=${BUILD_DIR:-$root/build-fuzz}
-bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
-
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DZQ_SANITIZE=fuzzer-no-link,address,undefined -DZQ_BUILD_FUZZERS=ON \
-  -DZQ_BUILD_TESTS=OFF -DZQ_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$build" --target config_fuzz >/dev/null
-
-corpus="$build/corpus"
-mkdir -p "$corpus"
-# Seeds: the forms the parser knows.
-printf '[Net]\n  port = 4711   # tcp\nhost="a#b" # c\n\n[General\n= x\n[]\nmy key=5\n' > "$corpus/seed1"
-printf '#!magic\r\n[s]\r\nk = \\"q # c\r\r\n\0z=1\n' > "$corpus/seed2"
-# Lines at the reader's 1023-character limit.
-{ printf '[s]\nk='; head -c 1021 /dev/zero | tr '\0' x; printf '\n['; head -c 1022 /dev/zero | tr '\0' y
-  printf '\nz=1\n'; } > "$corpus/seed3"
-
-cd "$build"
-export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-./tests/fuzz/config_fuzz -max_total_time="$seconds" -max_len=4096 -print_final_stats=1 \
-  -rss_limit_mb=2048 "$corpus" 2>&1 | tail -n 12
+# Fuzzes the configuration parser: scripts/fuzz-config.sh [SECONDS] (default 30).
+exec bash "$(dirname "$0")/fuzz.sh" config "${1:-30}"

@@ -94,8 +94,10 @@ void Connection::SetWriteBuffer(unsigned int size) {
   }
 }
 
+// Input still read ahead keeps a connection connected: its lines are handed
+// out before a hang-up of the descriptor counts.
 bool Connection::IsConnected() {
-  if (isconnected) isconnected = holds_descriptor() && !IsError();
+  if (isconnected) isconnected = holds_descriptor() && (rbuf.size() > rpos_ || !IsError());
   return isconnected;
 }
 
