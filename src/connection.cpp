@@ -94,10 +94,14 @@ void Connection::SetWriteBuffer(unsigned int size) {
   }
 }
 
-// Input still read ahead keeps a connection connected: its lines are handed
-// out before a hang-up of the descriptor counts.
+// A complete line still read ahead keeps a connection connected: such lines
+// are handed out before a hang-up of the descriptor counts. (A partial line
+// alone does not: after a hang-up it can never be completed.)
 bool Connection::IsConnected() {
-  if (isconnected) isconnected = holds_descriptor() && (rbuf.size() > rpos_ || !IsError());
+  if (isconnected) {
+    const bool line_ready = rbuf.find_first_of(kTerminators, rpos_) != std::string::npos;
+    isconnected = holds_descriptor() && (line_ready || !IsError());
+  }
   return isconnected;
 }
 
@@ -161,8 +165,17 @@ int Connection::write_core(const void* buffer, int len, int) {
 void Connection::take_line(std::string& s, std::string::size_type p) {
   s.append(rbuf, rpos_, p - rpos_);
   const auto next = rbuf.find_first_not_of(kTerminators, p);
-  rpos_ = next == std::string::npos ? rbuf.size() : next;
+  // A run of terminators that reaches the end of what has arrived may go on
+  // in the next read ("\r" now, "\n" later): remember to swallow the rest.
+  in_terminators_ = next == std::string::npos;
+  rpos_ = in_terminators_ ? rbuf.size() : next;
   consumed();
+}
+
+void Connection::skip_terminators(std::string::size_type end) {
+  if (!in_terminators_) return;
+  while (rpos_ < end && (rbuf[rpos_] == '\n' || rbuf[rpos_] == '\r')) ++rpos_;
+  if (rpos_ < end) in_terminators_ = false;
 }
 
 // Handed-out bytes stay in front of rpos_ until they are more than half of
@@ -178,6 +191,7 @@ void Connection::consumed() {
 }
 
 int Connection::getline(std::string& s, int timeout) {
+  skip_terminators(rbuf.size());
   auto p = rbuf.find_first_of(kTerminators, rpos_);
   if (p != std::string::npos) {
     const auto length = p - rpos_;
@@ -192,7 +206,7 @@ int Connection::getline(std::string& s, int timeout) {
   int result = 0;
   for (;;) {
     if (rbuf.size() == used) {
-      if (used > kLineLimit) {
+      if (used - rpos_ > kLineLimit) {
         result = -3;
         break;
       }
@@ -208,21 +222,29 @@ int Connection::getline(std::string& s, int timeout) {
     }
     const std::string::size_type before = used;
     used += static_cast<std::string::size_type>(r);
-    if (r > 0 && rbuf.find_first_of(kTerminators, before) < used) break;
+    skip_terminators(used);
+    if (r > 0 && rbuf.find_first_of(kTerminators, std::max(before, rpos_)) < used) break;
     if (timeout >= 0 && GetLLTicks() > deadline) break;
   }
   rbuf.resize(used);
-  if (result == -3 || result == -2) return result;
+  if (result == -3 || result == -2) {
+    consumed();
+    return result;
+  }
   if (result < 0) {
     ZQ_DEBUG(1, "WARNING: Connection::getline() connection unclear, considering lost (read return was %i)\n",
              result);
     close();
     return -1;
   }
-  p = rbuf.find_first_of(kTerminators);
-  if (p == std::string::npos) return 0;
+  p = rbuf.find_first_of(kTerminators, rpos_);
+  if (p == std::string::npos) {
+    consumed();
+    return 0;
+  }
+  const auto length = p - rpos_;
   take_line(s, p);
-  return static_cast<int>(p);
+  return static_cast<int>(length);
 }
 
 void Connection::modify(std::string& s) {
@@ -378,6 +400,7 @@ void Connection::close_core(bool lock) {
   if (buf != nullptr) buf->clear();
   rbuf.clear();
   rpos_ = 0;
+  in_terminators_ = false;
   isconnected = false;
   SetBlocking(false);
   if (fd != nullptr) {

@@ -58,6 +58,14 @@ TEST(Connection, LinesTerminatorsAndEditing) {
   EXPECT_EQ(line, "ac");
   c.readln(line, false, kSecond);
   EXPECT_EQ(line, "z");
+  // A line end split over two reads is still one line end.
+  p.feed("split\r");
+  c.readln(line, false, kSecond);
+  EXPECT_EQ(line, "split");
+  p.feed("\nnext\n");
+  c.readln(line, false, kSecond);
+  EXPECT_EQ(line, "next");
+
   c.Set_Modify(false);
   p.feed("keep # this\n");
   c.readln(line, false, kSecond);

@@ -130,6 +130,9 @@ class Connection : public lockable {
   bool set_descriptor(int* fd, bool socket);
   bool writable();
   void consumed();
+  // Swallows terminators at rpos_ (before `end`) that continue a run.
+  void skip_terminators(std::string::size_type end);
+  bool in_terminators_ = false;
   std::string::size_type rpos_ = 0;  // rbuf's bytes before this were handed out
   // Appends `len` bytes to the write buffer; false (closed, -3) on overflow.
   bool buffer_bytes(const void* data, int len);
