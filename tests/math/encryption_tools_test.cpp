@@ -1,0 +1,16 @@
+#include <gtest/gtest.h>
+
+#include "zqmath/encryption_tools.h"
+
+TEST(BitFunctions, SwapsAndRotations) {
+  EXPECT_EQ(Swap32(0x11223344u), 0x44332211u);
+  EXPECT_EQ(LRot32(0x80000001u, 1), 0x00000003u);
+  EXPECT_EQ(RRot32(0x00000003u, 1), 0x80000001u);
+  EXPECT_EQ(LRot32(0x12345678u, 0), 0x12345678u);
+  EXPECT_EQ(LRot32(0x12345678u, 32), 0x12345678u);
+  EXPECT_EQ(LRot32(0x12345678u, 36), LRot32(0x12345678u, 4));
+  EXPECT_EQ(RRot32(0x12345678u, -28), RRot32(0x12345678u, 4));
+  EXPECT_EQ(LRot32_p(0xFFFFFFFFu, 2, 4), 0x10u);
+  EXPECT_EQ(LRot32_m(0, 1, 4), 0xFFFFFFFFu);
+  EXPECT_EQ(LRot32_x(0xF0F0F0F0u, 0xFFFFFFFFu, 4), 0xF0F0F0F0u);
+}
