@@ -1,0 +1,237 @@
+// Start-TLS connections against Python's ssl module (server and client) and
+// between two of our own, plus the set-up pieces.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/dh.h>
+
+#include <atomic>
+
+#include "zqcommon/bug.h"
+#include "zqcommon/mysocket.h"
+#include "zqsecurity/sslcommon.h"
+#include "zqsecurity/sslconnection.h"
+
+using ZQSecurity::SSLConnection;
+
+namespace {
+
+constexpr int kWait = 10 * Connection::wait_1s;
+
+// Runs the Python peer; its exit status.
+struct Peer {
+  pid_t pid = -1;
+  FILE* out = nullptr;
+  explicit Peer(const std::vector<std::string>& args) {
+    int p[2];
+    if (pipe(p) != 0) return;
+    pid = fork();
+    if (pid == 0) {
+      dup2(p[1], STDOUT_FILENO);
+      close(p[0]);
+      close(p[1]);
+      std::vector<char*> argv = {const_cast<char*>("python3"), const_cast<char*>(ZQ_TLS_PEER)};
+      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execvp("python3", argv.data());
+      _exit(127);
+    }
+    close(p[1]);
+    out = fdopen(p[0], "r");
+  }
+  int port() {
+    int port = 0;
+    return out != nullptr && std::fscanf(out, "%d", &port) == 1 ? port : 0;
+  }
+  int wait() {
+    int status = -1;
+    if (pid > 0) waitpid(pid, &status, 0);
+    pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  ~Peer() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      wait();
+    }
+    if (out != nullptr) fclose(out);
+  }
+};
+
+std::string line_of(Connection& c) {
+  std::string line;
+  c.readln(line, false, kWait);
+  return line;
+}
+
+// One side of the exchange on an open connection.
+void serve_exchange(Connection& c) {
+  EXPECT_EQ(line_of(c), "PLAIN hello");
+  c.writeln("PLAIN ok");
+  EXPECT_EQ(line_of(c), "STARTTLS");
+  c.writeln("GO");
+  EXPECT_EQ(c.flush(), 0);
+  c.SSL_setup(true, "", "", "");
+  ASSERT_TRUE(c.SSL_start_TLS(true));
+  EXPECT_TRUE(c.IsEncrypted());
+  EXPECT_EQ(line_of(c), "SECRET ping");
+  c.writeln("SECRET pong");
+  EXPECT_EQ(c.flush(), 0);
+}
+
+void client_exchange(Connection& c) {
+  c.writeln("PLAIN hello");
+  EXPECT_EQ(line_of(c), "PLAIN ok");
+  c.writeln("STARTTLS");
+  EXPECT_EQ(line_of(c), "GO");
+  c.SSL_setup(false, "", "", "");
+  ASSERT_TRUE(c.SSL_start_TLS(false));
+  EXPECT_TRUE(c.IsEncrypted());
+  c.writeln("SECRET ping");
+  EXPECT_EQ(line_of(c), "SECRET pong");
+}
+
+}  // namespace
+
+TEST(SSLConnection, PythonClientAgainstOurServer) {
+  const int saved = DEBUG_LEVEL;
+  DEBUG_LEVEL = -1;  // keep the DH callback quiet
+  MySocketServer server;
+  ASSERT_TRUE(server.Start("127.0.0.1", 0, 5));
+  Peer peer({"client", std::to_string(server.LocalPort())});
+  MySocket* s = server.WaitConnection();
+  ASSERT_NE(s, nullptr);
+  {
+    SSLConnection c;
+    ASSERT_TRUE(c.SetSocket(&s->sock));
+    serve_exchange(c);
+    EXPECT_EQ(peer.wait(), 0);
+    c.close();
+    EXPECT_FALSE(c.IsEncrypted());
+  }
+  delete s;
+  DEBUG_LEVEL = saved;
+}
+
+TEST(SSLConnection, OurClientAgainstPythonServer) {
+  const int saved = DEBUG_LEVEL;
+  DEBUG_LEVEL = -1;
+  Peer peer({"server"});
+  const int port = peer.port();
+  ASSERT_GT(port, 0);
+  MySocketClient client;
+  ASSERT_GE(client.Connect("127.0.0.1", port, true), 0);
+  SSLConnection c;
+  ASSERT_TRUE(c.SetSocket(&client.sock));
+  client_exchange(c);
+  EXPECT_EQ(peer.wait(), 0);
+  DEBUG_LEVEL = saved;
+}
+
+TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
+  const int saved = DEBUG_LEVEL;
+  DEBUG_LEVEL = -1;
+  MySocketServer server;
+  ASSERT_TRUE(server.Start("127.0.0.1", 0, 5));
+  std::thread server_side([&] {
+    MySocket* s = server.WaitConnection();
+    {
+      SSLConnection c;  // holds a pointer to s->sock: goes before s
+      c.SetSocket(&s->sock);
+      serve_exchange(c);
+      EXPECT_EQ(line_of(c), "bye");
+    }
+    delete s;
+  });
+  MySocketClient client;
+  ASSERT_GE(client.Connect("127.0.0.1", server.LocalPort(), true), 0);
+  SSLConnection c;
+  c.SetSocket(&client.sock);
+  client_exchange(c);
+  // An encrypted read with a time-out waits like a clear one.
+  std::string idle;
+  EXPECT_EQ(c.readln(idle, false, 50 * Connection::wait_1ms), -2);
+  EXPECT_TRUE(c.IsConnected());
+  EXPECT_TRUE(c.IsEncrypted());
+  c.writeln("bye");
+  c.flush();
+  server_side.join();
+  DEBUG_LEVEL = saved;
+
+  // Without SSL_setup the switch is refused and clear text goes on.
+  int sv[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+  SSLConnection a, b;
+  a.SetSocket(&sv[0]);
+  b.SetSocket(&sv[1]);
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(a.SSL_start_TLS(true));
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
+                "cannot setup ssl object, since no SSL_CTX was prepared"),
+            std::string::npos);
+  EXPECT_FALSE(a.IsEncrypted());
+  a.writeln("still clear");
+  EXPECT_EQ(line_of(b), "still clear");
+
+  // create_connection keeps the class.
+  Connection plain;
+  std::unique_ptr<Connection> p(ZQSecurity::create_connection(plain));
+  EXPECT_FALSE(p->SSL_support());
+  std::unique_ptr<Connection> q(ZQSecurity::create_connection(a));
+  EXPECT_TRUE(q->SSL_support());
+  std::unique_ptr<Connection> fresh(ZQSecurity::create_connection());
+  EXPECT_TRUE(fresh->SSL_support());
+  q.reset();  // a copy: closing it closes the shared descriptor; a notices
+}
+
+TEST(SSLSetup, LockTableAndDHGroups) {
+  ZQSecurity::SSLLocking table;
+  table.lock(3);
+  table.lock(3);  // recursive
+  std::atomic<bool> got{false};
+  std::thread other([&] {
+    table.lock(4);  // another number is not held up by 3
+    table.unlock(4);
+    table.lock(3);
+    got = true;
+    table.unlock(3);
+  });
+  usleep(50000);
+  EXPECT_FALSE(got);
+  table.unlock(3);
+  table.unlock(3);
+  other.join();
+  EXPECT_TRUE(got);
+  table.unlock(99);  // unknown: nothing
+  EXPECT_EQ(table.locks.size(), 2u);
+  ZQSecurity::locking_callback(1, 7, __FILE__, __LINE__);
+  ZQSecurity::locking_callback(0, 7, __FILE__, __LINE__);
+  EXPECT_NE(ZQSecurity::id_callback(), 0u);
+
+  const int saved = DEBUG_LEVEL;
+  DEBUG_LEVEL = 0;
+  ::testing::internal::CaptureStderr();
+  DH* a = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
+  DH* b = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
+  DH* odd = ZQSecurity::tmp_dh_callback(nullptr, 0, 777);
+  DH* big = ZQSecurity::tmp_dh_callback(nullptr, 0, 4096);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "tmp_dh_callback for keylen 1024 called!\ntmp_dh_callback for keylen 1024 called!\n"
+            "tmp_dh_callback for keylen 777 called!\n"
+            "tmp_dh_callback wants keylen 777, which is not provided!\n"
+            "tmp_dh_callback for keylen 4096 called!\n");
+  DEBUG_LEVEL = saved;
+  EXPECT_NE(a, nullptr);
+  EXPECT_EQ(a, b);  // cached
+  EXPECT_EQ(odd, big);  // the strongest group
+  for (DH* (*make)() : {ZQSecurity::get_dh512, ZQSecurity::get_dh2048}) {
+    DH* dh = make();
+    EXPECT_NE(dh, nullptr);
+    DH_free(dh);
+  }
+}
