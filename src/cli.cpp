@@ -1,0 +1,404 @@
+// Command interpreter: registry, prompt, substitution, parsing and line editing.
+#include "zqcommon/cli.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "zqcommon/functions.h"
+
+namespace {
+constexpr size_t kMaxWords = 100;
+}
+
+CLI::CLI(FILE* in, FILE* out, FILE* err, unsigned int) : _stdin(in), _stdout(out), _stderr(err) {
+  if (tcgetattr(fileno(_stdin), &old_termio) == 0) {
+    termio_saved_ = true;
+    new_termio = old_termio;
+    new_termio.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
+    tcsetattr(fileno(_stdin), TCSANOW, &new_termio);
+  }
+  update_internal();
+  static const struct {
+    const char* name;
+    CLI_func cb;
+    const char* help;
+  } kBuiltins[] = {
+      {"help", cmd_help, "Usage: help [command]"},
+      {"set", cmd_set, "Usage: set [var=value]"},
+      {"unset", cmd_unset, "Usage: set [var=value]"},
+      {"echo", cmd_echo, "Usage: echo [-n] [expression]"},
+      {"history", cmd_history, "Usage: history [-c]"},
+      {"quit", cmd_quit, "Will quit current command."},
+      {"exit", cmd_quit, "Will end the CLI session."},
+  };
+  for (const auto& b : kBuiltins) {
+    if (CLI_cmd_map_entry* e = register_core(b.cb, this, b.name, nullptr, b.help)) e->internal = true;
+  }
+  vars["VERSION"] = "0.1";
+  vars["_"] = "";
+  vars["cmdline"] = "";
+}
+
+CLI::~CLI() {
+  if (termio_saved_) tcsetattr(fileno(_stdin), TCSANOW, &old_termio);
+}
+
+// ------------------------------------------------------------- registry
+
+bool CLI::Register(CLI_func cb, void* arg, const std::string& name, CLI_func parent,
+                   const std::string& help) {
+  return register_core(cb, arg, name, parent, help) != nullptr;
+}
+
+CLI::CLI_cmd_map_entry* CLI::register_core(CLI_func cb, void* arg, const std::string& name,
+                                           CLI_func parent, const std::string& help) {
+  if (cb == nullptr) return nullptr;
+  cmd_map* target = &_cmap;
+  if (parent != nullptr) {
+    CLI_cmd_map_entry* p = find_command_recursive(parent);
+    if (p == nullptr) return nullptr;
+    target = &p->cmap;
+  }
+  if (target->count(name) != 0) return nullptr;
+  auto entry = std::make_unique<CLI_cmd_map_entry>();
+  entry->cb = cb;
+  entry->arg = arg;
+  entry->cmd_help = help;
+  entry->parent_map = target == &_cmap ? nullptr : target;
+  auto it = target->emplace(name, entry.get()).first;
+  entry->name = &it->first;
+  entries_.push_back(std::move(entry));
+  return it->second;
+}
+
+CLI::CLI_cmd_map_entry* CLI::find_command(const std::string& name) {
+  auto it = _cmap.find(name);
+  if (it != _cmap.end()) return it->second;
+  if (cmap != &_cmap && !cmap->empty()) {
+    it = cmap->find(name);
+    if (it != cmap->end()) return it->second;
+  }
+  return nullptr;
+}
+
+CLI::CLI_cmd_map_entry* CLI::find_command(CLI_func cb, cmd_map* map) {
+  if (map == nullptr) return nullptr;
+  for (auto& item : *map) {
+    if (item.second->cb == cb) return item.second;
+  }
+  return nullptr;
+}
+
+CLI::CLI_cmd_map_entry* CLI::find_command_recursive(CLI_func cb) {
+  auto search = [this, cb](cmd_map* map) -> CLI_cmd_map_entry* {
+    for (auto& item : *map) {
+      if (item.second->cb == cb) return item.second;
+      if (CLI_cmd_map_entry* child = find_command(cb, &item.second->cmap)) return child;
+    }
+    return nullptr;
+  };
+  if (CLI_cmd_map_entry* e = search(&_cmap)) return e;
+  if (cmap != &_cmap && !cmap->empty()) return search(cmap);
+  return nullptr;
+}
+
+// The entry whose sub-level is `map`, searched from `within` downwards.
+CLI::CLI_cmd_map_entry* CLI::owner_of(cmd_map* map, cmd_map* within) {
+  for (auto& item : *within) {
+    if (&item.second->cmap == map) return item.second;
+    if (CLI_cmd_map_entry* e = owner_of(map, &item.second->cmap)) return e;
+  }
+  return nullptr;
+}
+
+std::string CLI::path_to_command(CLI_cmd_map_entry* entry) {
+  if (entry == nullptr || entry->parent_map == nullptr) return "/";
+  CLI_cmd_map_entry* owner = owner_of(entry->parent_map, &_cmap);
+  if (owner == nullptr) return "/";
+  const std::string above = path_to_command(owner);
+  return (above == "/" ? above : above + "/") + *owner->name;
+}
+
+void CLI::SetHistoryLimit(size_t n) {
+  history_limit_ = n;
+  while (history.size() > history_limit_) history.pop_back();
+}
+
+void CLI::remember(const std::string& text) {
+  if (history_limit_ == 0) return;
+  history.push_front(text);
+  while (history.size() > history_limit_) history.pop_back();
+}
+
+// ------------------------------------------------------- prompt and lines
+
+void CLI::update_internal() {
+  iw_prompt.clear();
+  for (std::string::size_type i = 0; i < sw_prompt.size(); ++i) {
+    const char c = sw_prompt[i];
+    if (c != '%') {
+      iw_prompt += c;
+      continue;
+    }
+    if (i + 1 >= sw_prompt.size()) break;  // a '%' at the very end is dropped
+    const char e = sw_prompt[++i];
+    switch (e) {
+      case 'm': iw_prompt += appname; break;
+      case 'p': iw_prompt += path_to_command(curr_cmd); break;
+      case '#': iw_prompt += getuid() == 0 ? '#' : '>'; break;
+      default:
+        iw_prompt += '%';
+        iw_prompt += e;
+    }
+  }
+  get_winsize();
+}
+
+// The long-standing substitution rules, quirks included: the shortest prefix
+// naming a variable wins, matching goes on with the same length after a
+// substitution, and the character after the last name (or, for an unknown
+// name, after the '$') is dropped.
+void CLI::substitute_vars() {
+  std::string out;
+  const std::string::size_type len = line.size();
+  std::string::size_type i = 0;
+  while (i < len) {
+    if (line[i] != '$') {
+      out += line[i++];
+      continue;
+    }
+    if (i + 1 >= len) break;
+    if (line[i + 1] == '$') {
+      out += '$';
+      i += 2;
+      continue;
+    }
+    if (line[i + 1] == '?') {
+      out += std::to_string(retcode);
+      i += 2;
+      continue;
+    }
+    std::string::size_type p = i + 1, n = 1;
+    while (p + n <= len) {
+      auto it = vars.find(line.substr(p, n));
+      if (it != vars.end()) {
+        out += it->second;
+        p += n;
+      } else {
+        ++n;
+      }
+    }
+    i = p + 1;
+  }
+  line = out;
+}
+
+bool CLI::parse(std::string& text) {
+  chop(text);
+  line = text;
+  substitute_vars();
+  trim(line);
+  text = line;
+  if (line.empty()) return true;
+  vars["_"] = vars["cmdline"];
+  vars["cmdline"] = line;
+  remember(line);
+
+  std::vector<std::string> words;
+  std::string::size_type start = 0;
+  while (words.size() < kMaxWords) {
+    const auto blank = line.find(' ', start);
+    if (blank == std::string::npos || words.size() + 1 == kMaxWords) {
+      words.push_back(line.substr(start));
+      break;
+    }
+    words.push_back(line.substr(start, blank - start));
+    start = blank + 1;
+  }
+  std::vector<const char*> argv;
+  for (const auto& w : words) argv.push_back(w.c_str());
+  argv.push_back(nullptr);
+
+  CLI_cmd_map_entry* e = find_command(words[0]);
+  if (e == nullptr) {
+    std::fprintf(stderr, "%s: command not found\r\n", words[0].c_str());
+    return false;
+  }
+  if (!e->cmap.empty()) cmap = &e->cmap;
+  curr_cmd = e;
+  const int r = e->cb(e->arg, static_cast<int>(words.size()), argv.data());
+  if (!e->internal) retcode = r;
+  return true;
+}
+
+// ------------------------------------------------------------ line editing
+
+char CLI::get_char() {
+  char c = 0;
+  if (::read(fileno(_stdin), &c, 1) != 1) return 0;
+  return c;
+}
+
+void CLI::echo_byte(char c) {
+  const ssize_t ignored = ::write(fileno(_stdout), &c, 1);
+  (void)ignored;
+}
+
+void CLI::redraw() {
+  std::fprintf(_stdout, "\r%s%s\x1b[K", iw_prompt.c_str(), line.c_str());
+  std::fflush(_stdout);
+}
+
+int CLI::update() {
+  if (status & kEnded) return 4;
+  update_internal();
+  int result = 0;
+  if (status & kPrompt) {
+    std::fputs(iw_prompt.c_str(), _stdout);
+    std::fflush(_stdout);
+    status &= ~kPrompt;
+    status |= kReading;
+    hpos = 0;
+    line.clear();
+  } else if (status & kEscape) {
+    if (get_char() == '[') {
+      const char key = get_char();
+      if (key == 'A') {
+        if (!history.empty()) {
+          if (hpos == 0 && !line.empty()) remember(line);
+          ++hpos;
+          if (hpos >= history.size()) hpos = static_cast<unsigned int>(history.size() - 1);
+          line = *std::next(history.begin(), hpos);
+          redraw();
+        }
+      } else if (key == 'B') {
+        if (hpos != 0) {
+          --hpos;
+          line = *std::next(history.begin(), hpos);
+          redraw();
+        }
+      } else {
+        char seq[3] = {'\x1b', '[', key};
+        if (key == '1') seq[2] = get_char();
+        const ssize_t ignored = ::write(fileno(_stdout), seq, 3);
+        (void)ignored;
+      }
+    }
+    status &= ~kEscape;
+  } else if (status & kReading) {
+    const char c = get_char();
+    switch (c) {
+      case 12:
+        std::fprintf(_stdout, "\f%s%s", iw_prompt.c_str(), line.c_str());
+        std::fflush(_stdout);
+        break;
+      case 27:
+        status |= kEscape;
+        result = 11;
+        break;
+      case 9:
+        expand();
+        redraw();
+        break;
+      case 8:
+      case 127:
+        if (!line.empty()) {
+          line.pop_back();
+          echo_byte(c);
+        }
+        break;
+      case 10:
+      case 13:
+        status |= kExecute;
+        status &= ~kReading;
+        result = 11;
+        echo_byte(c);
+        line += c;
+        break;
+      default:
+        echo_byte(c);
+        line += c;
+    }
+  } else if (status & kExecute) {
+    std::string text = line;
+    parse(text);
+    status &= ~kExecute;
+    status |= kPrompt;
+  }
+  if (result == 0) {
+    pollfd p{fileno(_stdin), POLLIN | POLLPRI, 0};
+    if (poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLPRI))) result = 11;
+  }
+  return result;
+}
+
+void CLI::expand() {
+  std::string word;
+  const auto blank = line.rfind(' ');
+  if (blank == std::string::npos) {
+    word = line;
+    line.clear();
+  } else {
+    word = line.substr(blank + 1);
+    line.erase(blank + 1);
+  }
+  std::vector<std::string> candidates;
+  for (auto& item : _cmap) {
+    if (item.second->internal && item.first.compare(0, word.size(), word) == 0) {
+      candidates.push_back(item.first);
+    }
+  }
+  for (auto& item : *cmap) {
+    if (!item.second->internal && item.first.compare(0, word.size(), word) == 0) {
+      candidates.push_back(item.first);
+    }
+  }
+  if (candidates.size() == 1) {
+    line += candidates.front();
+    return;
+  }
+  std::fputs("\r\n", _stdout);
+  print_in_columns(candidates, 0);
+  line += word;
+}
+
+unsigned int CLI::print_in_columns(const std::vector<std::string>& items, unsigned int width) {
+  if (items.empty()) return width;
+  if (width == 0) {
+    for (const auto& item : items) {
+      if (item.size() <= cols && item.size() > width) width = static_cast<unsigned int>(item.size());
+    }
+    if (width == 0) {
+      for (const auto& item : items) std::fprintf(_stdout, "%s\r\n", item.c_str());
+      return 0;
+    }
+    width += 2;
+    while (width < cols && cols % width != 0) ++width;
+    if (width > cols) width = cols;  // a wider column never divides the line
+  }
+  unsigned int total = 0;
+  for (const auto& item : items) {
+    std::fprintf(_stdout, "%-*s", static_cast<int>(width), item.c_str());
+    total += width;
+    if (total >= cols) {
+      std::fputs("\r\n", _stdout);
+      total = 0;
+    }
+  }
+  if (total != 0) std::fputs("\r\n", _stdout);
+  return width;
+}
+
+void CLI::get_winsize() {
+  winsize ws{};
+  if (ioctl(fileno(_stdout), TIOCGWINSZ, &ws) == 0 && ws.ws_col != 0) {
+    rows = ws.ws_row;
+    cols = ws.ws_col;
+  } else {
+    rows = 24;
+    cols = 80;
+  }
+}
