@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# End-to-end check of the command interpreter as a person uses it: runs
+# examples/cliserver in a tmux pane, types into it with send-keys and reads
+# the screen with capture-pane. Checks a command and its answer, cursor-up
+# (which from an empty line shows the second-newest entry), Tab completion,
+# Ctrl-L redrawing the prompt and line, a TCP client with its own session,
+# and exit ending the program.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$root/build}
+bash "$root/scripts/deps.sh" tmux
+cmake -S "$root" -B "$build" -G Ninja >/dev/null
+cmake --build "$build" --target cliserver >/dev/null
+
+session="zqcli-$$"
+trap 'tmux kill-session -t "$session" 2>/dev/null || true' EXIT
+tmux new-session -d -s "$session" -x 120 -y 40 "$build/examples/cliserver 0; sleep 2"
+
+screen() { tmux capture-pane -p -t "$session"; }
+fail() { echo "FAIL: $1"; screen; exit 1; }
+# Waits until the screen matches the extended regular expression $1.
+wait_for() {
+  for _ in $(seq 100); do
+    screen | grep -Eq "$1" && return 0
+    sleep 0.05
+  done
+  fail "$2"
+}
+keys() { tmux send-keys -t "$session" "$@"; }
+
+wait_for 'station:/[#>] ?$' "first prompt"
+keys 'add 2 40' Enter
+wait_for '^42' "add answers 42"
+keys 'echo hello tmux' Enter
+wait_for '^hello tmux' "echo"
+keys Up
+wait_for 'station:/[#>] add 2 40$' "cursor-up shows the second-newest entry"
+keys Enter
+[ "$(screen | grep -c '^42')" -ge 2 ] || fail "the recalled command ran again"
+keys 'hist' Tab
+wait_for 'station:/[#>] history$' "Tab completes hist to history"
+keys Enter
+wait_for '^001: add 2 40' "history lists the commands"
+keys 'echo abc'
+keys C-l
+[ "$(screen | grep -c 'station:/[#>] echo abc')" -ge 2 ] || wait_for 'x^' "Ctrl-L redraws prompt and line"
+keys C-u Enter
+
+port=$(screen | sed -n 's/^tcp port \([0-9]*\).*/\1/p' | head -n 1)
+[ -n "$port" ] || fail "the TCP port is shown"
+reply=$(timeout 5 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port; printf 'add 1 2\nclients\nexit\n' >&3; cat <&3" || true)
+echo "$reply" | grep -q '^3' || fail "a TCP client gets its own answers: $reply"
+echo "$reply" | grep -q '1 client(s)' || fail "the TCP client is counted: $reply"
+
+keys 'exit' Enter
+for _ in $(seq 60); do tmux has-session -t "$session" 2>/dev/null || break; sleep 0.05; done
+screen 2>/dev/null | grep -q 'station:/' && fail "exit ends the program" || true
+echo "cli-tmux: 8 checks passed"
