@@ -14,3 +14,5 @@ echo
 "$build/log_bench"
 echo
 "$build/echo_bench"
+echo
+"$build/mailbox_bench"
