@@ -17,7 +17,8 @@ uint32_t nam2num(const char* name);
 // A thread that runs rtrun() once per period on absolute deadlines of the
 // monotonic clock, measuring each cycle. Its body locks the process memory,
 // takes SCHED_FIFO at the highest priority where the process may (otherwise
-// it runs with normal scheduling after one warning), prefaults its stack,
+// it runs with normal scheduling after one warning), asks for minimal timer
+// slack and shallow processor idle states while it runs, prefaults its stack,
 // calls start() once, and then cycles until cancelled. Suspend() and Resume()
 // only toggle whether cycles run (the period keeps ticking); SetCancel() ends
 // the loop at the next period. Set-up failures print a FATAL line (unless
@@ -66,6 +67,9 @@ class rtthread : public thread {
   bool usefpu;
   bool hardrt;
   int sched;
+
+ private:
+  int latency_fd_ = -1;  // the held /dev/cpu_dma_latency request, or -1
 };
 
 #endif
