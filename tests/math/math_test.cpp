@@ -1,0 +1,165 @@
+// Vectors and matrices, the simplex fitter, numeric tools and angles.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "zqmath/Angle.h"
+#include "zqmath/amoeba.h"
+#include "zqmath/math_tools.h"
+#include "zqmath/random.h"
+
+TEST(CVector, DummiesResizingAndOperations) {
+  CVector<double> v(3);
+  for (int i = 0; i < 3; ++i) v[i] = i + 1.0;
+  testing::internal::CaptureStderr();
+  v[3] = 99.0;  // the dummy takes the write
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Vector Access to Element:: 3 denied:\n");
+  EXPECT_EQ(v[2], 3.0);
+  CVector<double> w(5);
+  for (int i = 0; i < 5; ++i) w[i] = i;
+  w.ReSize(2);
+  w.ReSize(5);  // the same storage: the first two values remain
+  EXPECT_EQ(w[1], 1.0);
+  EXPECT_EQ(w.Dim(), 5);
+  CVector<double> copy = v;
+  EXPECT_EQ(copy * v, 14.0);
+  EXPECT_DOUBLE_EQ(v.Norm2(), std::sqrt(14.0));
+  EXPECT_EQ(v.NormMax(), 3.0);
+  copy.clear();
+  EXPECT_EQ(copy.NormMax(), 0.0);
+}
+
+TEST(CMatrix, DummiesSwapsAndProducts) {
+  CMatrix<double> m(3, 2);
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 2; ++j) m(i, j) = 10 * i + j;
+  testing::internal::CaptureStderr();
+  m(1, 5) = 7;
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Matrix Access to Element:: 1, 5 denied:\n");
+  const double* row1 = m.Row(1);
+  m.RowSwap(0, 1);
+  EXPECT_EQ(m.Row(0), row1);  // the pointers moved, not the elements
+  EXPECT_EQ(m(0, 1), 11);
+  m.ColumnSwap(0, 1);
+  EXPECT_EQ(m(0, 0), 11);
+  EXPECT_EQ(m(2, 1), 20);
+
+  CMatrix<double> id(2, 2);
+  id.Unity();
+  CMatrix<double> t = m.Transposed();
+  EXPECT_EQ(t.Dim1(), 2);
+  EXPECT_EQ((m * id)(2, 0), m(2, 0));
+  CVector<double> x(2);
+  x[0] = 1;
+  x[1] = 2;
+  EXPECT_EQ((m * x)[0], 11 + 2 * 10);
+  m.ReSize(4, 3);  // more rows and wider: widened
+  m.Initialize(1.0);
+  EXPECT_EQ(m(3, 2), 1.0);
+  EXPECT_DOUBLE_EQ(m.Norm2(), std::sqrt(12.0));
+}
+
+namespace {
+double line_model(void*, const CVector<double>& m, const CVector<double>& p) {
+  const double r = p(0) * m(0) + p(1) - m(1);
+  return r * r;
+}
+double zero_model(void*, const CVector<double>&, const CVector<double>&) { return 0.0; }
+double noise_model(void*, const CVector<double>&, const CVector<double>&) {
+  return std::rand() / static_cast<double>(RAND_MAX);
+}
+}  // namespace
+
+TEST(Amoeba, FitsAndItsBoundaries) {
+  std::srand(12345);
+  CMatrix<double> data(20, 2);
+  for (int i = 0; i < 20; ++i) {
+    data(i, 0) = i * 0.5;
+    data(i, 1) = 2.0 * data(i, 0) + 1.0;
+  }
+  CVector<double> params(2);
+  params.clear();
+  int nfunk = 0;
+  double chi = -1;
+  fit(nullptr, data, line_model, params, &nfunk, &chi);
+  EXPECT_NEAR(params[0], 2.0, 1e-4);
+  EXPECT_NEAR(params[1], 1.0, 1e-4);
+  EXPECT_LT(chi, 1e-8);
+  EXPECT_GT(nfunk, 0);
+
+  fit(nullptr, data, zero_model, params, nullptr, &chi);
+  EXPECT_EQ(chi, 0.0);
+  CMatrix<double> none(0, 2);
+  fit(nullptr, none, line_model, params, nullptr, &chi);
+  EXPECT_TRUE(std::isnan(chi));  // 0 / 0 rows
+
+  CMatrix<double> one(1, 2);
+  one.Initialize(1.0);
+  testing::internal::CaptureStderr();
+  fit(nullptr, one, noise_model, params, &nfunk, &chi);
+  const std::string err = testing::internal::GetCapturedStderr();
+  size_t count = 0;
+  for (size_t p = 0; (p = err.find("NMAX exceeded\n", p)) != std::string::npos; ++p) ++count;
+  EXPECT_EQ(count, 16u);
+  EXPECT_GE(nfunk, 16 * 50000);
+}
+
+TEST(NumericTools, DivisorsFactorialAndGenerators) {
+  EXPECT_EQ(ggT(12, -18), 6);
+  EXPECT_EQ(ggT(0, 5), 5);
+  EXPECT_EQ(kgV(4, 6), 12);
+  EXPECT_EQ(kgV(-4, 6), -12);
+  EXPECT_EQ(Fak(0), 1);
+  EXPECT_EQ(Fak(1), 1);
+  EXPECT_EQ(Fak(12), 479001600);
+  EXPECT_EQ(Fak(13), static_cast<int32_t>(6227020800LL));  // wraps as 32-bit
+
+  long a = 123459876, b = 55;
+  EXPECT_EQ(ran0(&a), ran0(&b));
+  EXPECT_EQ(a, b);
+  for (int i = 0; i < 1000; ++i) {
+    const float r = ran0(&a);
+    ASSERT_TRUE(r > 0.0f && r < 1.0f);
+  }
+  long idum = -1;
+  const double r4 = ran4(&idum);
+  EXPECT_TRUE(r4 >= 0.0 && r4 < 1.0);
+  EXPECT_EQ(idum, 2);
+  uint32_t l = 1, r = 99;
+  psdes(&l, &r);
+  EXPECT_NE(r, 99u);
+}
+
+TEST(NumericTools, GammaAgainstTheStandardLibrary) {
+  EXPECT_NEAR(LnGamma(1.0), 0.0, 1e-10);
+  EXPECT_NEAR(LnGamma(2.0), 0.0, 1e-10);
+  for (double x = 0.5; x <= 100.0; x += 0.37) {
+    ASSERT_NEAR(LnGamma(x), std::lgamma(x), 1e-10 * std::max(1.0, std::fabs(std::lgamma(x)))) << x;
+  }
+  EXPECT_EQ(FGamma(5.0), 24.0);
+  EXPECT_NEAR(FGamma(0.5), std::sqrt(M_PI), 1e-15);
+  // Below 12 the rational approximation is within 1e-13; above, Stirling's
+  // exp() of an argument near x ln x scales the rounding of that argument.
+  for (double x = 0.013; x <= 170.0; x += 0.731) {
+    const double want = std::tgamma(x);
+    const double tolerance = x < 12.0 ? 1e-13 : 4e-16 * x * std::log(x);
+    ASSERT_NEAR(FGamma(x), want, tolerance * std::fabs(want)) << x;
+  }
+  for (double x = -0.5; x > -20.0; x -= 1.37) {
+    const double want = std::tgamma(x);
+    ASSERT_NEAR(FGamma(x), want, 1e-13 * std::fabs(want)) << x;
+  }
+  EXPECT_TRUE(std::isinf(FGamma(171.0)));
+  EXPECT_TRUE(std::isinf(FGamma(-2.0)));
+  EXPECT_TRUE(std::isinf(FGamma(0.0)));
+}
+
+TEST(AngleClass, ConversionsAndNormalisation) {
+  EXPECT_DOUBLE_EQ(Angle::Degrees(180).rad(), Angle::kPi);
+  EXPECT_NEAR(Angle::Degrees(370).Normalized().deg(), 10.0, 1e-12);
+  EXPECT_NEAR(Angle::Degrees(-90).Normalized().deg(), 270.0, 1e-12);
+  EXPECT_NEAR(Angle::Degrees(270).Signed().deg(), -90.0, 1e-12);
+  EXPECT_NEAR((Angle::Degrees(30) + Angle::Degrees(60)).deg(), 90.0, 1e-12);
+}
