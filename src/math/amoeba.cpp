@@ -7,6 +7,20 @@
 
 namespace {
 
+// A vector that borrows a matrix row's storage (no copy per row); it gives
+// the storage back before the vector's own destructor could free it.
+class RowView : public CVector<double> {
+ public:
+  void attach(const double* row, int n) {
+    m_v = const_cast<double*>(row);
+    m_dim = m_size = n;
+  }
+  ~RowView() override {
+    m_v = nullptr;
+    m_dim = m_size = 0;
+  }
+};
+
 constexpr int kNMax = 50000;
 constexpr double kTiny = 1e-10;
 
@@ -38,12 +52,11 @@ double random(double scale) {
 
 double calc_chi_messdaten(void* user, const CMatrix<double>& data, FitFunc func,
                           const CVector<double>& params) {
-  // One row buffer for the whole pass: no allocation per row.
-  thread_local CVector<double> row;
-  row.ReSize(data.Dim2());
+  RowView row;  // each row is handed to the model in place
   double sum = 0.0;
+  const int columns = data.Dim2();
   for (int i = 0; i < data.Dim1(); ++i) {
-    copy_row(data, i, row);
+    row.attach(data.Row(i), columns);
     sum += func(user, row, params);
   }
   return sum;
