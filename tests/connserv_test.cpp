@@ -1,6 +1,8 @@
 // Connection server: the accept thread, the peer limit and configuration.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include "support/loopback.h"
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,19 +12,6 @@
 #include "zqcommon/connserv.h"
 
 namespace {
-
-int connect_local(int port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(s);
-    return -1;
-  }
-  return s;
-}
 
 bool eventually(const std::function<bool()>& done, int ms = 5000) {
   for (int waited = 0; waited < ms; waited += 5) {

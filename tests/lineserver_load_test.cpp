@@ -2,6 +2,8 @@
 // every line back in order, and misbehaving peers do not disturb the others.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include "support/loopback.h"
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -55,20 +57,6 @@ class ServerProcess {
   pid_t pid_ = -1;
   int port_ = 0;
 };
-
-int connect_local(int port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return s;
-    usleep(10000);
-  }
-  close(s);
-  return -1;
-}
 
 // Reads until `want` bytes arrived or 30 s passed.
 std::string receive(int s, size_t want) {

@@ -1,6 +1,8 @@
 // Addresses, sockets, access lists, the listening socket and MAC addresses.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include "support/loopback.h"
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,20 +13,6 @@
 #include "zqcommon/mysocket.h"
 
 namespace {
-
-// A plain client socket connected to 127.0.0.1:port, or -1.
-int connect_local(int port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(s);
-    return -1;
-  }
-  return s;
-}
 
 std::string read_all(int s) {
   std::string data;
