@@ -69,15 +69,22 @@ void* Connection_Server::run(void*) {
   while (!issetup && !IsCancelled()) usleep(50000);
   while (!IsCancelled()) {
     ZQ_DEBUG(99, "Connection_Server::run()...\n");
-    bool accepted = false;
+    bool room;
     {
       lockable_hold hold(*this);
-      if (conns.size() < maxconn && MySocketServer::IsPending()) {
-        if (MySocket* peer = WaitConnection()) conns.Add(peer);
-        accepted = true;
-      }
+      room = conns.size() < maxconn;
     }
-    if (!accepted) usleep(20000);
+    // The list's lock is not held in WaitConnection: after refusing a peer
+    // it waits in accept() for the next one, and the application must still
+    // be able to take the peers held.
+    if (room && MySocketServer::IsPending()) {
+      if (MySocket* peer = WaitConnection()) {
+        lockable_hold hold(*this);
+        conns.Add(peer);
+      }
+    } else {
+      usleep(20000);
+    }
   }
   ZQ_DEBUG(49, "Connection_Server::run()... ENDED\n");
   return nullptr;

@@ -76,3 +76,39 @@ TEST(ConnectionServer, ConfigurationKeys) {
   EXPECT_FALSE(idle.isactive);
   std::remove(path.c_str());
 }
+
+// A refused peer leaves the accept thread waiting for the next one; the
+// application must still be able to take the peers already held.
+TEST(ConnectionServer, RefusedPeerDoesNotBlockTheList) {
+  Connection_Server server(0, 4, "127.0.0.1");
+  ASSERT_TRUE(server.isactive);
+  server.SetAcl(new AccessList(ACL_ALLOW, "127.0.0.1/32"));
+  server.Start(nullptr);
+  const int allowed = connect_local(server.LocalPort());
+  ASSERT_TRUE(eventually([&] { return server.IsPending(); }));
+
+  const int denied = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in from{};
+  from.sin_family = AF_INET;
+  from.sin_addr.s_addr = inet_addr("127.0.0.2");
+  ASSERT_EQ(bind(denied, reinterpret_cast<sockaddr*>(&from), sizeof from), 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(server.LocalPort()));
+  to.sin_addr.s_addr = inet_addr("127.0.0.1");
+  ASSERT_EQ(connect(denied, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+  char refusal[64] = {};
+  timeval tv{5, 0};
+  setsockopt(denied, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  ASSERT_EQ(recv(denied, refusal, sizeof refusal, MSG_WAITALL), 36);
+  EXPECT_STREQ(refusal, "Your IP is not allowed to connect\r\n");
+
+  // The accept thread now sits in accept(); the list stays usable.
+  MySocket* peer = server[0];
+  ASSERT_NE(peer, nullptr);
+  server.Remove(peer, true);
+  EXPECT_FALSE(server.IsPending());
+  close(denied);
+  close(allowed);
+  server.stop();
+}

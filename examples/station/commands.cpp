@@ -1,0 +1,259 @@
+// The station's commands, the same on the terminal and for TCP clients.
+#include <zqcommon/cli.h>
+#include <zqcommon/functions.h>
+#include <zqmath/amoeba.h>
+#include <zqsecurity/crc16.h>
+#include <zqsecurity/crc32.h>
+#include <zqsecurity/hash.h>
+
+#include <cmath>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "station.h"
+
+namespace station {
+
+namespace {
+
+// Every answer line ends with CR LF, as the interpreter's own texts do.
+void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void say(Session& s, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(s.out, format, args);
+  va_end(args);
+  std::fputs("\r\n", s.out);
+}
+
+Session& session(void* arg) { return *static_cast<Session*>(arg); }
+
+int usage(Session& s, const char* text) {
+  say(s, "usage: %s", text);
+  return 1;
+}
+
+double us(long long ns) { return static_cast<double>(ns) / 1000.0; }
+
+int cmd_status(void* arg, int, const char**) {
+  Session& s = session(arg);
+  Station& st = *s.station;
+  st.Drain();
+  SensorTask& t = st.task;
+  say(s, "cycles %lld, period %lld us, cycle length min/avg/max %.1f/%.1f/%.1f us",
+      t.CycleCount(), t.CyclePeriod() / 1000, us(t.MinCycleLength()), us(t.AvgCycleLength()),
+      us(t.MaxCycleLength()));
+  say(s, "reading %.4f at %.3f s of the run, io 0x%02x, %lld records", st.last.value, st.last.x,
+      st.last.io, st.records_seen);
+  for (Watch& w : st.watches) {
+    const components::Severity sev = w.error;
+    say(s, "%s: %s, %u reports now, %u in all", w.name,
+        w.error.count != 0 ? sev.Description() : "NONE", w.error.count, w.error.total_count);
+  }
+  Log& log = st.log;
+  say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes",
+      log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
+      log.Name().c_str(), log.LogSize());
+  say(s, "clients %u", st.clients);
+  return 0;
+}
+
+void show_bit(Session& s, unsigned int bit) {
+  say(s, "bit %u = %u", bit, (s.station->last.io >> bit) & 1u);
+}
+
+int cmd_io(void* arg, int argc, const char** argv) {
+  Session& s = session(arg);
+  Station& st = *s.station;
+  st.Drain();
+  if (argc == 1) {
+    const unsigned int io = st.last.io;
+    say(s, "io 0x%02x: heater %u, alarm %u, inject %u", io, io & 1u, (io >> 1) & 1u,
+        (io >> SensorTask::kInject) & 1u);
+    return 0;
+  }
+  if (argc != 3) return usage(s, "io [get|set|clear|toggle BIT]");
+  char* end = nullptr;
+  const unsigned long bit = std::strtoul(argv[2], &end, 10);
+  if (*argv[2] == 0 || *end != 0 || bit > 7) return usage(s, "io [get|set|clear|toggle BIT], BIT 0..7");
+  const unsigned int b = static_cast<unsigned int>(bit);
+  const std::string op = argv[1];
+  if (op == "get") {
+    show_bit(s, b);
+    return 0;
+  }
+  const char code = op == "set" ? 's' : op == "clear" ? 'c' : op == "toggle" ? 'i' : 0;
+  if (code == 0) return usage(s, "io [get|set|clear|toggle BIT]");
+  if (!st.Command(Format("%c %u", code, b))) {
+    say(s, "io: the task is busy, try again");
+    return 1;
+  }
+  st.Settle(5);
+  st.log.Add(elog_INFO, 0, "io %s %u by %s", op.c_str(), b, s.peer.c_str());
+  show_bit(s, b);
+  return 0;
+}
+
+int cmd_trace(void* arg, int argc, const char** argv) {
+  Session& s = session(arg);
+  Station& st = *s.station;
+  const std::string op = argc > 1 ? argv[1] : "";
+  st.Drain();
+  if (op == "start" || op == "stop") {
+    for (auto& slot : st.slots) slot.SetActive(op == "start");
+    say(s, "trace %s, %u samples", op == "start" ? "started" : "stopped", st.value_trace.Size());
+    return 0;
+  }
+  if (op == "dump") {
+    const unsigned int n = st.value_trace.Size();
+    for (auto& slot : st.slots) slot.SetFileCount(1);
+    st.traces.Dump();
+    st.value_trace.Clear();
+    st.io_trace.Clear();
+    say(s, "%u samples dumped to %s/%s", n, st.settings.DumpPath.c_str(), st.slots[0].GetFile().c_str());
+    st.log.Add(elog_INFO, 0, "trace dump of %u samples", n);
+    return 0;
+  }
+  return usage(s, "trace start|stop|dump");
+}
+
+double curve_model(void*, const CVector<double>& m, const CVector<double>& p) {
+  const double x = m(0);
+  const double r = p(0) * std::exp(-p(1) * x) + p(2) * x + p(3) - m(1);
+  return r * r;
+}
+
+int cmd_fit(void* arg, int, const char**) {
+  Session& s = session(arg);
+  Station& st = *s.station;
+  st.Drain();
+  if (st.curve.size() < 20) {
+    say(s, "fit: only %zu points recorded so far", st.curve.size());
+    return 1;
+  }
+  CMatrix<double> data(static_cast<int>(st.curve.size()), 2);
+  int row = 0;
+  for (const auto& point : st.curve) {
+    data(row, 0) = point.first;
+    data(row, 1) = point.second;
+    ++row;
+  }
+  std::srand(1);
+  CVector<double> p(4);
+  p.clear();
+  int evaluations = 0;
+  double chi = 0;
+  fit(nullptr, data, curve_model, p, &evaluations, &chi);
+  say(s, "y = a exp(-b x) + c x + d: a %.4f, b %.4f, c %.4f, d %.4f", p[0], p[1], p[2], p[3]);
+  say(s, "%zu points, %d evaluations, mean squared residual %.3g", st.curve.size(), evaluations, chi);
+  return 0;
+}
+
+// The whole file, or false when it cannot be read.
+bool slurp(const char* path, std::string& data) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+int cmd_hash(void* arg, int argc, const char** argv) {
+  Session& s = session(arg);
+  if (argc != 3) return usage(s, "hash METHOD FILE (sha256, md5, ripemd160, crc32, ...)");
+  ZQSecurity::Hash h(argv[1]);
+  if (h.GetMethod().empty()) {
+    say(s, "hash: unknown method %s", argv[1]);
+    return 1;
+  }
+  std::string data;
+  if (!slurp(argv[2], data)) {
+    say(s, "hash: cannot read %s", argv[2]);
+    return 1;
+  }
+  say(s, "%s (%s) = %s", argv[1], argv[2],
+      h.mkHashText(data.data(), static_cast<unsigned int>(data.size())).c_str());
+  return 0;
+}
+
+int cmd_crc(void* arg, int argc, const char** argv) {
+  Session& s = session(arg);
+  if (argc != 2) return usage(s, "crc FILE");
+  std::string data;
+  if (!slurp(argv[1], data)) {
+    say(s, "crc: cannot read %s", argv[1]);
+    return 1;
+  }
+  const auto n = static_cast<unsigned int>(data.size());
+  say(s, "crc32 (%s) = %08x", argv[1], mk_crc32(data.data(), n));
+  say(s, "crc16 (%s) = %04x", argv[1], mk_crc16(data.data(), n) & 0xFFFFu);
+  return 0;
+}
+
+int cmd_config(void* arg, int argc, const char** argv) {
+  Session& s = session(arg);
+  Station& st = *s.station;
+  const std::string op = argc > 1 ? argv[1] : "show";
+  if (op == "show" && argc <= 2) {
+    for (auto& section : sections(st)) {
+      for (auto& entry : *section.second) {
+        say(s, "%s.%s = %s", section.first.c_str(), entry.first.c_str(), entry.second.Value().c_str());
+      }
+    }
+    return 0;
+  }
+  if (op == "set" && argc >= 4) {
+    zqcommon::Config_Data_Entry* e = find_setting(sections(st), argv[2]);
+    // Values may contain blanks: the rest of the line is the value.
+    std::string value = argv[3];
+    for (int i = 4; i < argc; ++i) value += std::string(" ") + argv[i];
+    if (e == nullptr || !(*e = value)) {
+      say(s, "config: cannot set %s", argv[2]);
+      return 1;
+    }
+    st.log.Add(elog_INFO, 0, "config %s = %s by %s", argv[2], e->Value().c_str(), s.peer.c_str());
+    say(s, "%s = %s", argv[2], e->Value().c_str());
+    return 0;
+  }
+  if (op == "save" && argc == 2) {
+    const std::string& file = st.cfg.getfilename();
+    for (auto& section : sections(st)) section.second->Save(st.cfg, zqcommon::Config_Data_INIT.LS, section.first);
+    if (file.empty() || !st.cfg.write(file)) {
+      say(s, "config: cannot write %s", file.c_str());
+      return 1;
+    }
+    st.log.Add(elog_INFO, 0, "configuration saved to %s by %s", file.c_str(), s.peer.c_str());
+    say(s, "saved %s", file.c_str());
+    return 0;
+  }
+  return usage(s, "config [show | set Section.Key VALUE | save]");
+}
+
+int cmd_starttls(void* arg, int, const char**) {
+  Session& s = session(arg);
+  if (!s.network) {
+    say(s, "starttls: only for network clients");
+    return 1;
+  }
+  s.want_tls = true;  // the handshake follows this answer
+  say(s, "OK starting TLS");
+  return 0;
+}
+
+}  // namespace
+
+void register_commands(CLI& cli, Session& s) {
+  cli.SetAppName("station");
+  cli.Register(cmd_status, &s, "status", nullptr, "cycle statistics, error records, log counts");
+  cli.Register(cmd_io, &s, "io", nullptr, "io [get|set|clear|toggle BIT]: the digital I/O");
+  cli.Register(cmd_trace, &s, "trace", nullptr, "trace start|stop|dump: the sensor trace");
+  cli.Register(cmd_fit, &s, "fit", nullptr, "fit the recorded sensor curve");
+  cli.Register(cmd_hash, &s, "hash", nullptr, "hash METHOD FILE: a digest of a file");
+  cli.Register(cmd_crc, &s, "crc", nullptr, "crc FILE: CRC-32 and CRC-16 of a file");
+  cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]");
+  cli.Register(cmd_starttls, &s, "starttls", nullptr, "switch this connection to TLS");
+}
+
+}  // namespace station

@@ -1,0 +1,181 @@
+// The station: a small measurement-and-control program on the whole library.
+//
+// A periodic real-time task reads a simulated sensor and drives simulated
+// digital I/O; the main thread takes the task's records from a mailbox, keeps
+// error records, a log and traces, and serves one command set on its own
+// terminal and to TCP clients (which may switch to TLS).
+#ifndef STATION_STATION_H
+#define STATION_STATION_H
+
+#include <zqcommon/ew.h>
+#include <zqcommon/iocontrol.h>
+#include <zqcommon/lib_config.h>
+#include <zqcommon/log.h>
+#include <zqcomponents/error.h>
+#include <zqcomponents/trace.h>
+#include <zqrtm/rtmailbox.h>
+#include <zqrtm/rtthread.h>
+
+#include <cstdio>
+#include <deque>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace station {
+
+// [Station]: the task and the watched sensor range.
+struct StationSettings : zqcommon::Config_Data {
+  StationSettings();
+  int PeriodUs = 1000;          // task period
+  double LowLimit = 0.0;        // readings below raise warnings
+  double HighLimit = 80.0;      // readings above raise warnings
+  double Setpoint = 40.0;       // the heater output is on below it
+  std::string Promotion = "WARNING:100,ERROR:1000";  // repeated warnings promote
+  std::string DumpPath = ".";   // where trace dumps go
+  int TraceDepth = 10000;       // samples kept per trace
+  int FitPoints = 1000;         // the recorded curve handed to the fitter
+};
+
+// [Server]: the TCP side.
+struct ServerSettings : zqcommon::Config_Data {
+  ServerSettings();
+  int ListenPort = 7600;        // 0: any free port
+  int MaxConnections = 64;
+  std::string Interface = "127.0.0.1";
+  std::string ACL = "station.acl";
+};
+
+// One record from the task: the cycle, the time within the sensor's run,
+// the reading, the I/O byte and the cycle's length.
+struct Record {
+  long long cycle = 0;
+  double x = 0;
+  double value = 0;
+  unsigned int io = 0;
+  long long length_ns = 0;
+};
+
+// The periodic task. It owns the process image and its handler; everything
+// it shares goes through the two mailboxes: records out, bit commands in.
+class SensorTask : public rtthread {
+ public:
+  // I/O bits of the simulated board.
+  static constexpr unsigned int kHeater = 0, kAlarm = 1, kInject = 4;
+
+  SensorTask(long long period_ns, rtmailbox& records, rtmailbox& commands);
+  ~SensorTask() override;
+  // Ends the cycles and waits for the task's thread.
+  void Stop();
+  // Written by the main thread between cycles' reads: single values.
+  std::atomic<double> low{0.0}, high{80.0}, setpoint{40.0};
+
+ protected:
+  void start(void* arg) override;
+  void* rtrun(void* arg) override;
+
+ private:
+  double reading(long long cycle, double& x);
+  void apply(const char* command);
+
+  rtmailbox& records_;
+  rtmailbox& commands_;
+  SimIOHandler board_;
+  unsigned char pi_[16] = {}, i_[16] = {}, iand_[16], ior_[16] = {}, o_[16] = {},
+                oand_[16], oor_[16] = {};
+  IOControl io_;
+  uint32_t noise_ = 12345;
+  std::string text_;  // the record being sent, its capacity reused
+  std::string command_;
+};
+
+// Sampled values for the component trace manager: a bounded ring of
+// "value" texts with their cycle and time.
+class ValueTrace : public components::Traceable {
+ public:
+  explicit ValueTrace(unsigned int depth) : depth_(depth) {}
+  void Set(double v) { current_ = v; }
+  void SetTraceBuffer(void*, unsigned int) override {}
+  void Sample(unsigned int cycle, const components::TIME& t) override;
+  void Clear() override { samples_.clear(); }
+  unsigned int Size() override { return static_cast<unsigned int>(samples_.size()); }
+  unsigned int MaxSize() override { return depth_; }
+  std::string GetPrintable() override;
+  void GetBinary(std::vector<TraceBinarySample>& out) override;
+
+ private:
+  unsigned int depth_;
+  double current_ = 0;
+  std::deque<TraceBinarySample> samples_;
+};
+
+// A watched condition: its error record and what the log was last told.
+struct Watch {
+  const char* name;
+  components::OneError error;
+  components::eSeverity reported = components::NONE;
+};
+
+// Everything the commands work on. Owned by main(); only the main thread
+// touches it.
+class Station {
+ public:
+  Station(Config_File& cfg, StationSettings& settings, ServerSettings& server,
+          Log_Config_Data& logcfg, Log& log);
+  ~Station();
+
+  // Takes every waiting record: range checks, traces, the recorded curve.
+  void Drain();
+  // Drains until the task has run `cycles` more cycles (at most 500 ms).
+  void Settle(long long cycles);
+  // Queues a bit command for the task ("s 4", "c 4", "i 4").
+  bool Command(const std::string& text);
+
+  Config_File& cfg;
+  StationSettings& settings;
+  ServerSettings& server;
+  Log_Config_Data& logcfg;
+  Log& log;
+  rtmailbox records{64, 8192};
+  rtmailbox commands{32, 64};
+  SensorTask task;
+  Record last;
+  long long records_seen = 0;
+  std::deque<std::pair<double, double>> curve;  // (x, reading), newest last
+  Watch watches[3] = {{"sensor_high", {}}, {"sensor_low", {}}, {"cycle_overrun", {}}};
+  ValueTrace value_trace;
+  ValueTrace io_trace;
+  components::fixed_string dump_path;
+  components::TraceData slots[2];
+  components::TraceManager traces;
+  unsigned int clients = 0;
+
+ private:
+  void check(Watch& w, bool bad, components::TIME t, double value);
+};
+
+// One operator session (the terminal or a TCP client): the interpreter's
+// output stream and, for clients, whether TLS was asked for.
+struct Session {
+  Station* station = nullptr;
+  FILE* out = nullptr;
+  bool network = false;
+  bool want_tls = false;
+  bool want_exit = false;
+  std::string peer;
+};
+
+// Registers the station's commands on an interpreter for `session`.
+void register_commands(class CLI& cli, Session& session);
+
+// Settings structures by section name, for command-line overrides and the
+// config command.
+typedef std::vector<std::pair<std::string, zqcommon::Config_Data*>> SettingsList;
+SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Config_Data& logcfg);
+inline SettingsList sections(Station& st) { return sections(st.settings, st.server, st.logcfg); }
+// The setting "Section.Key" (names without regard to case), or null.
+zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path);
+
+}  // namespace station
+
+#endif

@@ -1,0 +1,215 @@
+// The periodic task, the value traces and the station's record handling.
+#include <unistd.h>
+#include <zqcommon/functions.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "station.h"
+
+namespace station {
+
+StationSettings::StationSettings() {
+  Register("PeriodUs", PeriodUs, zqcommon::Config_Data_INIT.FULL, "us", "task period");
+  Register("LowLimit", LowLimit, zqcommon::Config_Data_INIT.FULL, "C", "readings below warn");
+  Register("HighLimit", HighLimit, zqcommon::Config_Data_INIT.FULL, "C", "readings above warn");
+  Register("Setpoint", Setpoint, zqcommon::Config_Data_INIT.FULL, "C", "heater on below");
+  Register("Promotion", Promotion, zqcommon::Config_Data_INIT.FULL, "", "warnings that promote");
+  Register("DumpPath", DumpPath, zqcommon::Config_Data_INIT.FULL, "", "trace dump folder");
+  Register("TraceDepth", TraceDepth, zqcommon::Config_Data_INIT.FULL, "", "samples per trace");
+  Register("FitPoints", FitPoints, zqcommon::Config_Data_INIT.FULL, "", "points of the fitted curve");
+}
+
+ServerSettings::ServerSettings() {
+  Register("ListenPort", ListenPort, zqcommon::Config_Data_INIT.FULL, "", "TCP port, 0 any");
+  Register("MaxConnections", MaxConnections, zqcommon::Config_Data_INIT.FULL, "", "clients at once");
+  Register("Interface", Interface, zqcommon::Config_Data_INIT.FULL, "", "address to listen on");
+  Register("ACL", ACL, zqcommon::Config_Data_INIT.FULL, "", "access-list file");
+}
+
+// ------------------------------------------------------------------ task
+
+SensorTask::SensorTask(long long period_ns, rtmailbox& records, rtmailbox& commands)
+    : rtthread("SENSOR", period_ns, false, 0, true),
+      records_(records),
+      commands_(commands),
+      io_(sizeof i_, pi_, i_, iand_, ior_, o_, oand_, oor_) {
+  std::memset(iand_, 0xFF, sizeof iand_);
+  std::memset(oand_, 0xFF, sizeof oand_);
+  io_.AddHandler(board_);
+  text_.reserve(records.msgsize);
+  command_.reserve(commands.msgsize);
+}
+
+SensorTask::~SensorTask() { Stop(); }
+
+void SensorTask::Stop() {
+  SetCancel();
+  for (int i = 0; i < 5000 && thread::IsRunning(); ++i) usleep(1000);
+}
+
+void SensorTask::start(void*) {}
+
+// The simulated sensor: a heating curve that restarts every four seconds,
+// y = -30 exp(-2 x) + 0.5 x + 50, with a little noise; the inject output
+// adds 100 so that the range checks have something to see.
+double SensorTask::reading(long long cycle, double& x) {
+  x = std::fmod(static_cast<double>(cycle) * static_cast<double>(period) * 1e-9, 4.0);
+  noise_ = noise_ * 1103515245u + 12345u;
+  const double jitter = (static_cast<double>((noise_ >> 16) & 0x7FFF) / 32767.0 - 0.5) * 0.1;
+  double y = -30.0 * std::exp(-2.0 * x) + 0.5 * x + 50.0 + jitter;
+  if (o_[0] & (1u << kInject)) y += 100.0;
+  return y;
+}
+
+void SensorTask::apply(const char* command) {
+  char op = 0;
+  unsigned int bit = 0;
+  if (std::sscanf(command, "%c %u", &op, &bit) != 2) return;
+  if (op == 's') io_.SetBit(board_.Id(), bit);
+  if (op == 'c') io_.ClearBit(board_.Id(), bit);
+  if (op == 'i') io_.InvertBit(board_.Id(), bit);
+}
+
+void* SensorTask::rtrun(void*) {
+  io_.ReadAll();  // inputs, mirrored into the outputs
+  while (commands_.GetMessage(command_)) apply(command_.c_str());
+  double x = 0;
+  const long long cycle = CycleCount();
+  const double y = reading(cycle, x);
+  io_.CopyBit(board_.Id(), kHeater, y < setpoint.load());
+  io_.CopyBit(board_.Id(), kAlarm, y < low.load() || y > high.load());
+  io_.WriteAll();
+  char buf[64];
+  const int n = std::snprintf(buf, sizeof buf, "%lld %.6f %.4f %u %lld", cycle, x, y,
+                              static_cast<unsigned int>(board_.data[0]), CycleLength());
+  text_.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+  records_.PutMessage(text_);  // a full mailbox drops the record
+  return nullptr;
+}
+
+// ---------------------------------------------------------------- traces
+
+void ValueTrace::Sample(unsigned int cycle, const components::TIME& t) {
+  if (samples_.size() >= depth_ && !samples_.empty()) samples_.pop_front();
+  TraceBinarySample s;
+  s.cycle = cycle;
+  s.systime = t;
+  char text[32];
+  std::snprintf(text, sizeof text, "%.4f", current_);
+  s.data = text;
+  samples_.push_back(s);
+}
+
+std::string ValueTrace::GetPrintable() {
+  return Format("%u samples", static_cast<unsigned int>(samples_.size()));
+}
+
+void ValueTrace::GetBinary(std::vector<TraceBinarySample>& out) {
+  out.assign(samples_.begin(), samples_.end());
+}
+
+// --------------------------------------------------------------- station
+
+Station::Station(Config_File& c, StationSettings& s, ServerSettings& srv, Log_Config_Data& lc,
+                 Log& l)
+    : cfg(c),
+      settings(s),
+      server(srv),
+      logcfg(lc),
+      log(l),
+      task(static_cast<long long>(s.PeriodUs) * 1000, records, commands),
+      value_trace(static_cast<unsigned int>(s.TraceDepth)),
+      io_trace(static_cast<unsigned int>(s.TraceDepth)),
+      dump_path(s.DumpPath),
+      traces(2, slots, dump_path) {
+  for (Watch& w : watches) w.error = settings.Promotion;
+  traces.AddTrace(value_trace, "sensor");
+  traces.AddTrace(io_trace, "io");
+  slots[0].SetFile("sensor-trace.csv");
+  slots[1].SetFile("sensor-trace.csv");  // a second column in the same file
+  task.low = settings.LowLimit;
+  task.high = settings.HighLimit;
+  task.setpoint = settings.Setpoint;
+}
+
+Station::~Station() { task.Stop(); }
+
+bool Station::Command(const std::string& text) { return commands.PutMessage(text); }
+
+// Reports a condition to its error record and tells the log when the
+// effective severity changes (a warning, its promotion, the all-clear).
+void Station::check(Watch& w, bool bad, components::TIME t, double value) {
+  using components::Severity;
+  if (bad) {
+    w.error.Signal(components::WARNING, t);
+  } else if (w.error.count != 0) {
+    w.error.Set(components::NONE, t);
+  }
+  const components::eSeverity now =
+      bad ? static_cast<components::eSeverity>(static_cast<Severity>(w.error)) : components::NONE;
+  if (now == w.reported) return;
+  if (now == components::NONE) {
+    log.Add(elog_INFO, 0, "%s cleared (last value %.4f)", w.name, value);
+  } else {
+    log.Add(now >= components::ERROR ? elog_ERROR : elog_WARN, static_cast<int>(now),
+            "%s: %s after %u reports (value %.4f)", w.name, Severity(now).Description(),
+            w.error.count, value);
+  }
+  w.reported = now;
+}
+
+void Station::Drain() {
+  task.low = settings.LowLimit;
+  task.high = settings.HighLimit;
+  task.setpoint = settings.Setpoint;
+  std::string text;
+  Record r;
+  const size_t keep = settings.FitPoints > 0 ? static_cast<size_t>(settings.FitPoints) : 1;
+  while (records.GetMessage(text)) {
+    if (std::sscanf(text.c_str(), "%lld %lf %lf %u %lld", &r.cycle, &r.x, &r.value, &r.io,
+                    &r.length_ns) != 5) {
+      continue;
+    }
+    ++records_seen;
+    last = r;
+    const components::TIME now = static_cast<components::TIME>(GetUTC() * 1e6);
+    check(watches[0], r.value > settings.HighLimit, now, r.value);
+    check(watches[1], r.value < settings.LowLimit, now, r.value);
+    check(watches[2], r.length_ns > task.CyclePeriod(), now, static_cast<double>(r.length_ns));
+    value_trace.Set(r.value);
+    io_trace.Set(r.io);
+    traces.Sample(static_cast<unsigned int>(r.cycle), now);
+    // Every tenth undisturbed reading goes into the curve for the fitter.
+    if (r.cycle % 10 == 0 && !(r.io & (1u << SensorTask::kInject))) {
+      curve.emplace_back(r.x, r.value);
+      while (curve.size() > keep) curve.pop_front();
+    }
+  }
+}
+
+void Station::Settle(long long cycles) {
+  const long long target = task.CycleCount() + cycles;
+  for (int i = 0; i < 500 && task.CycleCount() < target; ++i) usleep(1000);
+  usleep(2000);
+  Drain();
+}
+
+SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Config_Data& logcfg) {
+  return {{"Station", &settings}, {"Server", &server}, {"Log", &logcfg}};
+}
+
+zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path) {
+  const auto dot = path.find('.');
+  if (dot == std::string::npos) return nullptr;
+  const std::string section = path.substr(0, dot), key = path.substr(dot + 1);
+  for (const auto& s : all) {
+    if (!(s.first ^= section)) continue;
+    for (auto& entry : *s.second) {
+      if (entry.first ^= key) return &entry.second;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace station

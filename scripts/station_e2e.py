@@ -1,0 +1,236 @@
+#!/usr/bin/env python3
+"""End-to-end check of the station as its TCP clients see it.
+
+    station_e2e.py STATION_BINARY STATION_SOURCE_DIR
+
+Starts the station without a terminal (standard input at end of file, as
+under a service manager) on a free port in a scratch folder with the shipped
+configuration, runs every command from real clients and checks the answers,
+is refused from 127.0.0.2 (the shipped list allows 127.0.0.1 only), switches
+a client to TLS with Python's ssl module, stops the station with SIGTERM and
+checks that it exits 0, that its log holds the session, and that it ended
+with one thread and no descriptor beyond its log file.
+"""
+import glob
+import hashlib
+import os
+import re
+import shutil
+import signal
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import time
+import zlib
+
+PROMPT = b"station> "
+WORK = tempfile.mkdtemp(prefix="station-e2e-")
+checks = 0
+
+
+def check(ok, what, detail=""):
+    global checks
+    if not ok:
+        for path in sorted(glob.glob(os.path.join(WORK, "station*.log")))[-1:]:
+            sys.stderr.write(open(path, errors="replace").read()[-3000:])
+        sys.exit("FAIL: %s %s" % (what, detail))
+    checks += 1
+
+
+class Client:
+    def __init__(self, port, source="127.0.0.1"):
+        self.sock = socket.socket()
+        self.sock.settimeout(20)
+        self.sock.bind((source, 0))
+        self.sock.connect(("127.0.0.1", port))
+
+    def until(self, marker):
+        data = b""
+        while not data.endswith(marker):
+            chunk = self.sock.recv(65536)
+            if not chunk:
+                break
+            data += chunk
+        return data.decode(errors="replace")
+
+    def ask(self, line):
+        self.sock.sendall(line.encode() + b"\n")
+        try:
+            answer = self.until(PROMPT)
+        except OSError as e:
+            check(False, "an answer to " + line, e)
+        check(answer.endswith(PROMPT.decode()), "a prompt after " + line, repr(answer))
+        return answer[: -len(PROMPT)]
+
+    def close(self):
+        self.sock.close()
+
+
+def tls_context():
+    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    ctx.check_hostname = False
+    ctx.verify_mode = ssl.CERT_NONE
+    ctx.minimum_version = ssl.TLSVersion.TLSv1_2
+    ctx.maximum_version = ssl.TLSVersion.TLSv1_2
+    ctx.set_ciphers("ADH:@SECLEVEL=0")
+    return ctx
+
+
+def main():
+    binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
+    work = WORK
+    for name in ("station.cfg", "station.acl"):
+        shutil.copy(os.path.join(source, name), work)
+    errors = open(os.path.join(work, "stderr.txt"), "w+")
+    proc = subprocess.Popen([binary, "Server.ListenPort=0"], cwd=work, stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=errors)
+    try:
+        port = None
+        deadline = time.time() + 30
+        while port is None and time.time() < deadline:
+            line = proc.stdout.readline().decode()
+            if not line:
+                break
+            m = re.match(r"tcp port (\d+)", line)
+            if m:
+                port = int(m.group(1))
+        check(port, "the station prints its port", open(errors.name).read())
+        run_clients(port, work, proc.pid)
+        proc.send_signal(signal.SIGTERM)
+        rc = proc.wait(timeout=30)
+        err = open(errors.name).read()
+        check(rc == 0, "SIGTERM ends the station with 0", "rc %s, stderr %s" % (rc, err))
+        check_log(work)
+        print("station e2e: %d checks passed" % checks)
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+        errors.close()
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def run_clients(port, work, pid):
+    a = Client(port)
+    check("station ready" in a.until(PROMPT), "the greeting")
+    b = Client(port)
+    b.until(PROMPT)
+
+    s = a.ask("status")
+    check(re.search(r"cycles \d+, period 1000 us, cycle length min/avg/max [\d.]+/[\d.]+/[\d.]+ us", s),
+          "status shows the cycle statistics", s)
+    check("sensor_high: NONE" in s and "log: " in s and "clients 2" in s, "status shows records and counts", s)
+
+    s = a.ask("io")
+    check(re.search(r"io 0x[0-9a-f]{2}: heater [01], alarm 0, inject 0", s), "io shows the bits", s)
+    check(a.ask("io set 4").strip() == "bit 4 = 1", "io set")
+    check(b.ask("io get 4").strip() == "bit 4 = 1", "a second client sees the bit")
+    time.sleep(0.5)  # injected readings: 100 warnings promote to an error
+    s = a.ask("status")
+    check(re.search(r"sensor_high: ERROR, \d+ reports now", s), "out-of-range readings promote", s)
+    check(re.search(r"io 0x1[0-9a-f]", s), "the alarm and inject bits are out", s)
+    check(a.ask("io clear 4").strip() == "bit 4 = 0", "io clear")
+    check("usage" in a.ask("io set 9"), "io refuses a bit outside the board")
+
+    check(a.ask("trace start").startswith("trace started"), "trace start")
+    time.sleep(0.3)
+    s = a.ask("trace stop")
+    n = int(re.search(r"(\d+) samples", s).group(1))
+    check(n > 50, "the trace sampled", s)
+    s = a.ask("trace dump")
+    check(re.match(r"\d+ samples dumped to \./sensor-trace\.csv", s), "trace dump", s)
+    with open(os.path.join(work, "sensor-trace.csv")) as f:
+        rows = f.read().splitlines()
+    # The sensor's rows, then the I/O byte's rows in the second column.
+    check(len(rows) >= 2 * n and re.match(r"^\d+;\d+;[\d.-]+$", rows[0]), "sensor rows", rows[:2])
+    check(re.match(r"^\d+;\d+;;\d+\.0000$", rows[-1]), "I/O rows in the second column", rows[-1:])
+
+    # The fit wants a whole run of the sensor's curve (four seconds).
+    for _ in range(100):
+        if int(re.search(r"cycles (\d+)", a.ask("status")).group(1)) > 4500:
+            break
+        time.sleep(0.1)
+    s = a.ask("fit")
+    m = re.search(r"mean squared residual ([\d.e+-]+)", s)
+    check(m and float(m.group(1)) < 0.05, "fit matches the curve", s)
+
+    cfg = os.path.join(work, "station.cfg")
+    data = open(cfg, "rb").read()
+    s = a.ask("hash sha256 station.cfg")
+    check(s.strip() == "sha256 (station.cfg) = " + hashlib.sha256(data).hexdigest(), "hash", s)
+    check("unknown method" in a.ask("hash nosuch station.cfg"), "hash of an unknown method")
+    s = a.ask("crc station.cfg")
+    # The library's CRC-32 starts from 0 and has no final XOR.
+    crc = zlib.crc32(data, 0xFFFFFFFF) ^ 0xFFFFFFFF
+    check("crc32 (station.cfg) = %08x" % crc in s, "crc", s)
+    check("cannot read" in a.ask("crc /nonexistent"), "crc of a missing file")
+
+    s = a.ask("config")
+    check("Server.ListenPort = 0" in s and "Station.PeriodUs = 1000" in s, "config shows", s)
+    check(a.ask("config set Station.HighLimit 90").strip() == "Station.HighLimit = 90", "config set")
+    check("cannot set" in a.ask("config set Station.Nothing 1"), "config set of an unknown key")
+    check(a.ask("config save").strip() == "saved station.cfg", "config save")
+    saved = open(cfg).read()
+    check(re.search(r"^HighLimit = 90\b.*# readings above this raise warnings", saved, re.M),
+          "the saved file keeps its comments", saved)
+
+    check("status" in a.ask("help") and "starttls" in a.ask("help"), "help lists the commands")
+    check("bogus: command not found" in a.ask("bogus"), "unknown commands")
+    check(a.ask("echo hello").strip() == "hello", "echo")
+
+    # Refused from an address the list does not allow.
+    d = Client(port, "127.0.0.2")
+    refusal = d.until(b"never")  # the whole answer, up to the close
+    check(refusal == "Your IP is not allowed to connect\r\n\0", "refusal from 127.0.0.2", repr(refusal))
+    d.close()
+
+    # TLS in the middle of a session.
+    b.sock.sendall(b"starttls\n")
+    check(b.until(b"\r\n") == "OK starting TLS\r\n", "starttls answers")
+    try:
+        b.sock = tls_context().wrap_socket(b.sock, server_hostname=None)
+    except (ssl.SSLError, OSError) as e:
+        check(False, "the TLS handshake", e)
+    check(b.until(PROMPT).endswith(PROMPT.decode()), "a prompt over TLS")
+    check(b.sock.version() == "TLSv1.2", "TLS 1.2", b.sock.version())
+    s = b.ask("status")
+    check("cycles" in s, "status over TLS", s)
+    b.sock.sendall(b"exit\n")
+    check(b.until(b"\n") == "bye\r\n", "exit over TLS")
+    b.close()
+
+    # A few clients at once, each with its own session.
+    many = [Client(port) for _ in range(8)]
+    for c in many:
+        c.until(PROMPT)
+    for i, c in enumerate(many):
+        c.sock.sendall(("echo client %d\n" % i).encode())
+    for i, c in enumerate(many):
+        check(c.until(PROMPT).startswith("client %d" % i), "concurrent client %d" % i)
+    for c in many:
+        c.close()
+
+    threads = len(os.listdir("/proc/%d/task" % pid))
+    check(threads == 3, "main, accept and sensor threads while running", threads)
+    a.sock.sendall(b"exit\n")
+    check(a.until(b"\n") == "bye\r\n", "exit")
+    a.close()
+
+
+def check_log(work):
+    logs = sorted(glob.glob(os.path.join(work, "station*.log")))
+    check(logs, "a log file")
+    text = "".join(open(p, errors="replace").read() for p in logs)
+    for want in ("station starting", "127.0.0.1 connected", "127.0.0.1: status", "TLS started",
+                 "sensor_high: ERROR", "configuration saved", "stopping"):
+        check(want in text, "the log holds " + want)
+    m = re.search(r"stopped: (\d+) thread\(s\), (\d+) descriptors \((\d+) at start, (\d+) for the log\)", text)
+    check(m, "the log holds the final counts")
+    threads, fds, start, logfd = map(int, m.groups())
+    check(threads == 1, "one thread left at the end", threads)
+    check(fds == start + logfd, "no descriptor left behind", m.group(0))
+
+
+main()
