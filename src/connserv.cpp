@@ -1,6 +1,7 @@
 // Connection server: configuration, the accept thread and the peer list.
 #include "zqcommon/connserv.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -67,6 +68,11 @@ void Connection_Server::Remove(MySocket* p, bool del) {
 
 void* Connection_Server::run(void*) {
   while (!issetup && !IsCancelled()) usleep(50000);
+  // Accepting without blocking: after refusing a peer, WaitConnection then
+  // comes back when nobody else waits, and the loop sees a stop request in
+  // time instead of sitting in accept() until stop() has to kill it.
+  const int listening = sock;
+  if (listening != -1) fcntl(listening, F_SETFL, fcntl(listening, F_GETFL) | O_NONBLOCK);
   while (!IsCancelled()) {
     ZQ_DEBUG(99, "Connection_Server::run()...\n");
     bool room;

@@ -316,6 +316,7 @@ int MySocketServer::LocalPort() const {
 
 MySocket* MySocketServer::WaitConnection() {
   if (sock == -1) return nullptr;
+  if (!from_returned_) delete from;  // a refused peer of the previous call
   from = nullptr;
   from_returned_ = false;
   for (;;) {
@@ -326,6 +327,9 @@ MySocket* MySocketServer::WaitConnection() {
     const int fd = accept4(listening, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
     ZQ_DEBUG(49, "MySocketServer::WaitConnection() Got a Connection (%i)\n", fd);
     if (fd == -1) {
+      // A non-blocking listening socket with nobody waiting (after a refused
+      // peer): the caller polls again rather than this loop spinning.
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return nullptr;
       usleep(10000);  // back off: a failing accept (no descriptors left) would spin
       continue;
     }

@@ -14,6 +14,8 @@ class Config_File;
 // them, up to MaxConn(), until the application takes them: it reads a peer
 // with operator[] and takes it with Remove(peer, false), or drops it with
 // Remove(peer, true). Further peers wait in the listen queue (backlog 5).
+// The thread makes the listening socket non-blocking, so that a refused peer
+// never leaves it waiting in accept() where only stop()'s kill would end it.
 //
 // The list is guarded by the server's own lock, which the accept thread holds
 // while it appends: operator[], Remove, IsPending and SetMaxConn take it too,

@@ -112,7 +112,8 @@ class AccessList : public std::map<ACL_Mode, Access_Addr*> {
 // A listening socket that accepts one peer at a time and refuses peers that
 // its access list (owned, may be null) denies: they receive the 36 bytes
 // "Your IP is not allowed to connect\r\n" and a zero byte, and are closed.
-// WaitConnection() blocks in accept(); IsPending() polls. A returned peer
+// WaitConnection() blocks in accept() (on a non-blocking listening socket it
+// answers null when nobody waits); IsPending() polls. A returned peer
 // belongs to the caller at once (From() still shows it until the next call);
 // the server deletes only a refused peer it still holds. Not locked.
 class MySocketServer : public MySocket {
