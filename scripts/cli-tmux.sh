@@ -8,25 +8,12 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
-bash "$root/scripts/deps.sh" tmux
+session="zqcli-$$"
+source "$root/scripts/tmux-lib.sh"
 cmake -S "$root" -B "$build" -G Ninja >/dev/null
 cmake --build "$build" --target cliserver >/dev/null
 
-session="zqcli-$$"
-trap 'tmux kill-session -t "$session" 2>/dev/null || true' EXIT
 tmux new-session -d -s "$session" -x 120 -y 40 "$build/examples/cliserver 0; sleep 2"
-
-screen() { tmux capture-pane -p -t "$session"; }
-fail() { echo "FAIL: $1"; screen; exit 1; }
-# Waits until the screen matches the extended regular expression $1.
-wait_for() {
-  for _ in $(seq 100); do
-    screen | grep -Eq "$1" && return 0
-    sleep 0.05
-  done
-  fail "$2"
-}
-keys() { tmux send-keys -t "$session" "$@"; }
 
 wait_for 'station:/[#>] ?$' "first prompt"
 keys 'add 2 40' Enter

@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
-# Builds the library and runs its demonstration program. Arguments go to the
-# program; without any it digests the project's own sources.
+# Builds the library and starts the station on its shipped configuration.
+# The station works in build-run/station/ (its configuration, access list,
+# logs and trace dumps live there) and listens on 127.0.0.1:7600; type
+# "help" at its prompt, or connect with `nc 127.0.0.1 7600`. "exit" (or
+# Ctrl-C) stops it. Arguments go to the station, e.g. Server.ListenPort=0.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-run}
 bash "$root/scripts/deps.sh"
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZQ_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" --target zqsum >/dev/null
+cmake --build "$build" -j"$(nproc)" --target station >/dev/null
 
-if [ $# -eq 0 ]; then
-  cd "$root"
-  set -- -m crc32,crc16,sha256,ripemd160 README.md CMakeLists.txt src/security/crc32.cpp
-fi
-exec "$build/examples/zqsum" "$@"
+# The shipped files are copied once; later runs keep the operator's changes.
+work="$build/station"
+mkdir -p "$work"
+for f in station.cfg station.acl; do
+  [ -e "$work/$f" ] || cp "$root/examples/station/$f" "$work/$f"
+done
+cd "$work"
+echo "station: working in $work" >&2
+exec "$build/examples/station/station" "$@"

@@ -255,6 +255,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
 int main(int argc, char** argv) {
   // (Each count of descriptors includes the one listing them.)
   const int fds_at_start = count_entries("/proc/self/fd") - 1;
+  const int threads_at_start = count_entries("/proc/self/task");
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
   if (cfg.parse_argline_default(
@@ -281,12 +282,12 @@ int main(int argc, char** argv) {
   log.Add(elog_INFO, 0, "station starting, configuration %s, debug level %d",
           cfg.getfilename().c_str(), DEBUG_LEVEL);
   const int rc = run(cfg, logcfg, log, settings, server);
-  // Everything but the log is gone now: one thread, and the descriptors of
-  // the start plus the log file.
+  // Everything but the log is gone now: the threads of the start, and its
+  // descriptors plus the log file.
   const int threads = count_entries("/proc/self/task");
   const int fds = count_entries("/proc/self/fd") - 1;
-  log.Add(elog_INFO, 0, "stopped: %d thread(s), %d descriptors (%d at start, %d for the log)",
-          threads, fds, fds_at_start, log.f != nullptr ? 1 : 0);
+  log.Add(elog_INFO, 0, "stopped: %d thread(s) (%d at start), %d descriptors (%d at start, %d for the log)",
+          threads, threads_at_start, fds, fds_at_start, log.f != nullptr ? 1 : 0);
   log.Flush();
   return rc;
 }
