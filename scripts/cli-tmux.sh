@@ -6,12 +6,9 @@
 # Ctrl-L redrawing the prompt and line, a TCP client with its own session,
 # and exit ending the program.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$root/build}
 session="zqcli-$$"
-source "$root/scripts/tmux-lib.sh"
-cmake -S "$root" -B "$build" -G Ninja >/dev/null
-cmake --build "$build" --target cliserver >/dev/null
+source "$(dirname "$0")/tmux-lib.sh"
+tmux_build cliserver
 
 tmux new-session -d -s "$session" -x 120 -y 40 "$build/examples/cliserver 0; sleep 2"
 
@@ -33,9 +30,7 @@ keys C-l
 [ "$(screen | grep -c 'station:/[#>] echo abc')" -ge 2 ] || wait_for 'x^' "Ctrl-L redraws prompt and line"
 keys C-u Enter
 
-port=$(screen | sed -n 's/^tcp port \([0-9]*\).*/\1/p' | head -n 1)
-[ -n "$port" ] || fail "the TCP port is shown"
-reply=$(timeout 5 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port; printf 'add 1 2\nclients\nexit\n' >&3; cat <&3" || true)
+reply=$(tcp_session 'add 1 2\nclients\nexit\n')
 echo "$reply" | grep -q '^3' || fail "a TCP client gets its own answers: $reply"
 echo "$reply" | grep -q '1 client(s)' || fail "the TCP client is counted: $reply"
 

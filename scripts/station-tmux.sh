@@ -5,12 +5,9 @@
 # "exit" and checks the terminal was restored, then starts it again and
 # stops it with Ctrl-C.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$root/build}
 session="zqstation-$$"
-source "$root/scripts/tmux-lib.sh"
-cmake -S "$root" -B "$build" -G Ninja >/dev/null
-cmake --build "$build" --target station >/dev/null
+source "$(dirname "$0")/tmux-lib.sh"
+tmux_build station
 
 work=$(mktemp -d)
 trap 'tmux kill-session -t "$session" 2>/dev/null || true; rm -rf "$work"' EXIT
@@ -40,9 +37,7 @@ wait_for 'points' "fit answers"
 keys 'starttls' Enter
 wait_for '^starttls: only for network clients' "starttls is for network clients"
 
-port=$(screen | sed -n 's/^tcp port \([0-9]*\).*/\1/p' | head -n 1)
-[ -n "$port" ] || fail "the TCP port is shown"
-reply=$(timeout 10 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port; printf 'echo via tcp\nio get 2\nexit\n' >&3; cat <&3" || true)
+reply=$(tcp_session 'echo via tcp\nio get 2\nexit\n')
 echo "$reply" | grep -q '> via tcp' || fail "a TCP client is served beside the terminal: $reply"
 echo "$reply" | grep -q '> bit 2 = 1' || fail "the TCP client sees the terminal's bit: $reply"
 

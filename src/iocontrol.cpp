@@ -125,15 +125,23 @@ IOResult IOControl::CopyBit(unsigned int id, unsigned int bit, bool value) {
   return change_bit(id, bit, value ? BitOp::set : BitOp::clear);
 }
 
-IOResult IOControl::ReadAll() {
+// Moves the image through every handler not in error, byte by byte, stopping
+// a handler at its first failed byte. Reading fills the inputs and mirrors
+// them into the outputs; writing hands out the output image at the
+// handler's input positions and for its input size (for handlers with equal
+// input and output sizes the ranges coincide).
+IOResult IOControl::transfer(bool read) {
   for (int k = 0; k <= hwp; ++k) {
     const IOHandlerList& slot = handler[k];
     IOHandler* h = slot.handler;
     if (!h || h->has_error()) continue;
-    unsigned int end = slot.iofs + h->isize();
+    const unsigned int end = slot.iofs + h->isize();
     if (end > size) return IOR_FAIL;
-    for (unsigned int p = slot.iofs; p < end; ++p)
-      if (h->Get8(p - slot.iofs, &i[p]) != IOR_SUCCESS) break;
+    for (unsigned int p = slot.iofs; p < end; ++p) {
+      const IOResult r = read ? h->Get8(p - slot.iofs, &i[p]) : h->Set8(p - slot.iofs, &o[p]);
+      if (r != IOR_SUCCESS) break;
+    }
+    if (!read) continue;
     // Mirror the inputs into the outputs, within the image.
     unsigned int n = h->osize();
     if (slot.oofs + n > size) n = slot.oofs < size ? size - slot.oofs : 0;
@@ -143,18 +151,5 @@ IOResult IOControl::ReadAll() {
   return IOR_SUCCESS;
 }
 
-// The output image goes out at the handler's input positions and for its
-// input size; for handlers with equal input and output sizes the ranges
-// coincide.
-IOResult IOControl::WriteAll() {
-  for (int k = 0; k <= hwp; ++k) {
-    const IOHandlerList& slot = handler[k];
-    IOHandler* h = slot.handler;
-    if (!h || h->has_error()) continue;
-    unsigned int end = slot.iofs + h->isize();
-    if (end > size) return IOR_FAIL;
-    for (unsigned int p = slot.iofs; p < end; ++p)
-      if (h->Set8(p - slot.iofs, &o[p]) != IOR_SUCCESS) break;
-  }
-  return IOR_SUCCESS;
-}
+IOResult IOControl::ReadAll() { return transfer(true); }
+IOResult IOControl::WriteAll() { return transfer(false); }

@@ -109,6 +109,7 @@ class IOControl {
   enum class BitOp { set, clear, invert };
   IOResult find(unsigned int id, unsigned int offset, bool input, unsigned int& pos) const;
   IOResult change_bit(unsigned int id, unsigned int bit, BitOp op);
+  IOResult transfer(bool read);
 
   unsigned int size;
   uint8_t* i;
