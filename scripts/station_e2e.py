@@ -112,7 +112,19 @@ def main():
         shutil.rmtree(work, ignore_errors=True)
 
 
+def cpu_seconds(pid):
+    fields = open("/proc/%d/stat" % pid).read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 def run_clients(port, work, pid):
+    # Idle with its input at end of file, the station must not spin: the
+    # 1 kHz task and a 20 ms poll cost a few percent of one processor.
+    before = cpu_seconds(pid)
+    time.sleep(2)
+    used = (cpu_seconds(pid) - before) / 2
+    check(used < 0.5, "no spinning on the closed input", "%.0f%% of a processor" % (used * 100))
+
     a = Client(port)
     check("station ready" in a.until(PROMPT), "the greeting")
     b = Client(port)
