@@ -20,4 +20,12 @@ for f in station.cfg station.acl; do
 done
 cd "$work"
 echo "station: working in $work" >&2
+# The sensor task locks the process's memory (mlockall), which an ordinary
+# user's locked-memory limit (8 MB on Debian) does not allow: raise the limit
+# of this shell, which the station inherits, through sudo.
+if [ "$(id -u)" -ne 0 ] && [ "$(ulimit -l)" != unlimited ]; then
+  echo "station: raising the locked-memory limit (sudo prlimit)" >&2
+  sudo prlimit --pid $$ --memlock=unlimited:unlimited ||
+    echo "station: could not raise it; the sensor task will not start" >&2
+fi
 exec "$build/examples/station/station" "$@"

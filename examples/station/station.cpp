@@ -156,7 +156,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {
-    std::fprintf(stderr, "station: the sensor task did not start (locked memory or privileges?)\n");
+    std::fprintf(stderr,
+                 "station: the sensor task did not start. It locks the process's memory, which\n"
+                 "needs root or an unlimited locked-memory limit (ulimit -l unlimited).\n");
     log.Add(elog_PANIC, 1, "the sensor task did not start");
     return 1;
   }
