@@ -83,8 +83,17 @@ def main():
     work = WORK
     for name in ("station.cfg", "station.acl"):
         shutil.copy(os.path.join(source, name), work)
+    # The command line alone: usage, and a setting that does not exist.
+    usage = subprocess.run([binary, "-h"], cwd=work, capture_output=True, text=True, timeout=30)
+    check(usage.returncode == 0 and "Usage is:" in usage.stderr and "Section.Key=VALUE" in usage.stderr,
+          "-h prints the usage and exits", usage.stderr)
+    bad = subprocess.run([binary, "-f", "station.cfg", "Station.Nothing=1"], cwd=work,
+                         capture_output=True, text=True, timeout=30)
+    check(bad.returncode == 2 and "cannot set Station.Nothing" in bad.stderr, "unknown settings are refused",
+          bad.stderr)
+
     errors = open(os.path.join(work, "stderr.txt"), "w+")
-    proc = subprocess.Popen([binary, "Server.ListenPort=0"], cwd=work, stdin=subprocess.DEVNULL,
+    proc = subprocess.Popen([binary, "-d", "1", "-f", "station.cfg", "Server.ListenPort=0"], cwd=work, stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=errors)
     try:
         port = None
@@ -235,7 +244,7 @@ def check_log(work):
     logs = sorted(glob.glob(os.path.join(work, "station*.log")))
     check(logs, "a log file")
     text = "".join(open(p, errors="replace").read() for p in logs)
-    for want in ("station starting", "127.0.0.1 connected", "127.0.0.1: status", "TLS started",
+    for want in ("station starting, configuration station.cfg, debug level 1", "127.0.0.1 connected", "127.0.0.1: status", "TLS started",
                  "sensor_high: ERROR", "configuration saved", "stopping"):
         check(want in text, "the log holds " + want)
     m = re.search(r"stopped: (\d+) thread\(s\) \((\d+) at start\), (\d+) descriptors "
