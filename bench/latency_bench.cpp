@@ -38,7 +38,7 @@ class Probe : public rtthread {
   Probe() : rtthread("LATPRB", kPeriodNs, true, 0, true) { latencies.reserve(kCycles); }
   ~Probe() override {
     SetCancel();
-    while (thread::IsRunning()) usleep(1000);
+    WaitFinished(-1);
   }
   std::vector<double> latencies;
   std::atomic<bool> done{false};
@@ -60,7 +60,7 @@ Stats run_ours() {
   probe.Start(nullptr);
   while (!probe.done) usleep(100000);
   probe.SetCancel();
-  while (probe.thread::IsRunning()) usleep(1000);
+  probe.WaitFinished(-1);
   return stats_of(probe.latencies);
 }
 

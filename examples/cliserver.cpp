@@ -65,14 +65,6 @@ int cmd_show(void* out, int, const char**) {
   return 0;
 }
 
-// Steps an interpreter while it has work: pending keys (11), or a line to run
-// and the prompt to show after it. The result of the last step.
-int pump(CLI& cli) {
-  int r;
-  while ((r = cli.update()) == 11 || (r == 0 && (cli.status & (CLI::kPrompt | CLI::kExecute)))) {
-  }
-  return r;
-}
 
 void register_commands(CLI& cli, FILE* out) {
   cli.Register(cmd_add, out, "add", nullptr, "add A B: the sum of two numbers");
@@ -113,10 +105,10 @@ int main(int argc, char** argv) {
       register_commands(*c->cli, c->out);
       clients.push_back(std::move(c));
       g_clients = clients.size();
-      pump(*clients.back()->cli);  // its prompt, and what it typed already
+      clients.back()->cli->update_all();  // its prompt, and what it typed already
     }
     g_clients = clients.size();
-    if (terminal_ready && pump(terminal) == 4) break;
+    if (terminal_ready && terminal.update_all() == 4) break;
     fds.assign(1, pollfd{STDIN_FILENO, POLLIN, 0});
     for (const auto& c : clients) fds.push_back(pollfd{c->socket->sock, POLLIN, 0});
     if (poll(fds.data(), fds.size(), 100) < 0) continue;
@@ -125,7 +117,7 @@ int main(int argc, char** argv) {
       if (!(fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR))) continue;
       char probe;
       const bool gone = recv(clients[i]->socket->sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
-      if (gone || pump(*clients[i]->cli) == 4) clients.erase(clients.begin() + static_cast<long>(i));
+      if (gone || clients[i]->cli->update_all() == 4) clients.erase(clients.begin() + static_cast<long>(i));
     }
   }
   server.stop();

@@ -22,7 +22,7 @@ class Counter : public rtthread {
   ~Counter() override { Stop(); }
   void Stop() {
     SetCancel();
-    for (int i = 0; i < 5000 && thread::IsRunning(); ++i) usleep(1000);
+    WaitFinished(5000);
   }
 
  protected:

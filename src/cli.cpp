@@ -252,6 +252,13 @@ void CLI::redraw() {
   std::fflush(_stdout);
 }
 
+int CLI::update_all() {
+  int r;
+  while ((r = update()) == 11 || (r == 0 && (status & (kPrompt | kExecute)))) {
+  }
+  return r;
+}
+
 int CLI::update() {
   if (status & kEnded) return 4;
   update_internal();

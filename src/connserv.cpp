@@ -37,7 +37,7 @@ Connection_Server::~Connection_Server() {
   ZQ_DEBUG(49, "Connection_Server::~Connection_Server()\n");
   stop();
   // Wait for the accept thread to leave its loop before the members go.
-  for (int i = 0; i < 1000 && thread::IsRunning() && !IsSuspended(); ++i) usleep(1000);
+  WaitFinished(1000, true);
   delete acl;
 }
 

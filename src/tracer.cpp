@@ -53,7 +53,7 @@ TTraceManager::~TTraceManager() {
   // Stop the sampling thread before the slots go: it ends at its next cycle.
   SetCancel();
   if (IsSuspended()) Resume();
-  while (thread::IsRunning() && !IsSuspended()) usleep(1000);
+  WaitFinished(-1, true);
 }
 
 TTraceManager& TTraceManager::operator+=(Trace& t) {

@@ -126,13 +126,6 @@ bool serve(Client& c, Log& log) {
   return c.conn->IsConnected();
 }
 
-// Steps the terminal's interpreter while it has work; 4 once it ended.
-int pump(CLI& cli) {
-  int r;
-  while ((r = cli.update()) == 11 || (r == 0 && (cli.status & (CLI::kPrompt | CLI::kExecute)))) {
-  }
-  return r;
-}
 
 // Section.Key=VALUE arguments override the file's settings; false when one
 // names no setting or its value does not fit.
@@ -214,7 +207,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       clients.push_back(std::move(c));
     }
     st.clients = static_cast<unsigned int>(clients.size());
-    if (terminal_ready && pump(*terminal) == 4) break;
+    if (terminal_ready && terminal->update_all() == 4) break;
 
     fds.clear();
     if (terminal) fds.push_back(pollfd{STDIN_FILENO, POLLIN, 0});

@@ -45,7 +45,7 @@ SensorTask::~SensorTask() { Stop(); }
 
 void SensorTask::Stop() {
   SetCancel();
-  for (int i = 0; i < 5000 && thread::IsRunning(); ++i) usleep(1000);
+  WaitFinished(5000);
 }
 
 void SensorTask::start(void*) {}

@@ -76,6 +76,11 @@ class CLI {
   // One step: 4 when the session has ended, 11 to be called again at once,
   // 0 when nothing is to be done until new input arrives.
   int update();
+  // Calls update() for as long as it has work without new input (keys read
+  // ahead, a finished line to run, the prompt to show after it); for an
+  // event loop that calls it whenever the input is readable. 4 when the
+  // session has ended, else 0.
+  int update_all();
   char get_char();
   void expand();
   unsigned int print_in_columns(const std::vector<std::string>& items, unsigned int width);

@@ -25,7 +25,7 @@ uint32_t nam2num(const char* name);
 // DEBUG_LEVEL is negative) and the body returns 0 without calling start().
 // The statistics are written by the task and read unlocked by others (each
 // read is of one 64-bit value). A derived class stops its task (SetCancel,
-// then waits for !thread::IsRunning()) before it is destroyed.
+// then WaitFinished()) before it is destroyed.
 class rtthread : public thread {
  public:
   rtthread(const char* name, long long period, bool hardrt, int sched, bool usefpu);

@@ -54,6 +54,10 @@ class thread : public lockable {
   void Kill();
   // Waits for the thread when the status word is exactly 1; see above.
   void Join();
+  // Waits, in 1 ms steps, until the body has ended (the running bit is
+  // clear) or, with `or_suspended`, the thread is parked. -1 waits without
+  // limit. Whether it happened; the thread is not joined here.
+  bool WaitFinished(int timeout_ms, bool or_suspended = false);
   bool IsSuspended() { return (_status & 2u) != 0; }
   bool IsCancelled() { return (_status & 8u) != 0; }
   // Ends the calling thread at once when it is this object's own thread and

@@ -25,7 +25,7 @@ rtdebug::rtdebug() : rtthread("MBXTSK", 10000000, false, 1, true) {
 rtdebug::~rtdebug() {
   // Stop the printing task before the mailboxes go.
   SetCancel();
-  for (int i = 0; i < 2000 && thread::IsRunning(); ++i) usleep(1000);
+  WaitFinished(2000);
 }
 
 void rtdebug::StartRTDebug() {

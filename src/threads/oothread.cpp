@@ -2,6 +2,7 @@
 #include "zqthreads/oothread.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <mutex>
@@ -117,6 +118,14 @@ void thread::Resume() {
   if ((_status & 3u) != 3u) return;
   pthread_kill(_thread, kResumeSignal);
   _status &= ~2u;
+}
+
+bool thread::WaitFinished(int timeout_ms, bool or_suspended) {
+  for (int waited = 0;; ++waited) {
+    if (!thread::IsRunning() || (or_suspended && IsSuspended())) return true;
+    if (timeout_ms >= 0 && waited >= timeout_ms) return false;
+    usleep(1000);
+  }
 }
 
 void thread::Join() {

@@ -19,7 +19,7 @@ struct Ticker : rtthread {
   explicit Ticker(long long period) : rtthread("TICKER", period, false, 0, true) {}
   ~Ticker() override {
     SetCancel();
-    for (int i = 0; i < 5000 && thread::IsRunning(); ++i) usleep(1000);
+    WaitFinished(5000);
   }
   std::atomic<int> ticks{0}, starts{0};
   void start(void*) override { ++starts; }
