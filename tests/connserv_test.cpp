@@ -1,27 +1,14 @@
 // Connection server: the accept thread, the peer limit and configuration.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-
-#include "support/loopback.h"
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 
+#include "support/eventually.h"
+#include "support/loopback.h"
 #include "zqcommon/connserv.h"
-
-namespace {
-
-bool eventually(const std::function<bool()>& done, int ms = 5000) {
-  for (int waited = 0; waited < ms; waited += 5) {
-    if (done()) return true;
-    usleep(5000);
-  }
-  return done();
-}
-
-}  // namespace
 
 TEST(ConnectionServer, HoldsUpToMaxConnAndHandsPeersOver) {
   Connection_Server server(0, 1, "127.0.0.1");

@@ -11,6 +11,7 @@
 #include "zqcommon/bug.h"
 #include "zqrtm/rtdebug.h"
 #include "zqrtm/rtmailbox.h"
+#include "support/eventually.h"
 #include "zqrtm/rtthread.h"
 
 namespace {
@@ -29,13 +30,6 @@ struct Ticker : rtthread {
   }
 };
 
-bool wait_until(const std::function<bool()>& done) {
-  for (int i = 0; i < 5000; ++i) {
-    if (done()) return true;
-    usleep(1000);
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -56,7 +50,7 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   testing::internal::CaptureStderr();
   Ticker bad(0);
   bad.Start(nullptr);
-  ASSERT_TRUE(wait_until([&] { return !bad.thread::IsRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !bad.thread::IsRunning(); }));
   EXPECT_EQ(bad.starts, 0);
   const std::string err = testing::internal::GetCapturedStderr();
   testing::internal::GetCapturedStdout();
@@ -65,7 +59,7 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   Ticker t(1000000);  // 1 kHz
   EXPECT_EQ(t.AvgCycleLength(), 0);
   t.Start(nullptr);
-  ASSERT_TRUE(wait_until([&] { return t.ticks > 20; }));
+  ASSERT_TRUE(eventually([&] { return t.ticks > 20; }));
   EXPECT_TRUE(t.IsRunning());
   EXPECT_EQ(t.starts, 1);
   t.Suspend();
@@ -75,7 +69,7 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   usleep(50000);
   EXPECT_EQ(t.ticks, parked);  // the period ticks on, cycles do not run
   t.Resume();
-  ASSERT_TRUE(wait_until([&] { return t.ticks > parked + 10; }));
+  ASSERT_TRUE(eventually([&] { return t.ticks > parked + 10; }));
   EXPECT_EQ(t.CyclePeriod(), 1000000);
   EXPECT_GE(t.CycleCount(), 30);
   EXPECT_LE(t.MinCycleLength(), t.AvgCycleLength());
@@ -85,7 +79,7 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   t.ResetCycleLength();
   EXPECT_EQ(t.MaxCycleLength() <= 0x3FFFFFFF, true);
   t.SetCancel();
-  ASSERT_TRUE(wait_until([&] { return !t.thread::IsRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !t.thread::IsRunning(); }));
   EXPECT_TRUE(t.IsCancelled());
 }
 

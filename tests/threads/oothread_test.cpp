@@ -10,6 +10,7 @@
 #include <functional>
 #include <thread>
 
+#include "support/eventually.h"
 #include "zqthreads/csemaphore.h"
 #include "zqthreads/oothread.h"
 
@@ -62,14 +63,6 @@ struct Quick : thread {
   void* run(void* arg) override { return arg; }
 };
 
-bool wait_for(const std::function<bool()>& done, int ms = 5000) {
-  const auto t0 = Clock::now();
-  while (!done()) {
-    if (ms_since(t0) > ms) return false;
-    usleep(1000);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -86,7 +79,7 @@ TEST(Lockable, LockedAndTrylockFromOtherThreads) {
 
   std::atomic<bool> held{false};
   std::thread holder = hold(g, 300, held);
-  ASSERT_TRUE(wait_for([&] { return held.load(); }));
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.locked());
   EXPECT_FALSE(g.trylock(0));
   const auto t0 = Clock::now();
@@ -98,7 +91,7 @@ TEST(Lockable, LockedAndTrylockFromOtherThreads) {
   holder.join();
 
   std::thread brief = hold(g, 20, held);
-  ASSERT_TRUE(wait_for([&] { return held.load(); }));
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.trylock(5000));
   g.unlock();
   brief.join();
@@ -108,12 +101,12 @@ TEST(Thread, StatusWordThroughALifetime) {
   Quick q;
   int token = 7;
   q.Start(&token);
-  ASSERT_TRUE(wait_for([&] { return !q.IsRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !q.IsRunning(); }));
   EXPECT_EQ(q.Status(), 0u);  // ended by itself: nothing left to join
   q.Join();
   EXPECT_EQ(q.Result(), &token);
   q.Start(nullptr);  // the same object runs again
-  ASSERT_TRUE(wait_for([&] { return !q.IsRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !q.IsRunning(); }));
   EXPECT_EQ(q.Result(), nullptr);
 
   Counter c;
@@ -126,7 +119,7 @@ TEST(Thread, StatusWordThroughALifetime) {
 TEST(Thread, JoinWaitsOnlyForAPlainRunningThread) {
   Counter c;
   c.Start(nullptr);
-  ASSERT_TRUE(wait_for([&] { return c.count > 0; }));
+  ASSERT_TRUE(eventually([&] { return c.count > 0; }));
   EXPECT_EQ(c.Status(), 1u);
   c.Suspend();
   EXPECT_EQ(c.Status(), 3u);
@@ -141,12 +134,12 @@ TEST(Thread, JoinWaitsOnlyForAPlainRunningThread) {
   c.Resume();
   EXPECT_EQ(c.Status(), 1u);
   c.Resume();  // not suspended: nothing
-  ASSERT_TRUE(wait_for([&] { return c.count > parked; }));
+  ASSERT_TRUE(eventually([&] { return c.count > parked; }));
 
   c.SetCancel();
   c.Join();  // cancel bit set: not joined
   EXPECT_TRUE(c.IsCancelled());
-  ASSERT_TRUE(wait_for([&] { return !c.IsRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !c.IsRunning(); }));
   EXPECT_TRUE(c.cleaned);
   EXPECT_TRUE(c.cleaned_cancelled);
   EXPECT_EQ(c.Status(), 8u);  // the cancel bit is sticky
@@ -173,7 +166,7 @@ TEST(Thread, JoinAndExitIfCancelled) {
   Counter c;
   c.exit_self = true;
   c.Start(nullptr);
-  ASSERT_TRUE(wait_for([&] { return c.count > 0; }));
+  ASSERT_TRUE(eventually([&] { return c.count > 0; }));
   EXPECT_EQ(c.Id(), c.Id());
   c.SetCancel();
   c.ExitIfCancelled();  // not the object's own thread: nothing happens here
