@@ -40,10 +40,7 @@ struct Session {
     if (!text.empty()) {
       EXPECT_EQ(::write(in[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
-    for (int i = 0; i < 10000; ++i) {
-      const int r = cli->update();
-      if (r == 4 || (r == 0 && !(cli->status & CLI::kExecute) && !(cli->status & CLI::kPrompt))) break;
-    }
+    cli->update_all();
     return screen();
   }
   std::string screen() {

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""The other side of the start-TLS tests, built on Python's ssl module.
+"""The server side of the start-TLS client test, built on Python's ssl module.
 
-    tls_peer.py client PORT    connect to 127.0.0.1:PORT
     tls_peer.py server         listen on 127.0.0.1, print the port
 
 Exchange: PLAIN hello / PLAIN ok / STARTTLS / GO in clear text, then TLS 1.2
@@ -50,18 +49,15 @@ def dh_params_pem(prime):
     return "-----BEGIN DH PARAMETERS-----\n" + base64.encodebytes(der).decode() + "-----END DH PARAMETERS-----\n"
 
 
-def context(server):
-    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER if server else ssl.PROTOCOL_TLS_CLIENT)
-    ctx.check_hostname = False
-    ctx.verify_mode = ssl.CERT_NONE
+def server_context():
+    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     ctx.minimum_version = ssl.TLSVersion.TLSv1_2
     ctx.maximum_version = ssl.TLSVersion.TLSv1_2
     ctx.set_ciphers("ADH:@SECLEVEL=0")
-    if server:
-        with tempfile.NamedTemporaryFile("w", suffix=".pem", delete=False) as f:
-            f.write(dh_params_pem(modp_prime(2048, 124476)))
-        ctx.load_dh_params(f.name)
-        os.unlink(f.name)
+    with tempfile.NamedTemporaryFile("w", suffix=".pem", delete=False) as f:
+        f.write(dh_params_pem(modp_prime(2048, 124476)))
+    ctx.load_dh_params(f.name)
+    os.unlink(f.name)
     return ctx
 
 
@@ -82,30 +78,21 @@ def expect(sock, want):
 
 
 def main():
-    mode = sys.argv[1]
-    if mode == "client":
-        sock = socket.create_connection(("127.0.0.1", int(sys.argv[2])), timeout=10)
-        sock.sendall(b"PLAIN hello\n")
-        expect(sock, "PLAIN ok")
-        sock.sendall(b"STARTTLS\n")
-        expect(sock, "GO")
-        tls = context(False).wrap_socket(sock, server_hostname=None)
-        tls.sendall(b"SECRET ping\n")
-        expect(tls, "SECRET pong")
-    else:
-        listener = socket.socket()
-        listener.bind(("127.0.0.1", 0))
-        listener.listen(1)
-        print(listener.getsockname()[1], flush=True)
-        sock, _ = listener.accept()
-        sock.settimeout(10)
-        expect(sock, "PLAIN hello")
-        sock.sendall(b"PLAIN ok\r\n")
-        expect(sock, "STARTTLS")
-        sock.sendall(b"GO\r\n")
-        tls = context(True).wrap_socket(sock, server_side=True)
-        expect(tls, "SECRET ping")
-        tls.sendall(b"SECRET pong\r\n")
+    if sys.argv[1:] != ["server"]:
+        sys.exit("usage: tls_peer.py server")
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(1)
+    print(listener.getsockname()[1], flush=True)
+    sock, _ = listener.accept()
+    sock.settimeout(10)
+    expect(sock, "PLAIN hello")
+    sock.sendall(b"PLAIN ok\r\n")
+    expect(sock, "STARTTLS")
+    sock.sendall(b"GO\r\n")
+    tls = server_context().wrap_socket(sock, server_side=True)
+    expect(tls, "SECRET ping")
+    tls.sendall(b"SECRET pong\r\n")
     tls.close()
     print("peer ok", file=sys.stderr)
 
