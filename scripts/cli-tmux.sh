@@ -31,10 +31,10 @@ keys C-l
 keys C-u Enter
 
 reply=$(tcp_session 'add 1 2\nclients\nexit\n')
-echo "$reply" | grep -q '^3' || fail "a TCP client gets its own answers: $reply"
-echo "$reply" | grep -q '1 client(s)' || fail "the TCP client is counted: $reply"
+grep -q '^3' <<<"$reply" || fail "a TCP client gets its own answers: $reply"
+grep -q '1 client(s)' <<<"$reply" || fail "the TCP client is counted: $reply"
 
 keys 'exit' Enter
 for _ in $(seq 60); do tmux has-session -t "$session" 2>/dev/null || break; sleep 0.05; done
-screen 2>/dev/null | grep -q 'station:/' && fail "exit ends the program" || true
+! grep -q 'station:/' <<<"$(screen 2>/dev/null)" || fail "exit ends the program"
 echo "cli-tmux: 8 checks passed"

@@ -38,8 +38,8 @@ keys 'starttls' Enter
 wait_for '^starttls: only for network clients' "starttls is for network clients"
 
 reply=$(tcp_session 'echo via tcp\nio get 2\nexit\n')
-echo "$reply" | grep -q '> via tcp' || fail "a TCP client is served beside the terminal: $reply"
-echo "$reply" | grep -q '> bit 2 = 1' || fail "the TCP client sees the terminal's bit: $reply"
+grep -q '> via tcp' <<<"$reply" || fail "a TCP client is served beside the terminal: $reply"
+grep -q '> bit 2 = 1' <<<"$reply" || fail "the TCP client sees the terminal's bit: $reply"
 
 keys 'exit' Enter
 wait_for '^exit status 0' "exit ends the station with status 0"

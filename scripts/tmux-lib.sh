@@ -31,7 +31,7 @@ wait_gone() {
 # N" and prints all that came back until the server closed.
 tcp_session() {
   local port
-  port=$(screen | sed -n 's/^tcp port \([0-9]*\).*/\1/p' | head -n 1)
+  port=$(sed -n 's/^tcp port \([0-9]*\).*/\1/p;T;q' <<<"$(screen)")
   [ -n "$port" ] || fail "the TCP port is shown"
   TCP_LINES="$1" timeout 10 bash -c \
     "exec 3<>/dev/tcp/127.0.0.1/$port; printf '%b' \"\$TCP_LINES\" >&3; cat <&3" || true

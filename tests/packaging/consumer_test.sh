@@ -11,10 +11,13 @@ flags=()
 [ -n "$sanitize" ] && flags=(-fsanitize="$sanitize")
 
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-libdir=$(dirname "$(find "$work/prefix" -name 'libzqcommon.so.1' | head -n 1)")
+libdir=$(dirname "$(find "$work/prefix" -name 'libzqcommon.so.1' -print -quit)")
 [ -L "$libdir/libzqcommon.so" ] || { echo "missing libzqcommon.so link"; exit 1; }
 [ "$(readlink "$libdir/libzqcommon.so.1")" != "" ] || { echo "libzqcommon.so.1 is not a link to the real name"; exit 1; }
-objdump -p "$libdir/libzqcommon.so.1" | grep -q 'SONAME *libzqcommon.so.1' || { echo "wrong SONAME"; exit 1; }
+# Captured first: with pipefail, grep -q leaving at its first match would make
+# objdump die of SIGPIPE and fail the pipeline at random.
+headers=$(objdump -p "$libdir/libzqcommon.so.1")
+grep -q 'SONAME *libzqcommon.so.1' <<<"$headers" || { echo "wrong SONAME"; exit 1; }
 
 # CMake package.
 cmake -S "$source" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" \
