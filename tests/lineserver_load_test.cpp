@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include "support/child_process.h"
 #include "support/loopback.h"
 #include <signal.h>
 #include <sys/socket.h>
@@ -11,50 +12,31 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-// Runs the example server on a free port; stops it (by its pid) on destruction.
+// Runs the example server on a free port; stops it with SIGTERM on destruction.
 class ServerProcess {
  public:
   ServerProcess() {
 #ifdef ZQ_LINESERVER_PATH
-    const char* path = ZQ_LINESERVER_PATH;
-#else
-    const char* path = "";
+    if (access(ZQ_LINESERVER_PATH, X_OK) != 0) return;
+    child_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{ZQ_LINESERVER_PATH, "0", "512", "127.0.0.1"}, SIGTERM);
+    if (child_->out() == nullptr || std::fscanf(child_->out(), "listening on %d", &port_) != 1)
+      port_ = 0;
 #endif
-    if (access(path, X_OK) != 0) return;
-    int out[2];
-    if (pipe(out) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      close(out[0]);
-      close(out[1]);
-      execl(path, path, "0", "512", "127.0.0.1", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(out[1]);
-    char text[64] = {};
-    ssize_t n = 0, got;
-    while (n < 63 && (got = read(out[0], text + n, 1)) == 1 && text[n] != '\n') ++n;
-    close(out[0]);
-    if (std::sscanf(text, "listening on %d", &port_) != 1) port_ = 0;
-  }
-  ~ServerProcess() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
   }
   int port() const { return port_; }
 
  private:
-  pid_t pid_ = -1;
+  std::unique_ptr<ChildProcess> child_;
   int port_ = 0;
 };
 

@@ -13,6 +13,7 @@
 
 #include <atomic>
 
+#include "support/child_process.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/mysocket.h"
 #include "zqsecurity/sslcommon.h"
@@ -24,43 +25,18 @@ namespace {
 
 constexpr int kWait = 10 * Connection::wait_1s;
 
-// Runs the Python peer; its exit status.
-struct Peer {
-  pid_t pid = -1;
-  FILE* out = nullptr;
-  explicit Peer(const std::vector<std::string>& args) {
-    int p[2];
-    if (pipe(p) != 0) return;
-    pid = fork();
-    if (pid == 0) {
-      dup2(p[1], STDOUT_FILENO);
-      close(p[0]);
-      close(p[1]);
-      std::vector<char*> argv = {const_cast<char*>("python3"), const_cast<char*>(ZQ_TLS_PEER)};
-      for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execvp("python3", argv.data());
-      _exit(127);
-    }
-    close(p[1]);
-    out = fdopen(p[0], "r");
-  }
+// Runs the Python peer.
+struct Peer : ChildProcess {
+  explicit Peer(const std::vector<std::string>& args)
+      : ChildProcess(with_script(args)) {}
+  // The port the peer listens on; 0 when it did not start.
   int port() {
     int port = 0;
-    return out != nullptr && std::fscanf(out, "%d", &port) == 1 ? port : 0;
+    return out() != nullptr && std::fscanf(out(), "%d", &port) == 1 ? port : 0;
   }
-  int wait() {
-    int status = -1;
-    if (pid > 0) waitpid(pid, &status, 0);
-    pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  ~Peer() {
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      wait();
-    }
-    if (out != nullptr) fclose(out);
+  static std::vector<std::string> with_script(std::vector<std::string> args) {
+    args.insert(args.begin(), {"python3", ZQ_TLS_PEER});
+    return args;
   }
 };
 
