@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chartype.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/mysocket.h"
 
@@ -20,13 +21,8 @@ int get_ifmac(const std::string& ifname, std::string& mac) {
   std::strncpy(req.ifr_name, ifname.c_str(), IFNAMSIZ - 1);
   const int rc = ioctl(s, SIOCGIFHWADDR, &req);
   if (rc == 0) {
-    static const char kDigits[] = "0123456789abcdef";
-    for (int i = 0; i < 6; ++i) {
-      const auto byte = static_cast<unsigned char>(req.ifr_hwaddr.sa_data[i]);
-      if (i != 0) mac += ':';
-      mac += kDigits[byte >> 4];
-      mac += kDigits[byte & 15];
-    }
+    zqdetail::append_hex(mac, reinterpret_cast<const unsigned char*>(req.ifr_hwaddr.sa_data), 6,
+                         ':');
   }
   ::close(s);
   return rc;

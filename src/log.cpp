@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "chartype.h"
 #include "zqcommon/functions.h"
 
 const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";
@@ -91,9 +92,8 @@ void Log::LineFormatter::format(const Log_Entry& e, std::string& out) {
   head[6] = ';';
   head[7] = type_letter(e.type);
   head[8] = ';';
-  static const char kHex[] = "0123456789abcdef";
   const auto nerr = static_cast<unsigned>(e.nerr);
-  for (int i = 0; i < 8; ++i) head[9 + i] = kHex[(nerr >> (28 - 4 * i)) & 15u];
+  for (int i = 0; i < 8; ++i) head[9 + i] = zqdetail::kHexDigits[(nerr >> (28 - 4 * i)) & 15u];
   head[17] = ';';
   out.clear();
   out.append(prefix, prefix_len);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chartype.h"
 #include "security/openssl_init.h"
 #include "security/tool_listing.h"
 #include "zqcommon/functions.h"
@@ -74,13 +75,8 @@ std::string Hash::mkHashText(const void* data, unsigned int length) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int n = 0;
   if (!mkHash(data, length, digest, &n)) return std::string();
-  static const char kHex[] = "0123456789abcdef";
   std::string text;
-  text.reserve(2 * n);
-  for (unsigned int i = 0; i < n; ++i) {
-    text += kHex[digest[i] >> 4];
-    text += kHex[digest[i] & 15];
-  }
+  zqdetail::append_hex(text, digest, n);
   return text;
 }
 
