@@ -4,7 +4,13 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ make pkg-config binutils libssl-dev openssl libgtest-dev
-          libgmock-dev python3 "$@")
+          libgmock-dev python3
+          # services, fleet and console
+          libsystemd-dev systemd logrotate libmosquitto-dev mosquitto mosquitto-clients
+          prometheus-cpp-dev libedit-dev zlib1g-dev python3-paho-mqtt python3-prometheus-client
+          # packaging, documentation, interface checks
+          dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper
+          "$@")
 missing=()
 for p in "${packages[@]}"; do
   [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" = "install ok installed" ] || missing+=("$p")
