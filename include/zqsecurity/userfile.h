@@ -48,6 +48,7 @@ class ZQ_EXPORT UserFile {
   static bool CheckHash(const std::string& hash, const std::string& password);
 
  private:
+  static const std::string& unknown_user_hash();
   struct User {
     AccessLevel level = kNoAccess;
     std::string hash;

@@ -103,6 +103,13 @@ bool valid_name(const std::string& name) {
 
 }  // namespace
 
+// A hash of the current cost that no password matches; made once, when the
+// first file is loaded, so that even the first unknown user waits as long.
+const std::string& UserFile::unknown_user_hash() {
+  static const std::string hash = MakeHash("not a password");
+  return hash;
+}
+
 const char* UserFile::LevelName(AccessLevel level) {
   switch (level) {
     case kViewer: return "viewer";
@@ -138,9 +145,7 @@ bool UserFile::CheckHash(const std::string& hash, const std::string& password) {
 AccessLevel UserFile::Verify(const std::string& name, const std::string& password) const {
   auto it = users_.find(name);
   if (it == users_.end()) {
-    // The same work as for a known user, so that timing does not tell.
-    static const std::string dummy = MakeHash("not a password");
-    CheckHash(dummy, password);
+    CheckHash(unknown_user_hash(), password);  // the same work as for a known user
     return kNoAccess;
   }
   return CheckHash(it->second.hash, password) ? it->second.level : kNoAccess;
@@ -209,6 +214,7 @@ bool UserFile::Load(const std::string& path, std::string& error) {
     users[name] = u;
   }
   users_.swap(users);
+  unknown_user_hash();
   return true;
 }
 
