@@ -257,6 +257,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
         answer(c, true);  // the answer that waited after a failed login
         alive = serve(c, log, gate);
       }
+      // A client that hangs up while its answer waits is gone (else poll would spin on it).
+      if (alive && gate.Held(c.session, now) && (ev & (POLLHUP | POLLERR))) alive = false;
       if (alive && (ev & POLLOUT)) c.conn->flush(0);
       if (!alive || ((ev & (POLLIN | POLLHUP | POLLERR)) && !serve(c, log, gate))) {
         log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
