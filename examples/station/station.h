@@ -11,6 +11,7 @@
 #include <zqcommon/iocontrol.h>
 #include <zqcommon/lib_config.h>
 #include <zqcommon/log.h>
+#include <zqcommon/setting_check.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
 #include <zqrtm/rtmailbox.h>
@@ -35,6 +36,8 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DumpPath = ".";   // where trace dumps go
   int TraceDepth = 10000;       // samples kept per trace
   int FitPoints = 1000;         // the recorded curve handed to the fitter
+  std::string DataDir = ".";    // the only files network clients may read
+  long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
 };
 
 // [Server]: the TCP side.
@@ -175,6 +178,18 @@ SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Con
 inline SettingsList sections(Station& st) { return sections(st.settings, st.server, st.logcfg); }
 // The setting "Section.Key" (names without regard to case), or null.
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path);
+
+// The type and range of every setting; values outside are refused.
+const zqcommon::Setting_Check& setting_rules();
+// Whether the setting names files, folders, addresses or ports (or is a log
+// mask): network clients may not change those.
+bool operator_only(const std::string& path);
+// A regular file of at most Station.MaxFileBytes, for a network session only
+// inside Station.DataDir and never through a symbolic link; false with the
+// reason in `why`.
+bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
+// Control bytes (and the backslash) as \xNN: client text fit for the log.
+std::string escape_controls(const std::string& text);
 
 }  // namespace station
 
