@@ -52,9 +52,9 @@ int cmd_status(void* arg, int, const char**) {
         w.error.count != 0 ? sev.Description() : "NONE", w.error.count, w.error.total_count);
   }
   Log& log = st.log;
-  say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes",
+  say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes, %llu lines lost",
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
-      log.Name().c_str(), log.LogSize());
+      log.Name().c_str(), log.LogSize(), log.WriteFailures());
   say(s, "clients %u", st.clients);
   return 0;
 }

@@ -147,6 +147,17 @@ bool read_file(const Session& s, const std::string& name, std::string& data, std
   }
 }
 
+void report_log_losses(Station& st, double now) {
+  if (now - st.log_lost_checked < 60.0) return;
+  st.log_lost_checked = now;
+  const unsigned long long lost = st.log.WriteFailures();
+  if (lost == st.log_lost_told) return;
+  st.log.Add(elog_WARN, 0, "the log file could not take %llu lines since the last report (%llu in all)",
+             lost - st.log_lost_told, lost);
+  st.log.Flush();
+  if (st.log.WriteFailures() == lost) st.log_lost_told = lost;  // told only once it arrived
+}
+
 std::string escape_controls(const std::string& text) {
   std::string out;
   out.reserve(text.size());

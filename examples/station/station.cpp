@@ -194,6 +194,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   bool terminal_ready = terminal != nullptr;  // shows the first prompt
   while (!g_stop) {
     st.Drain();
+    station::report_log_losses(st, GetUTC());
     while (MySocket* peer = srv[0]) {
       srv.Remove(peer, false);
       auto c = std::make_unique<Client>();

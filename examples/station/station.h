@@ -152,6 +152,8 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  unsigned long long log_lost_told = 0;  // the log's lost lines already reported
+  double log_lost_checked = 0;           // when they were last looked at
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -188,6 +190,8 @@ bool operator_only(const std::string& path);
 // inside Station.DataDir and never through a symbolic link; false with the
 // reason in `why`.
 bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
+// Once a minute: when the log lost lines since the last report, says so in it.
+void report_log_losses(Station& st, double now);
 // Control bytes (and the backslash) as \xNN: client text fit for the log.
 std::string escape_controls(const std::string& text);
 
