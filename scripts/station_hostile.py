@@ -21,16 +21,11 @@ import sys
 import tempfile
 import time
 
+from station_client import Checks, read_until
+
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-hostile-")
-checks = 0
-
-
-def check(ok, what, detail=""):
-    global checks
-    if not ok:
-        sys.exit("FAIL: %s %s" % (what, str(detail)[:500]))
-    checks += 1
+check = Checks()
 
 
 class Client:
@@ -39,13 +34,7 @@ class Client:
         self.until(PROMPT)
 
     def until(self, marker):
-        data = b""
-        while not data.endswith(marker):
-            chunk = self.sock.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-        return data.decode(errors="replace")
+        return read_until(self.sock, marker)
 
     def ask(self, line):
         self.sock.sendall(line.encode(errors="surrogateescape") + b"\n")
@@ -163,7 +152,7 @@ def main():
         procs.append(again)
         again.send_signal(signal.SIGTERM)
         check(again.wait(timeout=30) == 0, "the saved file starts again")
-        print("station hostile: %d checks passed" % checks)
+        print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:
             if p.poll() is None:
