@@ -147,7 +147,7 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
     }
     // The same answer, after the same wait, for an unknown user and a wrong password.
     const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, now);
-    log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", a.user.c_str(), s.peer.c_str(),
+    log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
              locked || throttle_.Locked(s.peer, now) ? " (address locked out)" : "");
     a.hold_until_ms = now + wait;
     a.user.clear();
@@ -184,7 +184,8 @@ void Gate::login_done(CLI& cli, Session& s, const std::string& user, AccessLevel
 }
 
 void Gate::Audit(const Session& s, const std::string& line, int result) {
-  log_.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(), Trim(line).c_str(),
+  log_.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(),
+           escape_controls(Trim(line)).c_str(),
            s.access.user.empty() ? "-" : s.access.user.c_str(),
            UserFile::LevelName(static_cast<AccessLevel>(s.level)), result);
 }

@@ -19,6 +19,9 @@ StationSettings::StationSettings() {
   Register("TraceDepth", TraceDepth, zqcommon::Config_Data_INIT.FULL, "", "samples per trace");
   Register("FitPoints", FitPoints, zqcommon::Config_Data_INIT.FULL, "", "points of the fitted curve");
   Register("UsersFile", UsersFile, zqcommon::Config_Data_INIT.FULL, "", "network users and levels");
+  Register("DataDir", DataDir, zqcommon::Config_Data_INIT.FULL, "", "files network clients may read");
+  Register("MaxFileBytes", MaxFileBytes, zqcommon::Config_Data_INIT.FULL, "", "largest file read",
+           zqcommon::cfg_STORAGE);
 }
 
 ServerSettings::ServerSettings() {
