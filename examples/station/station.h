@@ -13,11 +13,13 @@
 #include <zqcommon/log.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
+#include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rtthread.h>
 
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -69,6 +71,8 @@ class SensorTask : public rtthread {
   void Stop();
   // Written by the main thread between cycles' reads: single values.
   std::atomic<double> low{0.0}, high{80.0}, setpoint{40.0};
+  // Lateness and overruns, recorded by the task, read by anyone.
+  CycleStats cycle_stats;
 
  protected:
   void start(void* arg) override;
@@ -149,6 +153,9 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  // Observers of every record and of every change of a watch's severity.
+  std::function<void(const Record&)> on_record;
+  std::function<void(const Watch&, double value)> on_severity;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);

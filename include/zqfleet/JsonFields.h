@@ -20,6 +20,9 @@ class ZQ_EXPORT JsonFields {
   JsonFields& Add(const char* key, double number);
   JsonFields& Add(const char* key, unsigned int number) { return Add(key, static_cast<long long>(number)); }
   JsonFields& Add(const char* key, int number) { return Add(key, static_cast<long long>(number)); }
+  // A UTC time stamp, "2026-01-02T03:04:05.678Z", from seconds since 1970.
+  JsonFields& AddTime(const char* key, double seconds);
+  static std::string UtcTime(double seconds);
   // A value that already is JSON (an array or object built elsewhere).
   JsonFields& AddRaw(const char* key, const std::string& json);
   const std::string& Text() const { return text_; }

@@ -78,6 +78,8 @@ class ZQ_EXPORT MqttLink {
   bool TakeNotice(std::string& text);
   Counters Read() const;
   const std::string& Prefix() const;
+  // The library's version, e.g. "1.0.0".
+  static const char* Version();
 
  private:
   struct Impl;

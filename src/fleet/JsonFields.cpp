@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 
 namespace zqfleet {
 
@@ -56,6 +57,19 @@ JsonFields& JsonFields::Add(const char* name, double number) {
   text_ += buf;
   return *this;
 }
+
+std::string JsonFields::UtcTime(double seconds) {
+  const time_t whole = static_cast<time_t>(std::floor(seconds));
+  const int ms = static_cast<int>((seconds - static_cast<double>(whole)) * 1000.0);
+  tm t{};
+  gmtime_r(&whole, &t);
+  char buf[40];
+  const size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &t);
+  std::snprintf(buf + n, sizeof buf - n, ".%03dZ", ms < 0 ? 0 : ms > 999 ? 999 : ms);
+  return buf;
+}
+
+JsonFields& JsonFields::AddTime(const char* name, double seconds) { return Add(name, UtcTime(seconds)); }
 
 JsonFields& JsonFields::AddRaw(const char* name, const std::string& json) {
   key(name);

@@ -22,15 +22,10 @@ constexpr int kWindow = 64;  // records handed to libmosquitto at once
 
 std::once_flag g_lib_once;
 
-std::string utc_now() {
+double utc_now() {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
-  tm t{};
-  gmtime_r(&ts.tv_sec, &t);
-  char buf[40];
-  const size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &t);
-  std::snprintf(buf + n, sizeof buf - n, ".%03ldZ", ts.tv_nsec / 1000000);
-  return buf;
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
 }  // namespace
@@ -60,17 +55,16 @@ struct MqttLink::Impl {
     if (notices.size() < 256) notices.push_back(text);
   }
 
-  std::string envelope(const std::string& topic, const std::string& fields, uint64_t number) {
+  std::string envelope(const std::string& fields, uint64_t number) {
     JsonFields head;
-    head.Add("station", station).Add("seq", static_cast<long long>(number)).Add("time", utc_now());
+    head.Add("station", station).Add("seq", static_cast<long long>(number)).AddTime("time", utc_now());
     std::string text = "{" + head.Text();
     if (!fields.empty()) text += "," + fields;
-    (void)topic;
     return text + "}";
   }
 
   void set_will() {
-    const std::string payload = envelope("state", JsonFields().Add("state", "offline").Text(), session);
+    const std::string payload = envelope(JsonFields().Add("state", "offline").Text(), session);
     mosquitto_will_set_v5(mosq, (prefix + "/state").c_str(), static_cast<int>(payload.size()),
                           payload.data(), 1, true, nullptr);
   }
@@ -107,7 +101,7 @@ struct MqttLink::Impl {
     self.last_notice.clear();
     std::string fields = JsonFields().Add("state", "online").Text();
     if (!self.birth.empty()) fields += "," + self.birth;
-    const std::string payload = self.envelope("state", fields, self.session);
+    const std::string payload = self.envelope(fields, self.session);
     mosquitto_publish_v5(m, nullptr, (self.prefix + "/state").c_str(), static_cast<int>(payload.size()),
                          payload.data(), 1, true, nullptr);
     mosquitto_subscribe_v5(m, nullptr, (self.prefix + "/cmd").c_str(), 1, 0, nullptr);
@@ -192,6 +186,8 @@ MqttLink::MqttLink(const MqttSettings& settings, const std::string& station_id) 
 
 MqttLink::~MqttLink() { Stop(0); }
 
+const char* MqttLink::Version() { return ZQ_FLEET_VERSION; }
+
 const std::string& MqttLink::Prefix() const { return impl_->prefix; }
 
 bool MqttLink::Start(const std::string& birth_fields, std::string& error) {
@@ -272,7 +268,7 @@ void MqttLink::Stop(int wait_ms) {
     {
       std::lock_guard<std::mutex> lock(s.mu);
       if (s.connected) {
-        const std::string payload = s.envelope("state", JsonFields().Add("state", "offline").Text(), s.session);
+        const std::string payload = s.envelope(JsonFields().Add("state", "offline").Text(), s.session);
         mosquitto_publish_v5(s.mosq, nullptr, (s.prefix + "/state").c_str(), static_cast<int>(payload.size()),
                              payload.data(), 1, true, nullptr);
       }
@@ -292,7 +288,7 @@ uint64_t MqttLink::Publish(const std::string& topic, const std::string& fields, 
   const uint64_t number = s.seq[topic]++;
   zqdetail::QueuedRecord r;
   r.topic = s.prefix + "/" + topic;
-  r.payload = s.envelope(topic, fields, number);
+  r.payload = s.envelope(fields, number);
   if (qos == 0) {
     if (s.connected && s.mosq != nullptr &&
         mosquitto_publish_v5(s.mosq, nullptr, r.topic.c_str(), static_cast<int>(r.payload.size()),
@@ -331,7 +327,7 @@ bool MqttLink::Respond(const Request& request, const std::string& fields) {
   std::string payload;
   {
     std::lock_guard<std::mutex> lock(s.mu);
-    payload = s.envelope("reply", fields, s.seq["reply"]++);
+    payload = s.envelope(fields, s.seq["reply"]++);
   }
   const int rc = mosquitto_publish_v5(s.mosq, nullptr, request.response_topic.c_str(),
                                       static_cast<int>(payload.size()), payload.data(), 1, false, props);
