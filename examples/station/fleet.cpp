@@ -107,7 +107,7 @@ bool Fleet::Start() {
   st_.log.Add(elog_INFO, 0, "MQTT broker %s:%d, topics %s/...", m.Host.c_str(), m.Port, link_->Prefix().c_str());
   st_.on_record = [this](const Record& r) { on_record(r); };
   st_.on_severity = [this](const Watch& w, double value) { on_severity(w, value); };
-  log_seen_ = st_.log.LogCount();
+  log_seen_ = st_.log.empty() ? 0 : st_.log.front().time;
   return true;
 }
 
@@ -199,15 +199,16 @@ void Fleet::publish_status() {
   dropped_reported_ = q.dropped;
 }
 
-// New log entries (the Log keeps the newest in memory) whose type is in the mask.
+// New log entries whose type is in the mask. The Log keeps its newest
+// entries in memory, newest first; those stamped after the last one
+// published are new.
 void Fleet::publish_log() {
-  const unsigned int total = st_.log.LogCount();
-  unsigned int fresh = total - log_seen_;
-  log_seen_ = total;
-  if (fresh > st_.log.size()) fresh = static_cast<unsigned int>(st_.log.size());
-  auto it = st_.log.end();
-  std::advance(it, -static_cast<long>(fresh));
-  for (; it != st_.log.end(); ++it) {
+  auto it = st_.log.begin();
+  while (it != st_.log.end() && it->time > log_seen_) ++it;
+  if (it == st_.log.begin()) return;
+  log_seen_ = st_.log.front().time;
+  while (it != st_.log.begin()) {
+    --it;
     if ((static_cast<unsigned int>(it->type) & cfg_.mqtt.LogMask) == 0) continue;
     link_->Publish("log", JsonFields()
                               .Add("type", std::string(1, Log_Entry::eLogTypeS[it->type]))

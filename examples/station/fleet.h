@@ -65,7 +65,7 @@ class Fleet {
   bool metrics_on_ = false;
   std::string samples_;  // [cycle,value,io] items of the batch being built
   double batch_start_ = 0, last_status_ = 0, last_metrics_ = 0;
-  unsigned int log_seen_ = 0;
+  double log_seen_ = 0;  // the time of the newest log entry published
   uint64_t dropped_reported_ = 0;
 };
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "diskqueue.h"
 #include "zqfleet/JsonFields.h"
@@ -46,13 +47,13 @@ struct MqttLink::Impl {
   zqdetail::DiskQueue disk;
   std::deque<Request> requests;
   std::deque<std::string> notices;
-  std::string last_notice;
+  std::set<std::string> noticed;  // since the last successful connection
 
   // ------------------------------------------------ called with `mu` held
   void notice(const std::string& text) {
-    if (text == last_notice) return;  // once until the condition changes
-    last_notice = text;
-    if (notices.size() < 256) notices.push_back(text);
+    // Once until the link connects again; a retry repeats the same texts.
+    if (notices.size() >= 256 || !noticed.insert(text).second) return;
+    notices.push_back(text);
   }
 
   std::string envelope(const std::string& fields, uint64_t number) {
@@ -98,7 +99,7 @@ struct MqttLink::Impl {
     }
     self.connected = true;
     ++self.connects;
-    self.last_notice.clear();
+    self.noticed.clear();
     std::string fields = JsonFields().Add("state", "online").Text();
     if (!self.birth.empty()) fields += "," + self.birth;
     const std::string payload = self.envelope(fields, self.session);
@@ -136,6 +137,15 @@ struct MqttLink::Impl {
     }
     if (!self.queue.empty() && self.disk.IsOpen()) self.disk.MaybeCompact(self.queue, self.queued_bytes);
     self.pump();
+  }
+
+  // libmosquitto's own errors (TLS verification, a refused socket): the
+  // only report of a failure before CONNACK.
+  static void on_log(mosquitto*, void* p, int level, const char* text) {
+    if ((level & (MOSQ_LOG_ERR | MOSQ_LOG_WARNING)) == 0 || text == nullptr) return;
+    Impl& self = of(p);
+    std::lock_guard<std::mutex> lock(self.mu);
+    self.notice(text);
   }
 
   static void on_message(mosquitto*, void* p, const mosquitto_message* msg, const mosquitto_property* props) {
@@ -236,6 +246,7 @@ bool MqttLink::Start(const std::string& birth_fields, std::string& error) {
   mosquitto_disconnect_v5_callback_set(s.mosq, &Impl::on_disconnect);
   mosquitto_publish_v5_callback_set(s.mosq, &Impl::on_publish);
   mosquitto_message_v5_callback_set(s.mosq, &Impl::on_message);
+  mosquitto_log_callback_set(s.mosq, &Impl::on_log);
   {
     std::lock_guard<std::mutex> lock(s.mu);
     s.set_will();
