@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|fleetcmd [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|fleetcmd [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -31,6 +31,9 @@ case "$target" in
   cli)
     printf 'echo $VERSION x\nset a=1\necho $a$$?\nhe\t\nec\t hi\n\x1b[A\x1b[A\x1b[B\n' > "$corpus/seed1"
     printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2" ;;
+  fleetcmd)
+    printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
+    printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
 esac
 
 cd "$build"
