@@ -29,6 +29,12 @@ double utc_now() {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+// Every registered setting, by its text.
+void copy_settings(MqttSettings& to, const MqttSettings& from) {
+  // Config_Data iterates only without const; the entries are only read.
+  for (auto& e : const_cast<MqttSettings&>(from)) to.GetEntry(e.first) = e.second.Value();
+}
+
 }  // namespace
 
 struct MqttLink::Impl {
@@ -179,19 +185,7 @@ MqttLink::MqttLink(const MqttSettings& settings, const std::string& station_id) 
   Impl& s = *impl_;
   s.station = station_id;
   s.prefix = settings.TopicPrefix.empty() ? "zq/" + station_id : settings.TopicPrefix;
-  MqttSettings& c = s.settings;
-  c.Host = settings.Host;
-  c.Port = settings.Port;
-  c.ClientId = settings.ClientId;
-  c.User = settings.User;
-  c.PasswordFile = settings.PasswordFile;
-  c.CAFile = settings.CAFile;
-  c.CertificateFile = settings.CertificateFile;
-  c.KeyFile = settings.KeyFile;
-  c.KeepAlive = settings.KeepAlive;
-  c.QoS = settings.QoS;
-  c.QueueDir = settings.QueueDir;
-  c.QueueLimit = settings.QueueLimit;
+  copy_settings(s.settings, settings);
 }
 
 MqttLink::~MqttLink() { Stop(0); }
