@@ -88,7 +88,9 @@ struct MqttLink::Impl {
       zqdetail::QueuedRecord& r = queue[inflight];
       const int rc = mosquitto_publish_v5(mosq, &r.mid, r.topic.c_str(), static_cast<int>(r.payload.size()),
                                           r.payload.data(), 1, false, nullptr);
-      if (rc != MOSQ_ERR_SUCCESS) break;  // not connected after all: the next connect resumes
+      // Without a connection libmosquitto keeps the record and sends it
+      // after the next CONNACK: it is in flight all the same.
+      if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) break;
       ++inflight;
     }
   }
@@ -113,8 +115,8 @@ struct MqttLink::Impl {
                          payload.data(), 1, true, nullptr);
     mosquitto_subscribe_v5(m, nullptr, (self.prefix + "/cmd").c_str(), 1, 0, nullptr);
     mosquitto_subscribe_v5(m, nullptr, (self.prefix + "/cmd/+").c_str(), 1, 0, nullptr);
-    // What was in flight when the last connection ended is sent again, in order.
-    self.inflight = 0;
+    // What was in flight when the last connection ended libmosquitto sends
+    // again itself (same message ids, in order); the rest follows.
     self.pump();
   }
 

@@ -284,12 +284,16 @@ def main():
     s2.stop()
     time.sleep(1)
     for topic in ("samples", "status"):
-        seqs = sorted(r["seq"] for r in persist.records("/" + topic))
-        check(seqs and seqs == list(range(seqs[-1] + 1)), "every %s number once" % topic,
-              "%d records, max %s, missing %s, twice %s" % (len(seqs), seqs[-1] if seqs else None,
-                                                           sorted(set(range(seqs[-1] + 1)) - set(seqs))[:10] if seqs else [],
-                                                           [x for x in set(seqs) if seqs.count(x) > 1][:10]))
-        print("%s: %d records across the broker restart, each once" % (topic, len(seqs)))
+        # Every number arrives; a second copy only as the broker's own
+        # redelivery (DUP set), which QoS 1 permits across its restart.
+        msgs = [(json.loads(m.payload)["seq"], m.dup) for m in persist.take("/" + topic)]
+        seqs = sorted({n for n, _ in msgs})
+        fresh = sorted(n for n, dup in msgs if not dup)
+        check(seqs and seqs == list(range(seqs[-1] + 1)) and len(fresh) == len(set(fresh)),
+              "every %s number once" % topic, "%d distinct, max %s, sent twice %s" % (
+                  len(seqs), seqs[-1] if seqs else None, [n for n in set(fresh) if fresh.count(n) > 1]))
+        print("%s: %d records across the broker restart, each once (%d redelivered by the broker)"
+              % (topic, len(seqs), len(msgs) - len(fresh)))
     persist.close()
 
     # A tiny queue while the broker is away: the drops are counted and reported.
