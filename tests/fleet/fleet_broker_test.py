@@ -4,7 +4,8 @@
     fleet_broker_test.py STATION_BINARY STATION_SOURCE_DIR
 
 The broker gets a generated configuration (password file, access list,
-persistence, a TLS listener with a test CA); paho-mqtt subscribers check the
+persistence, TLS listeners with a test CA, one requiring client
+certificates); paho-mqtt subscribers check the
 retained birth, the schema of every topic, a command round trip with
 correlation data, refused requests, the will after kill -9, every sequence
 number once across a broker restart, drops with a tiny queue, the metrics
@@ -82,11 +83,16 @@ def make_certificates():
         f.write("subjectAltName=IP:127.0.0.1\n")
     run("openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
         "-days", "2", "-extfile", "san.ext", "-out", "server.pem")
+    # The station's own certificate: its name is the broker user "station".
+    run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=station", "-keyout", "client.key",
+        "-out", "client.csr")
+    run("openssl", "x509", "-req", "-in", "client.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
+        "-days", "2", "-out", "client.pem")
 
 
 class Broker:
     def __init__(self):
-        self.port, self.tls_port = free_port(), free_port()
+        self.port, self.tls_port, self.mtls_port = free_port(), free_port(), free_port()
         self.conf = os.path.join(WORK, "mosquitto.conf")
         pw = os.path.join(WORK, "passwords")
         open(pw, "w").close()
@@ -104,6 +110,8 @@ class Broker:
                     "listener %d 127.0.0.1\nlistener %d 127.0.0.1\ncafile %s/ca.pem\ncertfile %s/server.pem\n"
                     "keyfile %s/server.key\n" % (pw, os.path.join(WORK, "acl"), WORK, self.port, self.tls_port,
                                                 WORK, WORK, WORK))
+            f.write("listener %d 127.0.0.1\ncafile %s/ca.pem\ncertfile %s/server.pem\nkeyfile %s/server.key\n"
+                    "require_certificate true\nuse_identity_as_username true\n" % (self.mtls_port, WORK, WORK, WORK))
         self.proc = None
 
     def start(self):
@@ -309,9 +317,10 @@ def main():
     silent.listen(8)
     s4 = Station("s4", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % silent.getsockname()[1])
     s5 = Station("s5", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.tls_port, "MQTT.CAFile=%s/other-ca.pem" % WORK)
-    s6 = Station("s6", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.tls_port, "MQTT.CAFile=%s/ca.pem" % WORK)
+    s6 = Station("s6", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.mtls_port, "MQTT.CAFile=%s/ca.pem" % WORK,
+                 "MQTT.CertificateFile=%s/client.pem" % WORK, "MQTT.KeyFile=%s/client.key" % WORK)
     tls = Client("watch", broker.port, ["zq/s6/state"])
-    check(wait_for(lambda: tls.take("/state"), 10), "a birth over TLS")
+    check(wait_for(lambda: tls.take("/state"), 10), "a birth over TLS with the station's certificate")
     time.sleep(3)
     for st in (s4, s5):
         text = st.ask("status")
