@@ -129,7 +129,11 @@ struct MqttLink::Impl {
       ++self.session;
       self.set_will();  // the next connection's will carries its number
     }
-    if (rc != 0) self.notice(std::string("connection to the broker lost: ") + mosquitto_strerror(rc));
+    if (rc == MOSQ_ERR_KEEPALIVE) {
+      self.notice(was ? "the broker stopped answering (keep-alive)" : "the broker did not answer CONNECT");
+    } else if (rc != 0) {
+      self.notice(std::string("connection to the broker lost: ") + mosquitto_strerror(rc));
+    }
   }
 
   static void on_publish(mosquitto*, void* p, int mid, int reason, const mosquitto_property*) {

@@ -329,6 +329,9 @@ def main():
         cycles = int(re.search(r"cycles (\d+)", text).group(1))
         check(overruns < cycles / 20 + 20, "the task stays on time", text)
     check(s5.log().count("MQTT:") == 1, "the TLS failure logged once", s5.log().count("MQTT:"))
+    # No CONNACK: libmosquitto gives up after the keep-alive (5 s) and says so.
+    check(wait_for(lambda: "MQTT:" in s4.log(), 10), "the silent broker logged")
+    check(s4.log().count("MQTT:") == 1, "the silent broker logged once", s4.log().count("MQTT:"))
     for st in (s4, s5, s6):
         st.stop()
     tls.close()
