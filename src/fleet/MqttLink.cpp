@@ -131,7 +131,7 @@ struct MqttLink::Impl {
     }
     if (rc == MOSQ_ERR_KEEPALIVE) {
       self.notice(was ? "the broker stopped answering (keep-alive)" : "the broker did not answer CONNECT");
-    } else if (rc != 0) {
+    } else if (rc != 0 && rc != MOSQ_ERR_TLS) {  // TLS failures come through on_log
       self.notice(std::string("connection to the broker lost: ") + mosquitto_strerror(rc));
     }
   }
@@ -252,7 +252,8 @@ bool MqttLink::Start(const std::string& birth_fields, std::string& error) {
     s.set_will();
   }
   const int rc = mosquitto_connect_bind_async(s.mosq, c.Host.c_str(), c.Port, c.KeepAlive, nullptr);
-  if (rc != MOSQ_ERR_SUCCESS) {
+  // (A TLS failure has been reported in detail through on_log already.)
+  if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_TLS) {
     std::lock_guard<std::mutex> lock(s.mu);
     s.notice("cannot reach the broker at " + c.Host + ":" + std::to_string(c.Port) + ": " +
              mosquitto_strerror(rc) + "; retrying");
