@@ -25,35 +25,22 @@ import tempfile
 import threading
 import time
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from station_client import Checks, read_until  # noqa: E402
+
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-access-")
 SANITIZED = bool(os.environ.get("ZQ_SANITIZE"))
-checks = 0
-
-
-def check(ok, what, detail=""):
-    global checks
-    if not ok:
-        sys.exit("FAIL: %s %s" % (what, detail))
-    checks += 1
+check = Checks()
 
 
 class Client:
     def __init__(self, port, source="127.0.0.1"):
-        self.sock = socket.socket()
-        self.sock.settimeout(20)
-        self.sock.bind((source, 0))
-        self.sock.connect(("127.0.0.1", port))
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=(source, 0))
         self.until(PROMPT)
 
     def until(self, marker):
-        data = b""
-        while not data.endswith(marker):
-            chunk = self.sock.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-        return data.decode(errors="replace")
+        return read_until(self.sock, marker)
 
     def ask(self, line, marker=PROMPT):
         self.sock.sendall(line.encode() + b"\n")
@@ -294,7 +281,7 @@ def main():
         check("audit: login of 'nobody' from 127.0.0.3 failed" in log, "failed logins are audited")
         check("audit: 127.0.0.1: io set 0 (user carol, viewer, result 1)" in log, "commands are audited")
         stop(proc)
-        print("station access: %d checks passed" % checks)
+        print("station access: %d checks passed" % check.count)
     finally:
         if proc.poll() is None:
             proc.kill()
