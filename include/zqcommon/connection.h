@@ -114,7 +114,9 @@ class Connection : public lockable {
   virtual int read_core(void* buffer, int len, int timeout);
   virtual int write_core(const void* buffer, int len, int timeout);
   virtual bool IsData_core(int timeout);
-  int getline(std::string& s, int timeout);
+  // With `lost_is_empty`, a stream found ended by the first read gives 0 (an
+  // empty line) and leaves the connection marked lost, as readln promises.
+  int getline(std::string& s, int timeout, bool lost_is_empty = false);
   void close_core(bool lock);
   bool holds_descriptor() const { return fd != nullptr && *fd >= 0; }
 
@@ -134,6 +136,10 @@ class Connection : public lockable {
   void skip_terminators(std::string::size_type end);
   bool in_terminators_ = false;
   std::string::size_type rpos_ = 0;  // rbuf's bytes before this were handed out
+  std::string::size_type scanned_ = 0;  // bytes from rpos_ known to hold no line end
+  // The first line end at or after rpos_ before `end`, or npos; each byte is
+  // looked at once however often it is asked.
+  std::string::size_type line_end(std::string::size_type end);
   // Appends `len` bytes to the write buffer; false (closed, -3) on overflow.
   bool buffer_bytes(const void* data, int len);
   // Sends what is buffered: one attempt for a write, three rounds for a flush.
