@@ -24,6 +24,7 @@
 #include <memory>
 #include <vector>
 
+#include "network.h"
 #include "station.h"
 
 namespace {
@@ -73,6 +74,7 @@ struct Client {
   FILE* out = string_stream(&reply);
   Session session;
   std::unique_ptr<CLI> cli;
+  station::NetClock net;  // its place in the session caps and its time limits
   ~Client() {
     cli.reset();
     if (in != nullptr) std::fclose(in);
@@ -156,22 +158,15 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     return 1;
   }
 
-  Connection_Server srv(server.ListenPort, server.MaxConnections, server.Interface);
-  if (!srv.isactive) {
-    std::fprintf(stderr, "station: cannot listen on %s:%d\n", server.Interface.c_str(), server.ListenPort);
-    log.Add(elog_PANIC, 2, "cannot listen on %s:%d", server.Interface.c_str(), server.ListenPort);
+  station::Network net(cfg, server, log);
+  std::string why;
+  if (!net.Open(&why)) {
+    std::fprintf(stderr, "station: %s\n", why.c_str());
+    log.Add(elog_PANIC, 2, "%s", why.c_str());
     return 1;
   }
-  if (!server.ACL.empty()) {
-    auto* acl = new AccessList;
-    acl->load_ACL(server.ACL);
-    srv.SetAcl(acl);  // owned by the listening socket
-  }
-  srv.Start(nullptr);
-  std::printf("tcp port %d\r\n", srv.LocalPort());
+  std::printf("tcp port %d\r\n", net.Port());
   std::fflush(stdout);
-  log.Add(elog_INFO, 0, "listening on %s:%d, access list %s", server.Interface.c_str(), srv.LocalPort(),
-          server.ACL.empty() ? "none" : server.ACL.c_str());
 
   std::unique_ptr<CLI> terminal;
   Session console;
@@ -190,9 +185,10 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   bool terminal_ready = terminal != nullptr;  // shows the first prompt
   while (!g_stop) {
     st.Drain();
-    while (MySocket* peer = srv[0]) {
-      srv.Remove(peer, false);
+    std::string address;
+    while (MySocket* peer = net.Take(&address)) {
       auto c = std::make_unique<Client>();
+      net.Own(c->net, address);
       c->socket.reset(peer);
       c->conn->SetSocket(&c->socket->sock);
       c->session.station = &st;
@@ -229,7 +225,13 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       Client& c = *clients[i];
       const short ev = fds[first + i].revents;
       if (ev & POLLOUT) c.conn->flush(0);
-      if ((ev & (POLLIN | POLLHUP | POLLERR)) && !serve(c, log)) {
+      const bool alive = !(ev & (POLLIN | POLLHUP | POLLERR)) || serve(c, log);
+      const std::string over = alive ? net.Check(c.net, *c.conn, (ev & POLLIN) != 0) : "";
+      if (!over.empty()) {
+        c.conn->writeln("closing: " + over);
+        c.conn->close();
+      }
+      if (!alive || !over.empty()) {
         log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
         clients.erase(clients.begin() + static_cast<long>(i));
       }
@@ -239,7 +241,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   log.Add(elog_INFO, 0, "stopping: %zu clients, %lld cycles", clients.size(), st.task.CycleCount());
   for (auto& c : clients) c->conn->writeln("station stopping");
   clients.clear();
-  srv.stop();
+  net.Stop();
   st.task.Stop();
   if (terminal) std::fputs("\r\n", stdout);
   return 0;

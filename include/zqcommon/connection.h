@@ -104,6 +104,8 @@ class Connection : public lockable {
   // Bytes accepted by writes but not yet sent (a server loop flushes them
   // when the descriptor is writable again).
   unsigned int WritePending() const { return buf != nullptr ? buf->length() : 0; }
+  // Bytes received but not yet handed out (a partial line, or more lines).
+  unsigned int ReadPending() const { return static_cast<unsigned int>(rbuf.size() - rpos_); }
   // The descriptor held, or -1.
   int Descriptor() const { return fd != nullptr ? *fd : -1; }
 
