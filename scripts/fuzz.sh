@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|acl [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|acl [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -31,6 +31,9 @@ case "$target" in
   cli)
     printf 'echo $VERSION x\nset a=1\necho $a$$?\nhe\t\nec\t hi\n\x1b[A\x1b[A\x1b[B\n' > "$corpus/seed1"
     printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2" ;;
+  acl)
+    printf '[hosts]\nallow = 127.0.0.1/32 ::1/128 10.0.0.0/255.0.0.0\ndeny = fe80::/10 ::ffff:10.1.0.0/112\n' > "$corpus/seed1"
+    printf '[hosts]\nallow = ::/129 1.2.3.4 x/8 ::1/ /32\nallo = 1\n[other]\ndeny=0.0.0.0/0\n' > "$corpus/seed2" ;;
 esac
 
 cd "$build"
