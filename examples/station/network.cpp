@@ -1,6 +1,8 @@
 // The station's TCP side: listening, admission and session time limits.
 #include "network.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <zqcommon/functions.h>
 
 #include <vector>
@@ -67,6 +69,22 @@ bool Network::Open(std::string* error) {
 
 int Network::Port() const { return servers_[0] != nullptr ? servers_[0]->LocalPort() : -1; }
 
+namespace {
+
+// Whether `n` more descriptors can be opened now: a session needs a few
+// besides its socket, and a peer that cannot get them is refused instead.
+bool descriptors_left(int n) {
+  int fds[4] = {-1, -1, -1, -1};
+  bool ok = true;
+  for (int i = 0; i < n && i < 4 && ok; ++i) ok = (fds[i] = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;
+  for (int fd : fds) {
+    if (fd >= 0) close(fd);
+  }
+  return ok;
+}
+
+}  // namespace
+
 void Network::Own(NetClock& clock, const std::string& address) {
   clock.owner = this;
   clock.address = address;
@@ -83,8 +101,8 @@ MySocket* Network::Take(std::string* admitted) {
     while ((peer = (*srv)[0]) != nullptr) {
       srv->Remove(peer, false);
       const std::string address = peer->IPList().empty() ? "" : peer->IPList().front();
-      std::string why;
-      if (limits_.Admit(address, &why)) {
+      std::string why = "out of descriptors";
+      if (descriptors_left(4) && limits_.Admit(address, &why)) {
         *admitted = address;
         return peer;
       }
