@@ -97,6 +97,9 @@ int main(int argc, char** argv) {
           break;
         }
         if (r > 0) conn.writeln(line);
+        // Nothing more read ahead: poll() tells when more arrives, which
+        // saves a receive that would only say "nothing yet".
+        if (conn.ReadPending() == 0) break;
       }
     }
     // Forget the clients whose connection has ended (and closed its
