@@ -3,9 +3,10 @@
 address that is not numeric (naming it), serves IPv4 and IPv6 loopback, caps
 sessions per address with a "busy:" line, drops half lines after its line
 time-out, and under a 128-descriptor limit survives 2,000 connections,
-refusing the excess, and serves again once they close.
+refusing the excess, and serves again once they close. With a resolver that
+never answers preloaded, refused peers do not delay an admitted one.
 
-    station_network_e2e.py STATION_BINARY SOURCE_DIR
+    station_network_e2e.py STATION_BINARY SOURCE_DIR [SLOW_RESOLVER_LIBRARY]
 """
 import os
 import re
@@ -26,12 +27,13 @@ def check(ok, what, detail=""):
     checks += 1
 
 
-def start(binary, work, *extra, nofile=None):
+def start(binary, work, *extra, nofile=None, preload=None):
     cmd = [binary, "-f", "station.cfg", "Server.ListenPort=0"] + list(extra)
     if nofile:
         cmd = ["prlimit", "--nofile=%d" % nofile, "--"] + cmd
+    env = dict(os.environ, LD_PRELOAD=preload) if preload else None
     proc = subprocess.Popen(cmd, cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.DEVNULL)
+                            stderr=subprocess.DEVNULL, env=env)
     deadline = time.time() + 30
     while time.time() < deadline:
         m = re.match(r"tcp port (\d+)", proc.stdout.readline().decode())
@@ -97,6 +99,25 @@ def main():
                 s.close()
         proc.terminate()
         proc.wait(timeout=30)
+
+        # Refused peers first, then an admitted one: no name look-up delays it.
+        if len(sys.argv) > 3 and not sanitized:  # a preload cannot precede a sanitizer's runtime
+            with open(os.path.join(work, "station.acl"), "w") as f:
+                f.write("[hosts]\nallow = 127.0.0.1/32\n")
+            proc, port = start(binary, work, preload=sys.argv[3])
+            for _ in range(3):
+                s, text = greet("127.0.0.1", port, source="127.0.0.9")
+                check("not allowed" in text, "a refused peer is told so", text)
+                s.close()
+            t0 = time.time()
+            s, text = greet("127.0.0.1", port)
+            check("station ready" in text and time.time() - t0 < 2, "the admitted peer is not delayed",
+                  "%.1f s: %s" % (time.time() - t0, text))
+            s.close()
+            proc.terminate()
+            proc.wait(timeout=30)
+            with open(os.path.join(work, "station.acl"), "w") as f:
+                f.write("[hosts]\nallow = 127.0.0.0/8 ::1/128\n")
 
         # 2,000 connections from 32 addresses against 128 descriptors: the caps
         # keep the sessions (two descriptors each) inside the limit.
