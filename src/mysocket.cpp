@@ -465,26 +465,26 @@ bool MySocketServer::bind_resolved(int p) {
   return bind_and_listen(&addr, sizeof addr, p);
 }
 
-bool MySocketServer::bind_bound(int p) {
+bool MySocketServer::bind_bound(int p, bool report) {
   if (family_ == AF_INET) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(p));
     std::memcpy(&addr.sin_addr, bound_ + 12, 4);
-    return bind_and_listen(&addr, sizeof addr, p);
+    return bind_and_listen(&addr, sizeof addr, p, report);
   }
   sockaddr_in6 addr{};
   addr.sin6_family = AF_INET6;
   addr.sin6_port = htons(static_cast<uint16_t>(p));
   std::memcpy(&addr.sin6_addr, bound_, sizeof bound_);
-  return bind_and_listen(&addr, sizeof addr, p);
+  return bind_and_listen(&addr, sizeof addr, p, report);
 }
 
-bool MySocketServer::bind_and_listen(const void* address, unsigned int length, int p) {
+bool MySocketServer::bind_and_listen(const void* address, unsigned int length, int p, bool report) {
   const int family = static_cast<const sockaddr*>(address)->sa_family;
   sock = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (sock == -1) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Cannot create Socket\n");
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Cannot create Socket\n");
     return false;
   }
   const int one = 1, zero = 0;
@@ -495,11 +495,11 @@ bool MySocketServer::bind_and_listen(const void* address, unsigned int length, i
   // "::" takes IPv4 peers too (as ::ffff:a.b.c.d).
   if (family == AF_INET6) setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
   if (bind(sock, static_cast<const sockaddr*>(address), length) != 0) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Bind to Socket Failed [port %i]\n", p);
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Bind to Socket Failed [port %i]\n", p);
     return false;
   }
   if (listen(sock, backlog) != 0) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Listen Failed\n");
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Listen Failed\n");
     return false;
   }
   issetup = true;
@@ -512,19 +512,19 @@ bool MySocketServer::ListenNumeric(const std::string& address, int p, int queue,
   if (sock != -1) Disconnect();
   if (!as_v6(address, bound_)) {
     if (error != nullptr) *error = "'" + address + "' is not a numeric IPv4 or IPv6 address";
+    errno = EINVAL;
     return false;
   }
   family_ = parse_v6(address, bound_) ? AF_INET6 : AF_INET;
   Resolve(address, true);
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = -1;  // the reason goes to the caller instead
-  const bool ok = bind_bound(p);
-  DEBUG_LEVEL = saved;
+  const bool ok = bind_bound(p, false);  // the reason goes to the caller instead
   if (!ok) {
+    const int failure = errno;
     if (error != nullptr) {
-      *error = "cannot listen on '" + address + "' port " + std::to_string(p) + ": " + std::strerror(errno);
+      *error = "cannot listen on '" + address + "' port " + std::to_string(p) + ": " + std::strerror(failure);
     }
     if (sock != -1) Disconnect();
+    errno = failure;
   }
   return ok;
 }

@@ -2,6 +2,7 @@
 #include "network.h"
 
 #include <fcntl.h>
+#include <cerrno>
 #include <unistd.h>
 #include <zqcommon/functions.h>
 
@@ -30,12 +31,13 @@ Network::Network(Config_File& cfg, ServerSettings& server, Log& log)
 
 Network::~Network() { Stop(); }
 
-bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const std::string& address, int port,
-                        std::string* error) {
+bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const char* key, const std::string& address,
+                        int port, std::string* error) {
   srv = std::make_unique<Connection_Server>("", "");  // configured here, not from a file
   std::string why;
   if (!srv->ListenNumeric(address, port, std::max(1, settings.ListenBacklog), &why)) {
-    *error = "Server.Interface: " + why;
+    no_family_ = errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL;
+    *error = std::string(key) + ": " + why;
     return false;
   }
   // The accept thread's list only hands peers over; the caps are ours.
@@ -59,10 +61,14 @@ bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const std::stri
 }
 
 bool Network::Open(std::string* error) {
-  if (!listen_on(servers_[0], server_.Interface, server_.ListenPort, error)) return false;
+  if (!listen_on(servers_[0], "Server.Interface", server_.Interface, server_.ListenPort, error)) return false;
   if (!settings.Interface6.empty() &&
-      !listen_on(servers_[1], settings.Interface6, servers_[0]->LocalPort(), error)) {
-    return false;
+      !listen_on(servers_[1], "Network.Interface6", settings.Interface6, servers_[0]->LocalPort(), error)) {
+    // A host without IPv6 still serves IPv4; any other failure stops the start.
+    if (!no_family_) return false;
+    log_.Add(elog_WARN, 0, "%s; serving IPv4 only", error->c_str());
+    servers_[1].reset();
+    error->clear();
   }
   return true;
 }

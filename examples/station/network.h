@@ -65,8 +65,9 @@ class Network {
   NetworkSettings settings;
 
  private:
-  bool listen_on(std::unique_ptr<Connection_Server>& srv, const std::string& address, int port,
-                 std::string* error);
+  bool listen_on(std::unique_ptr<Connection_Server>& srv, const char* key, const std::string& address,
+                 int port, std::string* error);
+  bool no_family_ = false;  // the last failure: the address family or address is not there
   Config_File& cfg_;
   ServerSettings& server_;
   Log& log_;

@@ -179,9 +179,10 @@ class MySocketServer : public MySocket {
   MySocket* from = nullptr;
 
  private:
-  bool bind_and_listen(const void* address, unsigned int length, int port);
+  // `report`: failures also go to standard error (DEBUG_LEVEL > 0).
+  bool bind_and_listen(const void* address, unsigned int length, int port, bool report = true);
   bool bind_resolved(int port);  // the first address of the host entry, or every one
-  bool bind_bound(int port);     // exactly bound_
+  bool bind_bound(int port, bool report = true);  // exactly bound_
   bool from_returned_ = false;
   bool peer_lookup_ = true;
   int family_ = 0;  // AF_INET or AF_INET6 when bound_ is the address to bind
