@@ -37,7 +37,9 @@ case "$target" in
       for _ in $(seq 100); do printf '$a'; done; printf '\necho $bbbb\n'; } > "$corpus/seed2" ;;
   acl)
     printf '[hosts]\nallow = 127.0.0.1 10.0.0.0/8 192.168.1.0/255.255.255.0\ndeny = 10.1.2.3\n' > "$corpus/seed1"
-    printf '[hosts]\nallow = 0.0.0.0/0 localhost ::1 999.1.1.1/33 /\n' > "$corpus/seed2" ;;
+    printf '[hosts]\nallow = 0.0.0.0/0 localhost ::1 999.1.1.1/33 /\n' > "$corpus/seed2"
+    printf '[hosts]\nallow = 127.0.0.1/32 ::1/128 10.0.0.0/255.0.0.0\ndeny = fe80::/10 ::ffff:10.1.0.0/112\n' > "$corpus/seed3"
+    printf '[hosts]\nallow = ::/129 1.2.3.4 x/8 ::1/ /32\nallo = 1\n[other]\ndeny=0.0.0.0/0\n' > "$corpus/seed4" ;;
   station)
     printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
     printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2" ;;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "line_scan.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
 
@@ -19,7 +20,7 @@ namespace {
 
 constexpr char kTerminators[] = "\n\r";
 constexpr std::string::size_type kLineLimit = 0x1FFFF;
-constexpr std::string::size_type kReadStep = 4096;
+constexpr std::string::size_type kReadStep = 16384;
 
 // Milliseconds for poll(), rounded up so that a wait below 1 ms does not spin.
 int poll_ms(long long microseconds) {
@@ -99,7 +100,7 @@ void Connection::SetWriteBuffer(unsigned int size) {
 // alone does not: after a hang-up it can never be completed.)
 bool Connection::IsConnected() {
   if (isconnected) {
-    const bool line_ready = rbuf.find_first_of(kTerminators, rpos_) != std::string::npos;
+    const bool line_ready = line_end(rbuf.size()) != std::string::npos;
     isconnected = holds_descriptor() && (line_ready || !IsError());
   }
   return isconnected;
@@ -143,16 +144,31 @@ bool Connection::IsData_core(int timeout) {
   }
 }
 
+// Receives first and waits only when nothing is there: a busy peer costs one
+// recv per batch of lines, no poll. A hard error marks the connection lost.
 int Connection::read_core(void* buffer, int len, int timeout) {
-  if (!IsConnected()) return -1;
-  if (!IsData_core(timeout)) return -2;
-  errno = 0;
-  const ssize_t n = issocket ? recv(*fd, buffer, static_cast<size_t>(len), 0)
-                             : ::read(*fd, buffer, static_cast<size_t>(len));
-  if (n == 0 && errno != EAGAIN && errno != EINTR) return -1;  // end of stream
-  // A descriptor reported ready that has nothing after all is not an error.
-  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
-  return static_cast<int>(n);
+  if (!isconnected || !holds_descriptor()) return -1;
+  const long long deadline = timeout > 0 ? GetLLTicks() + timeout : 0;
+  for (;;) {
+    const ssize_t n = issocket ? recv(*fd, buffer, static_cast<size_t>(len), 0)
+                               : ::read(*fd, buffer, static_cast<size_t>(len));
+    if (n > 0) return static_cast<int>(n);
+    if (n == 0) return -1;  // end of stream
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      isconnected = false;
+      return -1;
+    }
+    long long remaining = -1;
+    if (timeout >= 0) {
+      remaining = deadline - GetLLTicks();
+      if (timeout == 0 || remaining <= 0) return -2;
+    }
+    pollfd p{*fd, POLLIN | POLLPRI, 0};
+    const int rc = poll(&p, 1, poll_ms(remaining));
+    if (rc == 0) return -2;
+    if (rc < 0 && errno != EINTR) return -1;
+  }
 }
 
 int Connection::write_core(const void* buffer, int len, int) {
@@ -169,7 +185,17 @@ void Connection::take_line(std::string& s, std::string::size_type p) {
   // in the next read ("\r" now, "\n" later): remember to swallow the rest.
   in_terminators_ = next == std::string::npos;
   rpos_ = in_terminators_ ? rbuf.size() : next;
+  scanned_ = 0;
   consumed();
+}
+
+std::string::size_type Connection::line_end(std::string::size_type end) {
+  const char* base = rbuf.data();
+  const char* from = base + rpos_ + scanned_;
+  if (from >= base + end) return std::string::npos;
+  const char* hit = zqdetail::find_line_end(from, base + end);
+  scanned_ = static_cast<std::string::size_type>(hit - base) - rpos_;
+  return hit == base + end ? std::string::npos : static_cast<std::string::size_type>(hit - base);
 }
 
 void Connection::skip_terminators(std::string::size_type end) {
@@ -178,55 +204,56 @@ void Connection::skip_terminators(std::string::size_type end) {
   if (rpos_ < end) in_terminators_ = false;
 }
 
-// Handed-out bytes stay in front of rpos_ until they are more than half of
-// the buffer, so a window of lines is not moved once per line.
+// Handed-out bytes stay in front of rpos_ until all are handed out: the
+// buffer holds at most one receive beyond a partial line (getline moves that
+// line to the front before it receives again), so nothing is moved per line.
 void Connection::consumed() {
   if (rpos_ == rbuf.size()) {
     rbuf.clear();
     rpos_ = 0;
-  } else if (rpos_ > rbuf.size() / 2) {
-    rbuf.erase(0, rpos_);
-    rpos_ = 0;
+    scanned_ = 0;
   }
 }
 
-int Connection::getline(std::string& s, int timeout) {
+int Connection::getline(std::string& s, int timeout, bool lost_is_empty) {
   skip_terminators(rbuf.size());
-  auto p = rbuf.find_first_of(kTerminators, rpos_);
+  auto p = line_end(rbuf.size());
   if (p != std::string::npos) {
     const auto length = p - rpos_;
     take_line(s, p);
     return static_cast<int>(length);
   }
   // Only a partial line is left: move it to the front before reading more.
-  rbuf.erase(0, rpos_);
-  rpos_ = 0;
-  std::string::size_type used = rbuf.size();
-  const long long deadline = GetLLTicks() + timeout;
+  if (rpos_ != 0) {
+    rbuf.erase(0, rpos_);
+    rpos_ = 0;
+  }
+  const long long deadline = timeout >= 0 ? GetLLTicks() + timeout : 0;
   int result = 0;
-  for (;;) {
-    if (rbuf.size() == used) {
-      if (used - rpos_ > kLineLimit) {
-        result = -3;
-        break;
-      }
-      rbuf.resize(used + kReadStep);
+  char chunk[kReadStep];  // rbuf holds only bytes received, so its scan stays valid
+  for (bool first = true;; first = false) {
+    if (rbuf.size() - rpos_ > kLineLimit) {
+      result = -3;
+      break;
     }
     long long remaining = -1;
-    if (timeout >= 0) remaining = std::max(0LL, deadline - GetLLTicks());
-    const int r = read_core(&rbuf[used], static_cast<int>(rbuf.size() - used),
-                            static_cast<int>(remaining));
+    if (timeout >= 0) remaining = first ? timeout : std::max(0LL, deadline - GetLLTicks());
+    const int r = read_core(chunk, static_cast<int>(sizeof chunk), static_cast<int>(remaining));
     if (r < 0) {
+      // The stream ended on the first read: as when it had ended before the
+      // call, the line is empty and the connection only marked as lost.
+      if (r == -1 && first && lost_is_empty && !IsConnected()) {
+        ZQ_DEBUG(1, "WARNING: Could not read from input stream!\n");
+        return 0;
+      }
       result = r;
       break;
     }
-    const std::string::size_type before = used;
-    used += static_cast<std::string::size_type>(r);
-    skip_terminators(used);
-    if (r > 0 && rbuf.find_first_of(kTerminators, std::max(before, rpos_)) < used) break;
+    rbuf.append(chunk, static_cast<std::string::size_type>(r));
+    skip_terminators(rbuf.size());
+    if (r > 0 && line_end(rbuf.size()) != std::string::npos) break;
     if (timeout >= 0 && GetLLTicks() > deadline) break;
   }
-  rbuf.resize(used);
   if (result == -3 || result == -2) {
     consumed();
     return result;
@@ -237,7 +264,7 @@ int Connection::getline(std::string& s, int timeout) {
     close();
     return -1;
   }
-  p = rbuf.find_first_of(kTerminators, rpos_);
+  p = line_end(rbuf.size());
   if (p == std::string::npos) {
     consumed();
     return 0;
@@ -250,7 +277,8 @@ int Connection::getline(std::string& s, int timeout) {
 void Connection::modify(std::string& s) {
   const auto hash = s.find('#');
   if (hash != std::string::npos) s.erase(hash);
-  std::string::size_type i = 0;
+  std::string::size_type i = s.find('\b');
+  if (i == std::string::npos) return;
   while (i < s.size()) {
     if (s[i] != '\b') {
       ++i;
@@ -266,13 +294,14 @@ void Connection::modify(std::string& s) {
 int Connection::readln(std::string& s, bool append, int timeout) {
   if (!append) s.clear();
   // A complete line already read ahead is handed out without asking the
-  // descriptor (which also keeps it readable after the peer hung up).
-  const bool line_ready = rbuf.find_first_of(kTerminators, rpos_) != std::string::npos;
-  if (!line_ready && !IsConnected()) {
+  // descriptor (which also keeps it readable after the peer hung up). Else
+  // the receive itself tells whether the peer is still there.
+  const bool line_ready = line_end(rbuf.size()) != std::string::npos;
+  if (!line_ready && !(isconnected && holds_descriptor()) && !IsConnected()) {
     ZQ_DEBUG(1, "WARNING: Could not read from input stream!\n");
     return 0;
   }
-  const int r = getline(s, timeout);
+  const int r = getline(s, timeout, !line_ready);
   if (modify_text && r >= 1) modify(s);
   return r;
 }
@@ -285,6 +314,7 @@ int Connection::read(std::string& s, int n, bool append, int timeout) {
   const auto from_buffer = std::min(want, rbuf.size() - rpos_);
   s.append(rbuf, rpos_, from_buffer);
   rpos_ += from_buffer;
+  scanned_ = 0;
   consumed();
   if (from_buffer == want) return static_cast<int>(from_buffer);
   if (!IsConnected()) {
@@ -400,6 +430,7 @@ void Connection::close_core(bool lock) {
   if (buf != nullptr) buf->clear();
   rbuf.clear();
   rpos_ = 0;
+  scanned_ = 0;
   in_terminators_ = false;
   isconnected = false;
   SetBlocking(false);

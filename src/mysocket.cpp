@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <fcntl.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,6 +30,94 @@ std::string dotted(in_addr_t a) {
   return inet_ntop(AF_INET, &ia, text, sizeof text) != nullptr ? text : "";
 }
 
+// An IPv6 literal (the text holds a colon) as its 16 bytes.
+bool parse_v6(const std::string& text, unsigned char out[16]) {
+  return text.find(':') != std::string::npos && inet_pton(AF_INET6, text.c_str(), out) == 1;
+}
+
+std::string v6_text(const void* bytes) {
+  char text[INET6_ADDRSTRLEN];
+  return inet_ntop(AF_INET6, bytes, text, sizeof text) != nullptr ? text : "";
+}
+
+// A socket address as text (IPv6 without brackets) and its port as stored
+// (network byte order); "" for another family.
+std::string address_text(const sockaddr_storage& a, int* port) {
+  if (a.ss_family == AF_INET) {
+    const auto& in = reinterpret_cast<const sockaddr_in&>(a);
+    *port = in.sin_port;
+    return dotted(in.sin_addr.s_addr);
+  }
+  if (a.ss_family == AF_INET6) {
+    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(a);
+    *port = in6.sin6_port;
+    return v6_text(&in6.sin6_addr);
+  }
+  *port = 0;
+  return "";
+}
+
+// Any address as 16 bytes, IPv4 in its mapped form (::ffff:a.b.c.d).
+bool as_v6(const std::string& text, unsigned char out[16]) {
+  if (parse_v6(text, out)) return true;
+  in_addr a{};
+  if (inet_pton(AF_INET, text.c_str(), &a) != 1) return false;
+  std::memset(out, 0, 10);
+  out[10] = out[11] = 0xFF;
+  std::memcpy(out + 12, &a, 4);
+  return true;
+}
+
+bool is_mapped(const unsigned char a[16]) {
+  static const unsigned char prefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  return std::memcmp(a, prefix, 12) == 0;
+}
+
+// Whether the first `bits` bits of two 16-byte addresses agree.
+bool same_prefix(const unsigned char* a, const unsigned char* b, unsigned int bits) {
+  const unsigned int whole = bits / 8, rest = bits % 8;
+  if (std::memcmp(a, b, whole) != 0) return false;
+  if (rest == 0) return true;
+  const unsigned char mask = static_cast<unsigned char>(0xFF00u >> rest);
+  return (a[whole] & mask) == (b[whole] & mask);
+}
+
+// A prefix length of at most `limit` written as 1 to 3 digits; -1 otherwise.
+int prefix_length(const std::string& text, int limit) {
+  if (text.empty() || text.size() > 3) return -1;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return -1;
+  }
+  const int n = std::atoi(text.c_str());
+  return n <= limit ? n : -1;
+}
+
+// The IPv4 mask of a rule: up to 32 a prefix length, else a dotted mask
+// (decided by the number before the first dot).
+unsigned int v4_mask(const std::string& mask) {
+  const long n = std::labs(std::atol(mask.c_str()));
+  if (n < 33) return n == 0 ? 0u : ~0u << (32 - n);
+  return AccessList::str2ip(mask);
+}
+
+// Why `rule` is not a numeric "address/mask" rule; "" when it is one.
+std::string rule_problem(const std::string& rule, std::string* host, std::string* mask) {
+  const auto slash = rule.find('/');
+  if (slash == std::string::npos) return "has no mask (address/prefix)";
+  *host = rule.substr(0, slash);
+  *mask = rule.substr(slash + 1);
+  unsigned char v6[16];
+  in_addr v4{};
+  if (parse_v6(*host, v6)) {
+    return prefix_length(*mask, 128) < 0 ? "needs an IPv6 prefix length of 0 to 128" : "";
+  }
+  if (inet_pton(AF_INET, host->c_str(), &v4) != 1) return "is not a numeric IPv4 or IPv6 address";
+  in_addr dotted_mask{};
+  if (prefix_length(*mask, 32) >= 0) return "";
+  if (inet_pton(AF_INET, mask->c_str(), &dotted_mask) == 1 && std::atoi(mask->c_str()) >= 33) return "";
+  return "needs a prefix length of 0 to 32 or a dotted mask";
+}
+
 }  // namespace
 
 // ----------------------------------------------------------- InetAddress
@@ -38,8 +128,27 @@ struct InetAddress::Entry {
 };
 
 InetAddress::InetAddress(const std::string& name) { Resolve(name, false); }
+InetAddress::InetAddress(const std::string& name, bool noreverse) { Resolve(name, noreverse); }
 
 void InetAddress::Resolve(const std::string& name, bool noreverse) {
+  unsigned char v6[16];
+  if (parse_v6(name, v6)) {
+    entry_.reset();
+    hinfo = nullptr;
+    alist.clear();
+    ips.assign(1, v6_text(v6));
+    if (noreverse) return;
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    std::memcpy(&sa.sin6_addr, v6, sizeof v6);
+    char host[NI_MAXHOST];
+    if (getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, host, sizeof host, nullptr, 0,
+                    NI_NAMEREQD) == 0) {
+      h_name = host;
+      alist.push_back(h_name);
+    }
+    return;
+  }
   const in_addr_t a = inet_addr(name.c_str());
   auto entry = std::make_shared<Entry>();
   hostent* result = nullptr;
@@ -98,6 +207,9 @@ void InetAddress::update_lists() {
 MySocket::MySocket(const std::string& name, int s, int p)
     : InetAddress(name), sock(s), port(p), issetup(true), isactive(false), isvalid(true) {}
 
+MySocket::MySocket(const std::string& name, int s, int p, bool noreverse)
+    : InetAddress(name, noreverse), sock(s), port(p), issetup(true), isactive(false), isvalid(true) {}
+
 MySocket::~MySocket() { Disconnect(); }
 
 void MySocket::Disconnect() {
@@ -139,6 +251,31 @@ int MySocketClient::Connect(const std::string& host, int p, bool noreverse) {
   return -1;
 }
 
+int MySocketClient::ConnectAny(const std::string& host, int p) {
+  if (sock != -1) Disconnect();
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(p).c_str(), &hints, &list) != 0) return -1;
+  for (addrinfo* a = list; a != nullptr; a = a->ai_next) {
+    const int s = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+    if (s == -1) continue;
+    if (connect(s, a->ai_addr, a->ai_addrlen) == 0) {
+      sockaddr_storage peer{};
+      std::memcpy(&peer, a->ai_addr, a->ai_addrlen);
+      int unused;
+      ips.assign(1, address_text(peer, &unused));
+      sock = s;
+      port = p;
+      break;
+    }
+    ::close(s);
+  }
+  freeaddrinfo(list);
+  return sock;
+}
+
 // ------------------------------------------------------------ AccessList
 
 AccessList::AccessList() {
@@ -176,14 +313,13 @@ void AccessList::Add(ACL_Mode m, const std::string& spec) {
 
 void AccessList::Add(ACL_Mode m, const std::string& host, const std::string& mask) {
   if (host.empty() || mask.empty()) return;
-  const long n = std::labs(std::atol(mask.c_str()));
-  unsigned int bits;
-  if (n < 33) {
-    bits = n == 0 ? 0u : ~0u << (32 - n);
-  } else {
-    bits = str2ip(mask);
+  unsigned char v6[16];
+  if (parse_v6(host, v6)) {  // an IPv6 rule: the mask is a prefix length
+    const int bits = prefix_length(mask, 128);
+    if (bits >= 0) Add(m, new InetAddress(host, true), static_cast<unsigned int>(bits));
+    return;
   }
-  Add(m, new InetAddress(host), bits);
+  Add(m, new InetAddress(host), v4_mask(mask));
 }
 
 unsigned int AccessList::str2ip(const std::string& text) {
@@ -206,16 +342,73 @@ void AccessList::load_ACL(const std::string& file) {
   }
 }
 
+bool AccessList::load_checked(const std::string& file, std::vector<std::string>* problems) {
+  auto refuse = [&](int line, const std::string& why) {
+    if (problems != nullptr) problems->push_back(file + ":" + std::to_string(line) + ": " + why);
+    return false;
+  };
+  if (access(file.c_str(), R_OK) != 0) return refuse(0, std::string("cannot read: ") + std::strerror(errno));
+  Config_File cfg(file, "", true);
+  SECTION hosts;
+  try {
+    hosts = cfg.get_section("hosts");
+  } catch (const std::exception&) {
+    return refuse(0, "no [hosts] section");
+  }
+  bool ok = true;
+  for (LINE* line : hosts) {
+    if (line == nullptr || !line->IsEntry()) continue;
+    const std::string key = line->Name();
+    const bool allow = strcasecmp(key.c_str(), "allow") == 0;
+    if (!allow && strcasecmp(key.c_str(), "deny") != 0) {
+      ok = refuse(line->Line(), "unknown key '" + key + "' (allow or deny)");
+      continue;
+    }
+    std::string rules = line->Value();
+    while (!rules.empty()) {
+      const std::string rule = Trim(GetExtToken(&rules, " "));
+      if (rule.empty()) continue;
+      std::string host, mask;
+      const std::string why = rule_problem(rule, &host, &mask);
+      if (!why.empty()) {
+        ok = refuse(line->Line(), "rule '" + rule + "' " + why);
+        continue;
+      }
+      unsigned char v6[16];
+      const bool is_v6 = parse_v6(host, v6);
+      Add(allow ? ACL_ALLOW : ACL_DENY, new InetAddress(host, true),
+          is_v6 ? static_cast<unsigned int>(prefix_length(mask, 128)) : v4_mask(mask));
+    }
+  }
+  return ok;
+}
+
 ACL_Mode AccessList::match(InetAddress& peer) {
   if (empty() || peer.IPList().empty()) return ACL_DENY;
   // One pass over a rule list: whether any rule covers any peer address.
+  // IPv4 rules see IPv4 peers (mapped ones too) as the host-order number;
+  // IPv6 rules see every peer as 16 bytes, IPv4 in its mapped form.
   auto covers = [&peer](Access_Addr* rules) {
     for (const std::string& address : peer.IPList()) {
-      const unsigned int ip = str2ip(address);
+      unsigned char peer16[16];
+      const bool has16 = as_v6(address, peer16);
+      const bool v4 = address.find(':') == std::string::npos || (has16 && is_mapped(peer16));
+      unsigned int ip = 0;
+      if (address.find(':') == std::string::npos) {
+        ip = str2ip(address);
+      } else if (v4) {
+        ip = (unsigned{peer16[12]} << 24) | (unsigned{peer16[13]} << 16) | (unsigned{peer16[14]} << 8) |
+             peer16[15];
+      }
       for (auto& rule : *rules) {
         if (rule.second == 0) return true;
         for (const std::string& host : rule.first->IPList()) {
-          if ((ip & rule.second) == (str2ip(host) & rule.second)) return true;
+          unsigned char rule16[16];
+          if (parse_v6(host, rule16)) {
+            if (has16 && same_prefix(peer16, rule16, rule.second)) return true;
+          } else if (v4 && (ip & rule.second) == (str2ip(host) & rule.second)) {
+            return true;
+          }
         }
       }
     }
@@ -247,18 +440,21 @@ MySocketServer::~MySocketServer() {
 bool MySocketServer::Start(const std::string& address, int p, int queue) {
   backlog = queue;
   if (sock != -1) Disconnect();
-  sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (sock == -1) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Cannot create Socket\n");
-    return false;
-  }
   if (address != kResumeMarker) {
-    if (!address.empty()) {
+    family_ = 0;
+    if (parse_v6(address, bound_)) {  // IPv6: the literal itself, no look-up
+      family_ = AF_INET6;
+      Resolve(address, true);
+    } else if (!address.empty()) {
       Resolve(address, false);
     } else {
       hinfo = nullptr;
     }
   }
+  return family_ != 0 ? bind_bound(p) : bind_resolved(p);
+}
+
+bool MySocketServer::bind_resolved(int p) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(p));
@@ -266,22 +462,80 @@ bool MySocketServer::Start(const std::string& address, int p, int queue) {
   if (hinfo != nullptr && hinfo->h_addr_list != nullptr && hinfo->h_addr_list[0] != nullptr) {
     std::memcpy(&addr.sin_addr.s_addr, hinfo->h_addr_list[0], sizeof addr.sin_addr.s_addr);
   }
-  const int one = 1;
+  return bind_and_listen(&addr, sizeof addr, p);
+}
+
+bool MySocketServer::bind_bound(int p, bool report) {
+  if (family_ == AF_INET) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(p));
+    std::memcpy(&addr.sin_addr, bound_ + 12, 4);
+    return bind_and_listen(&addr, sizeof addr, p, report);
+  }
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_port = htons(static_cast<uint16_t>(p));
+  std::memcpy(&addr.sin6_addr, bound_, sizeof bound_);
+  return bind_and_listen(&addr, sizeof addr, p, report);
+}
+
+bool MySocketServer::bind_and_listen(const void* address, unsigned int length, int p, bool report) {
+  const int family = static_cast<const sockaddr*>(address)->sa_family;
+  sock = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (sock == -1) {
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Cannot create Socket\n");
+    return false;
+  }
+  const int one = 1, zero = 0;
   setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   const linger lg{1, 1};
   setsockopt(sock, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-  if (bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Bind to Socket Failed [port %i]\n", p);
+  // "::" takes IPv4 peers too (as ::ffff:a.b.c.d).
+  if (family == AF_INET6) setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
+  if (bind(sock, static_cast<const sockaddr*>(address), length) != 0) {
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Bind to Socket Failed [port %i]\n", p);
     return false;
   }
   if (listen(sock, backlog) != 0) {
-    ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Listen Failed\n");
+    if (report) ZQ_DEBUG(0, "MySocketServer::Start() ERROR: Listen Failed\n");
     return false;
   }
   issetup = true;
   isactive = true;
   return true;
+}
+
+bool MySocketServer::ListenNumeric(const std::string& address, int p, int queue, std::string* error) {
+  backlog = queue;
+  if (sock != -1) Disconnect();
+  if (!as_v6(address, bound_)) {
+    if (error != nullptr) *error = "'" + address + "' is not a numeric IPv4 or IPv6 address";
+    errno = EINVAL;
+    return false;
+  }
+  family_ = parse_v6(address, bound_) ? AF_INET6 : AF_INET;
+  Resolve(address, true);
+  const bool ok = bind_bound(p, false);  // the reason goes to the caller instead
+  if (!ok) {
+    const int failure = errno;
+    if (error != nullptr) {
+      *error = "cannot listen on '" + address + "' port " + std::to_string(p) + ": " + std::strerror(failure);
+    }
+    if (sock != -1) Disconnect();
+    errno = failure;
+  }
+  return ok;
+}
+
+std::string MySocketServer::LocalAddress() const {
+  sockaddr_storage a{};
+  socklen_t len = sizeof a;
+  if (sock == -1 || getsockname(sock, reinterpret_cast<sockaddr*>(&a), &len) != 0) return "";
+  int p = 0;
+  const std::string text = address_text(a, &p);
+  return (a.ss_family == AF_INET6 ? "[" + text + "]" : text) + ":" + std::to_string(ntohs(static_cast<uint16_t>(p)));
 }
 
 bool MySocketServer::Stop() {
@@ -308,10 +562,12 @@ bool MySocketServer::IsPending() const {
 }
 
 int MySocketServer::LocalPort() const {
-  sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  if (sock == -1 || getsockname(sock, reinterpret_cast<sockaddr*>(&addr), &len) != 0) return -1;
-  return ntohs(addr.sin_port);
+  sockaddr_storage a{};
+  socklen_t len = sizeof a;
+  if (sock == -1 || getsockname(sock, reinterpret_cast<sockaddr*>(&a), &len) != 0) return -1;
+  int p = 0;
+  address_text(a, &p);
+  return ntohs(static_cast<uint16_t>(p));
 }
 
 MySocket* MySocketServer::WaitConnection() {
@@ -322,21 +578,29 @@ MySocket* MySocketServer::WaitConnection() {
   for (;;) {
     const int listening = __atomic_load_n(&sock, __ATOMIC_SEQ_CST);
     if (listening == -1) return nullptr;  // stopped while waiting
-    sockaddr_in peer{};
+    sockaddr_storage peer{};
     socklen_t len = sizeof peer;
     const int fd = accept4(listening, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
     ZQ_DEBUG(49, "MySocketServer::WaitConnection() Got a Connection (%i)\n", fd);
     if (fd == -1) {
       // A non-blocking listening socket with nobody waiting (after a refused
       // peer): the caller polls again rather than this loop spinning.
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return nullptr;
+      const int failure = errno;
+      if (failure == EAGAIN || failure == EWOULDBLOCK) return nullptr;
       usleep(10000);  // back off: a failing accept (no descriptors left) would spin
+      // Non-blocking, the caller gets its thread back to see a stop request.
+      if (failure != EINTR && failure != ECONNABORTED && (fcntl(listening, F_GETFL) & O_NONBLOCK) != 0) {
+        return nullptr;
+      }
       continue;
     }
+    len = sizeof peer;
     getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len);
     delete from;  // a refused peer from the previous round
     // The peer's port is kept in network byte order, as accept() gave it.
-    from = new MySocket(dotted(peer.sin_addr.s_addr), fd, peer.sin_port);
+    int peer_port = 0;
+    const std::string text = address_text(peer, &peer_port);
+    from = peer_lookup_ ? new MySocket(text, fd, peer_port) : new MySocket(text, fd, peer_port, true);
     if (acl != nullptr && acl->match(*from) == ACL_DENY) {
       ZQ_DEBUG(9, "MySocketServer::WaitConnection() Connection is not allowed to connect\n");
       send(fd, kRefusal, sizeof kRefusal, MSG_NOSIGNAL);  // 36 bytes: the zero byte too

@@ -70,6 +70,10 @@ int cmd_login(void* arg, int argc, const char** argv) {
 
 }  // namespace
 
+void apply_command_levels(CLI& cli) {
+  for (const auto& r : kRules) cli.SetCommandLevel(r.words, r.level);
+}
+
 long long Gate::NowMs() {
   timespec t{};
   clock_gettime(CLOCK_MONOTONIC, &t);
@@ -119,7 +123,7 @@ void Gate::Admit(CLI& cli, Session& s, FILE* out) {
   cli.Register(cmd_login, &s, "login", nullptr, "login [NAME]: log in (asks for the password)");
   const bool open = open_station();
   s.level = open ? ZQSecurity::kAdmin : ZQSecurity::kNoAccess;
-  for (const auto& r : kRules) cli.SetCommandLevel(r.words, r.level);
+  apply_command_levels(cli);
   cli.SetSessionLevel(s.level);
   s.access.active_ms = NowMs();
   if (!open && !have_users_) std::fprintf(out, "%s\r\n", kNoUsers);

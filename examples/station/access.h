@@ -97,6 +97,10 @@ struct AccessOption {
   int Handle(StationSettings& settings, ServerSettings& server);
 };
 
+// Gives `cli` the minimum level of every station command (the one table that
+// network sessions and requests through the broker share).
+void apply_command_levels(CLI& cli);
+
 }  // namespace station
 
 #endif

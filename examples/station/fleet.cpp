@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <set>
 
+#include "access.h"
 #include "fleet.h"
 
 namespace station {
@@ -17,8 +18,8 @@ namespace {
 
 using zqfleet::JsonFields;
 
-// Commands a viewer may run: those that only read.
-bool allowed(int level, const std::string& line) {
+// Words of a command line, without empty ones.
+std::vector<std::string> words_of(const std::string& line) {
   std::vector<std::string> words;
   for (size_t p = 0; p < line.size();) {
     const size_t q = line.find(' ', p);
@@ -26,13 +27,7 @@ bool allowed(int level, const std::string& line) {
     if (end > p) words.push_back(line.substr(p, end - p));
     p = end + 1;
   }
-  if (words.empty()) return false;
-  static const std::set<std::string> never = {"starttls", "exit", "quit"};
-  if (never.count(words[0]) != 0) return false;
-  if (level >= kOperator) return true;
-  if (words[0] == "status" || words[0] == "help") return true;
-  if (words[0] == "io" || words[0] == "config") return words.size() == 1 || (words.size() == 2 && (words[1] == "get" || words[1] == "show"));
-  return false;
+  return words;
 }
 
 // "Section.Key=value" lines of every setting, hashed: the birth record's digest.
@@ -63,7 +58,7 @@ FleetSettings& fleet_settings() {
 }
 
 Fleet::Fleet(Station& st) : st_(st), cfg_(fleet_settings()) {
-  level_of = [](const std::string&) { return static_cast<int>(kViewer); };
+  level_of = [](const std::string&) { return static_cast<int>(ZQSecurity::kViewer); };
 }
 
 Fleet::~Fleet() {
@@ -137,13 +132,9 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
     link_->Respond(req, JsonFields().Add("result", 400).Add("error", error).Text());
     return;
   }
-  const int level = level_of ? level_of(req.identity) : kViewer;
-  if (!allowed(level, cmd.line)) {
-    st_.log.Add(elog_WARN, 0, "MQTT request from %s refused at level %d: %s", who.c_str(), level, cmd.line.c_str());
-    link_->Respond(req, JsonFields().Add("result", 403).Add("error", "not allowed").Text());
-    return;
-  }
-  st_.log.Add(elog_INFO, 0, "MQTT %s: %s", who.c_str(), cmd.line.c_str());
+  const int level = level_of ? level_of(req.identity) : ZQSecurity::kViewer;
+  const std::vector<std::string> words = words_of(cmd.line);
+  static const std::set<std::string> never = {"starttls", "login", "exit", "quit"};
   char* text = nullptr;
   size_t size = 0;
   FILE* in = std::fopen("/dev/null", "r");
@@ -157,12 +148,19 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
     session.peer = "mqtt:" + who;
     CLI cli(in, out, out);
     register_commands(cli, session);
-    const std::string word = cmd.line.substr(0, cmd.line.find(' '));
-    std::string line = cmd.line;
-    if (cli.find_command(word) == nullptr) {
-      std::fprintf(out, "%s: command not found\r\n", word.c_str());
+    apply_command_levels(cli);
+    cli.SetSessionLevel(level);
+    if (words.empty() || never.count(words[0]) != 0 || cli.RequiredLevel(words) > level) {
+      st_.log.Add(elog_WARN, 0, "MQTT request from %s refused at level %d: %s", who.c_str(), level,
+                  cmd.line.c_str());
+      result = 403;
+    } else if (cli.find_command(words[0]) == nullptr) {
+      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", who.c_str(), cmd.line.c_str());
+      std::fprintf(out, "%s: command not found\r\n", words[0].c_str());
       result = 127;
     } else {
+      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", who.c_str(), cmd.line.c_str());
+      std::string line = cmd.line;
       cli.parse(line);
       result = cli.retcode;
     }
@@ -171,6 +169,10 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   if (out != nullptr) std::fclose(out);
   const std::string answer = text != nullptr ? std::string(text, size) : "";
   std::free(text);
+  if (result == 403) {
+    link_->Respond(req, JsonFields().Add("result", 403).Add("error", "not allowed").Text());
+    return;
+  }
   link_->Respond(req, JsonFields().Add("result", result).Add("output", answer).Text());
 }
 

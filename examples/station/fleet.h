@@ -31,9 +31,6 @@ struct FleetSettings {
 };
 FleetSettings& fleet_settings();
 
-// Operator levels for requests through the broker.
-enum FleetLevel { kViewer = 0, kOperator = 1, kAdministrator = 2 };
-
 // Runs on the main thread beside the station: publishes its records, status,
 // error changes and log entries, answers command requests and updates the
 // metrics. Poll() is called from the main loop; it never waits for the
@@ -46,7 +43,8 @@ class Fleet {
   // and a message on standard error) when a setting is unusable.
   bool Start();
   void Poll();
-  // Maps the broker's client identity to a level; viewer unless set.
+  // Maps the broker's client identity to a ZQSecurity::AccessLevel; viewer
+  // unless set. Requests need the same level as a network session's line.
   std::function<int(const std::string& identity)> level_of;
 
  private:

@@ -50,7 +50,11 @@ const zqcommon::Setting_Check& setting_rules() {
         .Integer("Login.Window", 0, 86400000)
         .Integer("Login.Lockout", 0, 86400000)
         .Integer("Access.IdleTimeout", 0, 86400)
-        .Integer("Access.HandshakeTimeout", 1, 600);
+        .Integer("Access.HandshakeTimeout", 1, 600)
+        .Integer("Network.ListenBacklog", 1, 65535)
+        .Integer("Network.MaxPerAddress", 0, 1000000)
+        .Integer("Network.LineTimeoutS", 0, 86400)
+        .Text("Network.Interface6", 64);
     return r;
   }();
   return rules;
@@ -64,6 +68,8 @@ bool operator_only(const std::string& path) {
   if ((section ^= "Log") || (section ^= "Server")) return true;
   // Who may log in and how the channel is secured: not from the network either.
   if ((section ^= "TLS") || (section ^= "Login") || (section ^= "Access")) return true;
+  // Where the station listens and whom it reports to.
+  if ((section ^= "Network") || (section ^= "MQTT") || (section ^= "Metrics")) return true;
   for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile"}) {
     if (path ^= key) return true;
   }

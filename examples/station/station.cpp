@@ -19,12 +19,14 @@
 #include <zqcommon/connserv.h>
 #include <zqcommon/functions.h>
 #include <zqsecurity/sslconnection.h>
+#include <zqsecurity/userfile.h>
 
 #include <cstdio>
 #include <memory>
 #include <vector>
 
 #include "fleet.h"
+#include "network.h"
 #include "station.h"
 
 namespace {
@@ -74,6 +76,7 @@ struct Client {
   FILE* out = string_stream(&reply);
   Session session;
   std::unique_ptr<CLI> cli;
+  station::NetClock net;  // its place in the session caps and its time limits
   ~Client() {
     cli.reset();
     if (in != nullptr) std::fclose(in);
@@ -172,24 +175,21 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   station::Gate gate(settings, server, log);
   if (!gate.Prepare()) return 1;
 
-  Connection_Server srv(server.ListenPort, server.MaxConnections, server.Interface);
-  if (!srv.isactive) {
-    std::fprintf(stderr, "station: cannot listen on %s:%d\n", server.Interface.c_str(), server.ListenPort);
-    log.Add(elog_PANIC, 2, "cannot listen on %s:%d", server.Interface.c_str(), server.ListenPort);
+  station::Network net(cfg, server, log);
+  std::string why;
+  if (!net.Open(&why)) {
+    std::fprintf(stderr, "station: %s\n", why.c_str());
+    log.Add(elog_PANIC, 2, "%s", why.c_str());
     return 1;
   }
-  if (!server.ACL.empty()) {
-    auto* acl = new AccessList;
-    acl->load_ACL(server.ACL);
-    srv.SetAcl(acl);  // owned by the listening socket
-  }
-  srv.Start(nullptr);
-  std::printf("tcp port %d\r\n", srv.LocalPort());
+  std::printf("tcp port %d\r\n", net.Port());
   std::fflush(stdout);
-  log.Add(elog_INFO, 0, "listening on %s:%d, access list %s", server.Interface.c_str(), srv.LocalPort(),
-          server.ACL.empty() ? "none" : server.ACL.c_str());
 
   station::Fleet fleet(st);
+  fleet.level_of = [&settings](const std::string& who) {
+    const int level = ZQSecurity::UserLevel(settings.UsersFile, who);
+    return level == ZQSecurity::kNoAccess ? static_cast<int>(ZQSecurity::kViewer) : level;
+  };
   if (!fleet.Start()) return 1;
 
   std::unique_ptr<CLI> terminal;
@@ -212,9 +212,10 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     st.Drain();
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
-    while (MySocket* peer = srv[0]) {
-      srv.Remove(peer, false);
+    std::string address;
+    while (MySocket* peer = net.Take(&address)) {
       auto c = std::make_unique<Client>();
+      net.Own(c->net, address);
       c->socket.reset(peer);
       if (c->in == nullptr || c->out == nullptr) {  // out of descriptors or memory
         const std::string refusal = "station: out of resources, try again later\r\n";
@@ -278,7 +279,13 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       // A client that hangs up while its answer waits is gone (else poll would spin on it).
       if (alive && gate.Held(c.session, now) && (ev & (POLLHUP | POLLERR))) alive = false;
       if (alive && (ev & POLLOUT)) c.conn->flush(0);
-      if (!alive || ((ev & (POLLIN | POLLHUP | POLLERR)) && !serve(c, log, gate))) {
+      if (alive && (ev & (POLLIN | POLLHUP | POLLERR))) alive = serve(c, log, gate);
+      const std::string over = alive ? net.Check(c.net, *c.conn) : "";
+      if (!over.empty()) {
+        c.conn->writeln("closing: " + over);
+        c.conn->close();
+      }
+      if (!alive || !over.empty()) {
         log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
         clients.erase(clients.begin() + static_cast<long>(i));
       }
@@ -288,7 +295,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   log.Add(elog_INFO, 0, "stopping: %zu clients, %lld cycles", clients.size(), st.task.CycleCount());
   for (auto& c : clients) c->conn->writeln("station stopping");
   clients.clear();
-  srv.stop();
+  net.Stop();
   st.task.Stop();
   if (terminal) std::fputs("\r\n", stdout);
   return 0;

@@ -104,6 +104,8 @@ class Connection : public lockable {
   // Bytes accepted by writes but not yet sent (a server loop flushes them
   // when the descriptor is writable again).
   unsigned int WritePending() const { return buf != nullptr ? buf->length() : 0; }
+  // Bytes received but not yet handed out (a partial line, or more lines).
+  unsigned int ReadPending() const { return static_cast<unsigned int>(rbuf.size() - rpos_); }
   // The descriptor held, or -1.
   int Descriptor() const { return fd != nullptr ? *fd : -1; }
 
@@ -114,7 +116,9 @@ class Connection : public lockable {
   virtual int read_core(void* buffer, int len, int timeout);
   virtual int write_core(const void* buffer, int len, int timeout);
   virtual bool IsData_core(int timeout);
-  int getline(std::string& s, int timeout);
+  // With `lost_is_empty`, a stream found ended by the first read gives 0 (an
+  // empty line) and leaves the connection marked lost, as readln promises.
+  int getline(std::string& s, int timeout, bool lost_is_empty = false);
   void close_core(bool lock);
   bool holds_descriptor() const { return fd != nullptr && *fd >= 0; }
 
@@ -134,6 +138,10 @@ class Connection : public lockable {
   void skip_terminators(std::string::size_type end);
   bool in_terminators_ = false;
   std::string::size_type rpos_ = 0;  // rbuf's bytes before this were handed out
+  std::string::size_type scanned_ = 0;  // bytes from rpos_ known to hold no line end
+  // The first line end at or after rpos_ before `end`, or npos; each byte is
+  // looked at once however often it is asked.
+  std::string::size_type line_end(std::string::size_type end);
   // Appends `len` bytes to the write buffer; false (closed, -3) on overflow.
   bool buffer_bytes(const void* data, int len);
   // Sends what is buffered: one attempt for a write, three rounds for a flush.

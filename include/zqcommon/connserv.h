@@ -13,7 +13,10 @@ class Config_File;
 // Accepts TCP peers on its own thread (started with Start(nullptr)) and keeps
 // them, up to MaxConn(), until the application takes them: it reads a peer
 // with operator[] and takes it with Remove(peer, false), or drops it with
-// Remove(peer, true). Further peers wait in the listen queue (backlog 5).
+// Remove(peer, true). Further peers wait in the listen queue (backlog 5, or
+// the optional "ListenBacklog" key, or SetListenBacklog). The thread waits on
+// the listening socket (20 ms at most, so a stop is seen) and takes every
+// waiting peer at once.
 // The thread makes the listening socket non-blocking, so that a refused peer
 // never leaves it waiting in accept() where only stop()'s kill would end it.
 //
@@ -24,7 +27,8 @@ class Config_File;
 // application hands a list to the listening socket with SetAcl().
 class Connection_Server : public thread, public MySocketServer {
  public:
-  // Reads "ListenPort", "MaxConnections", "Interface" and "ACL" from
+  // Reads "ListenPort", "MaxConnections", "Interface", "ACL" and the optional
+  // "ListenBacklog" (absent: 5) from
   // `section` of `cfgfile` and listens; an empty file name does nothing more.
   // A missing "MaxConnections" gives a server that accepts nobody.
   Connection_Server(const std::string& cfgfile, const std::string& section);
@@ -38,6 +42,9 @@ class Connection_Server : public thread, public MySocketServer {
   unsigned int MaxConn() const { return maxconn; }
   // Keeps at most n held peers (dropped ones are not closed).
   void SetMaxConn(unsigned int n);
+  // Lengthens (or shortens) the listen queue of the listening socket; false
+  // when not listening or n is not positive.
+  bool SetListenBacklog(int n);
   MySocket* operator[](unsigned int i);
   // True when accepted peers wait for the application.
   bool IsPending();
@@ -47,6 +54,7 @@ class Connection_Server : public thread, public MySocketServer {
 
  protected:
   void* run(void* arg) override;
+  bool has_room();  // fewer than maxconn peers held
 
   Storage_List<MySocket*> conns;
   unsigned int maxconn = 1;

@@ -140,7 +140,8 @@ class Station:
             shutil.copy(os.path.join(SOURCE, f), self.dir)
         with open(os.path.join(self.dir, "pw"), "w") as f:
             f.write(USERS["station"] + "\n")
-        args = [STATION, "Server.ListenPort=0", "MQTT.ClientId=" + name, "MQTT.User=station",
+        args = [STATION, "Server.ListenPort=0", "Station.UsersFile=none", "Server.RequireTLS=0",
+                "MQTT.ClientId=" + name, "MQTT.User=station",
                 "MQTT.PasswordFile=pw", "MQTT.KeepAlive=5"] + list(settings)
         self.proc = subprocess.Popen(args, cwd=self.dir, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT)

@@ -1,5 +1,7 @@
-// Fuzz target: arbitrary bytes as an access-list file, then a match of a few
-// peers. Name look-ups are answered "unknown" at once (no resolver traffic).
+// Fuzz target: arbitrary bytes as an access-list file, read by the classic
+// loader and by the checked one (every refusal must name the file and a
+// line), then a match of a few peers of both families. Name look-ups are
+// answered "unknown" at once (no resolver traffic).
 #include <netdb.h>
 #include <unistd.h>
 
@@ -7,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "zqcommon/mysocket.h"
 
@@ -37,10 +40,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fclose(f);
   AccessList acl;
   acl.load_ACL(path);
-  for (const char* peer : {"127.0.0.1", "10.1.2.3", "255.255.255.255"}) {
+  AccessList checked;
+  std::vector<std::string> problems;
+  checked.load_checked(path, &problems);
+  for (const std::string& p : problems) {
+    if (p.compare(0, path.size() + 1, path + ":") != 0) std::abort();
+  }
+  for (const char* peer : {"127.0.0.1", "10.1.2.3", "255.255.255.255", "::1", "::ffff:10.1.2.3", "fe80::1"}) {
     InetAddress a(peer);
-    const ACL_Mode m = acl.match(a);
-    if (m != ACL_ALLOW && m != ACL_DENY) std::abort();
+    for (AccessList* list : {&acl, &checked}) {
+      const ACL_Mode m = list->match(a);
+      if (m != ACL_ALLOW && m != ACL_DENY) std::abort();
+    }
   }
   return 0;
 }

@@ -1,0 +1,156 @@
+#!/usr/bin/env python3
+"""The station's network side end to end: it refuses to start on a listening
+address that is not numeric (naming it), serves IPv4 and IPv6 loopback, caps
+sessions per address with a "busy:" line, drops half lines after its line
+time-out, and under a 128-descriptor limit survives 2,000 connections,
+refusing the excess, and serves again once they close. With a resolver that
+never answers preloaded, refused peers do not delay an admitted one.
+
+    station_network_e2e.py STATION_BINARY SOURCE_DIR [SLOW_RESOLVER_LIBRARY]
+"""
+import os
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+checks = 0
+
+
+def check(ok, what, detail=""):
+    global checks
+    if not ok:
+        sys.exit("FAILED: %s\n%s" % (what, detail))
+    checks += 1
+
+
+def start(binary, work, *extra, nofile=None, preload=None):
+    cmd = [binary, "-f", "station.cfg", "Server.ListenPort=0"] + list(extra)
+    if nofile:
+        cmd = ["prlimit", "--nofile=%d" % nofile, "--"] + cmd
+    env = dict(os.environ, LD_PRELOAD=preload) if preload else None
+    proc = subprocess.Popen(cmd, cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.DEVNULL, env=env)
+    deadline = time.time() + 30
+    while time.time() < deadline:
+        m = re.match(r"tcp port (\d+)", proc.stdout.readline().decode())
+        if m:
+            return proc, int(m.group(1))
+    proc.kill()
+    sys.exit("FAILED: the station did not print its port")
+
+
+def greet(host, port, source=None):
+    """The first text the station sends to a new client, or "" when none."""
+    family = socket.AF_INET6 if ":" in host else socket.AF_INET
+    s = socket.socket(family, socket.SOCK_STREAM)
+    s.settimeout(10)
+    try:
+        if source:
+            s.bind((source, 0))
+        s.connect((host, port))
+        data = b""
+        while b"station> " not in data and b"\n" not in data[:200]:
+            chunk = s.recv(4096)
+            if not chunk:
+                break
+            data += chunk
+        return s, data.decode(errors="replace")
+    except OSError:
+        s.close()
+        return None, ""
+
+
+def main():
+    binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
+    sanitized = bool(os.environ.get("ZQ_SANITIZE"))
+    work = tempfile.mkdtemp(prefix="station-net-")
+    try:
+        for name in ("station.cfg", "station.acl"):
+            shutil.copy(os.path.join(source, name), work)
+        bad = subprocess.run([binary, "-f", "station.cfg", "Server.Interface=localhost"], cwd=work,
+                             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
+        check(bad.returncode != 0 and "'localhost'" in bad.stderr, "a name as Interface stops the start",
+              bad.stderr)
+        cfg = open(os.path.join(work, "station.cfg")).read()
+        cfg = re.sub(r"MaxPerAddress = \d+", "MaxPerAddress = 2", cfg)
+        cfg = re.sub(r"LineTimeoutS = \d+", "LineTimeoutS = 1", cfg)
+        open(os.path.join(work, "station.cfg"), "w").write(cfg)
+        with open(os.path.join(work, "station.acl"), "w") as f:
+            f.write("[hosts]\nallow = 127.0.0.0/8 ::1/128\n")
+
+        proc, port = start(binary, work)
+        a, text = greet("127.0.0.1", port)
+        check("station ready" in text, "IPv4 loopback is served", text)
+        b, text = greet("::1", port)
+        check(b is None or "station ready" in text, "IPv6 loopback is served", text)
+        c, text = greet("127.0.0.1", port)
+        d, text = greet("127.0.0.1", port)
+        check(text.startswith("busy: too many sessions from 127.0.0.1"), "the third session is refused", text)
+        a.sendall(b"sta")  # half a line, then nothing
+        a.settimeout(10)
+        tail = a.recv(4096).decode(errors="replace")
+        check("closing: line not finished" in tail, "a stalled half line is dropped", tail)
+        for s in (a, b, c, d):
+            if s:
+                s.close()
+        proc.terminate()
+        proc.wait(timeout=30)
+
+        # Refused peers first, then an admitted one: no name look-up delays it.
+        if len(sys.argv) > 3 and not sanitized:  # a preload cannot precede a sanitizer's runtime
+            with open(os.path.join(work, "station.acl"), "w") as f:
+                f.write("[hosts]\nallow = 127.0.0.1/32\n")
+            proc, port = start(binary, work, preload=sys.argv[3])
+            for _ in range(3):
+                s, text = greet("127.0.0.1", port, source="127.0.0.9")
+                check("not allowed" in text, "a refused peer is told so", text)
+                s.close()
+            t0 = time.time()
+            s, text = greet("127.0.0.1", port)
+            check("station ready" in text and time.time() - t0 < 2, "the admitted peer is not delayed",
+                  "%.1f s: %s" % (time.time() - t0, text))
+            s.close()
+            proc.terminate()
+            proc.wait(timeout=30)
+            with open(os.path.join(work, "station.acl"), "w") as f:
+                f.write("[hosts]\nallow = 127.0.0.0/8 ::1/128\n")
+
+        # 2,000 connections from 32 addresses against 128 descriptors: the caps
+        # keep the sessions (two descriptors each) inside the limit.
+        proc, port = start(binary, work, "Server.MaxConnections=40", nofile=128)
+        held, refused = [], 0
+        for i in range(300 if sanitized else 2000):
+            try:
+                s = socket.socket()
+                s.settimeout(0.05)
+                s.bind(("127.0.0.%d" % (2 + i % 32), 0))
+                s.connect(("127.0.0.1", port))
+                held.append(s)
+            except OSError:
+                s.close()
+                refused += 1
+        check(proc.poll() is None, "the station survives the flood")
+        for s in held:
+            s.close()
+        deadline = time.time() + 20  # the station notices the closed sessions in its own time
+        while True:
+            s, text = greet("127.0.0.1", port)
+            if s:
+                s.close()
+            if "station ready" in text or time.time() > deadline:
+                break
+            time.sleep(0.5)
+        check("station ready" in text, "it serves again once the flood is gone", text)
+        proc.terminate()
+        check(proc.wait(timeout=30) == 0, "and stops cleanly")
+        print("station network e2e: %d checks passed (%d connects refused by the kernel)" % (checks, refused))
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()
