@@ -1,6 +1,6 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
-//   station [-h] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the
@@ -8,7 +8,8 @@
 // terminal and to every TCP client the access list lets in. Prints
 // "tcp port N" once it listens. Without a terminal on standard input (as
 // under a service manager) it serves TCP clients only. "exit" at the
-// terminal, SIGINT, SIGTERM or SIGHUP stop it cleanly.
+// terminal, SIGINT and SIGTERM stop it cleanly; SIGHUP reopens the log and
+// reloads the settings (service.h).
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,9 +22,11 @@
 #include <zqsecurity/sslconnection.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
+#include "service.h"
 #include "station.h"
 
 namespace {
@@ -32,7 +35,8 @@ using station::Session;
 using station::Station;
 
 volatile sig_atomic_t g_stop = 0;
-void on_signal(int) { g_stop = 1; }
+volatile sig_atomic_t g_reload = 0;
+void on_signal(int sig) { (sig == SIGHUP ? g_reload : g_stop) = 1; }
 
 void install_signals() {
   struct sigaction sa {};
@@ -144,7 +148,7 @@ bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
 }
 
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
-        station::ServerSettings& server) {
+        station::ServerSettings& server, station::Service& service) {
   Station st(cfg, settings, server, logcfg, log);
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
@@ -172,6 +176,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   std::fflush(stdout);
   log.Add(elog_INFO, 0, "listening on %s:%d, access list %s", server.Interface.c_str(), srv.LocalPort(),
           server.ACL.empty() ? "none" : server.ACL.c_str());
+  service.Ready(st);
 
   std::unique_ptr<CLI> terminal;
   Session console;
@@ -190,6 +195,11 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   bool terminal_ready = terminal != nullptr;  // shows the first prompt
   while (!g_stop) {
     st.Drain();
+    service.Tick(st);
+    if (g_reload != 0) {
+      g_reload = 0;
+      service.Reload(st);
+    }
     while (MySocket* peer = srv[0]) {
       srv.Remove(peer, false);
       auto c = std::make_unique<Client>();
@@ -236,6 +246,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     }
   }
 
+  service.Stopping();
   log.Add(elog_INFO, 0, "stopping: %zu clients, %lld cycles", clients.size(), st.task.CycleCount());
   for (auto& c : clients) c->conn->writeln("station stopping");
   clients.clear();
@@ -257,7 +268,8 @@ int main(int argc, char** argv) {
           "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)")) {
     return 0;
   }
-  cfg.open_argfile("station.cfg");
+  const int early = station::service_command_line(cfg, "station.cfg");
+  if (early >= 0) return early;
 
   station::StationSettings settings;
   station::ServerSettings server;
@@ -265,7 +277,11 @@ int main(int argc, char** argv) {
   settings.Load(cfg, "Station");
   server.Load(cfg, "Server");
   logcfg.Load(cfg, "Log");
-  if (!apply_overrides(cfg, station::sections(settings, server, logcfg))) return 2;
+  LogRetention_Config_Data retention;
+  retention.Load(cfg, "LogRetention");
+  station::SettingsList all = station::sections(settings, server, logcfg);
+  all.emplace_back("LogRetention", &retention);
+  if (!apply_overrides(cfg, all)) return 2;
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;
@@ -273,10 +289,12 @@ int main(int argc, char** argv) {
   install_signals();
 
   Log log(logcfg);
+  log.journal_prefix = std::getenv("JOURNAL_STREAM") != nullptr;  // journald reads "<N>"
   log.Start();
+  station::Service service(cfg, all, retention, log);
   log.Add(elog_INFO, 0, "station starting, configuration %s, debug level %d",
           cfg.getfilename().c_str(), DEBUG_LEVEL);
-  const int rc = run(cfg, logcfg, log, settings, server);
+  const int rc = run(cfg, logcfg, log, settings, server, service);
   // Everything but the log is gone now: the threads of the start, and its
   // descriptors plus the log file.
   const int threads = count_entries("/proc/self/task");
