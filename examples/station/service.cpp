@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #ifndef ZQ_STATION_VERSION
@@ -53,11 +54,30 @@ bool live(const std::string& path) {
   return path.compare(0, 13, "LogRetention.") == 0;
 }
 
+// A number setting's text must be a number and nothing else (an optional
+// k/M/G factor for integers): the settings' own conversion reads "hot" as 0,
+// which a reload must refuse rather than apply.
+bool number_text(const zqcommon::Config_Data_Entry& e, const std::string& text) {
+  const zqcommon::Config_DataTypes type = e.Type();
+  const bool integer = type == zqcommon::cfg_INT || type == zqcommon::cfg_UINT || type == zqcommon::cfg_LONG;
+  if (!integer && type != zqcommon::cfg_FLOAT) return true;
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  if (integer) {
+    std::strtoll(text.c_str(), &end, 0);
+    if (*end != '\0' && std::strchr("kKmMgG", *end) != nullptr) ++end;
+  } else {
+    std::strtod(text.c_str(), &end);
+  }
+  return errno == 0 && end != text.c_str() && *end == '\0';
+}
+
 // Sets "Section.Key" in `all` to `value`; an error text when it cannot.
 std::string assign(const SettingsList& all, const std::string& path, const std::string& value) {
   zqcommon::Config_Data_Entry* e = find_setting(all, path);
   if (e == nullptr) return "no setting " + path;
-  if (!(*e = value)) return "cannot set " + path + " to '" + value + "'";
+  if (!number_text(*e, value) || !(*e = value)) return "cannot set " + path + " to '" + value + "'";
   return "";
 }
 
@@ -191,7 +211,7 @@ bool Service::reload_settings(Station& st, std::string& report) {
       const std::string value = file.get_entry(section.first, key, "", nullptr, &line);
       const std::string error = assign(fresh, section.first + "." + key, value);
       if (!error.empty()) {
-        report = Format("%s line %d: %s; running settings kept", name.c_str(), line + 1, error.c_str());
+        report = Format("%s line %d: %s; running settings kept", name.c_str(), line, error.c_str());
         return false;
       }
     }
