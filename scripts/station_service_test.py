@@ -40,40 +40,51 @@ def fail(what, detail=""):
 
 
 class Manager:
-    """The notification socket and everything received on it, with times."""
+    """The notification socket, read all the time as systemd does (a full
+    queue would block the sender), and everything received on it, timed."""
 
     def __init__(self):
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.path = os.path.join(WORK, "notify")
         self.sock.bind(self.path)
+        self.sock.settimeout(0.1)
         self.seen = []  # (time, message)
+        self.read = 0  # how many of them until() and pings() took
+        self.cond = threading.Condition()
+        self.done = False
+        self.reader = threading.Thread(target=self.receive, daemon=True)
+        self.reader.start()
 
-    def until(self, pattern, timeout):
-        end = time.monotonic() + timeout * slow
-        while time.monotonic() < end:
-            self.sock.settimeout(max(0.01, end - time.monotonic()))
+    def receive(self):
+        while not self.done:
             try:
                 msg = self.sock.recv(4096).decode()
             except socket.timeout:
-                break
-            self.seen.append((time.monotonic(), msg))
-            if re.search(pattern, msg):
-                return msg
+                continue
+            with self.cond:
+                self.seen.append((time.monotonic(), msg))
+                self.cond.notify()
+
+    def next(self, end):
+        with self.cond:
+            while self.read == len(self.seen) and time.monotonic() < end:
+                self.cond.wait(end - time.monotonic())
+            if self.read == len(self.seen):
+                return None
+            self.read += 1
+            return self.seen[self.read - 1]
+
+    def until(self, pattern, timeout):
+        end = time.monotonic() + timeout * slow
+        while (got := self.next(end)) is not None:
+            if re.search(pattern, got[1]):
+                return got[1]
         fail("no notification " + pattern, [m for _, m in self.seen[-5:]])
 
     def pings(self, seconds):
         """The WATCHDOG=1 times received in the next `seconds`."""
-        end, times = time.monotonic() + seconds, []
-        while time.monotonic() < end:
-            self.sock.settimeout(max(0.01, end - time.monotonic()))
-            try:
-                msg = self.sock.recv(4096).decode()
-            except socket.timeout:
-                break
-            self.seen.append((time.monotonic(), msg))
-            if msg == "WATCHDOG=1":
-                times.append(time.monotonic())
-        return times
+        end = time.monotonic() + seconds
+        return [t for t, m in iter(lambda: self.next(end), None) if m == "WATCHDOG=1"]
 
 
 class Client:
@@ -171,11 +182,13 @@ def main():
     shutil.copy(os.path.join(SOURCE, "station.acl"), WORK)
     write_cfg([])
     manager = Manager()
-    env = dict(os.environ, NOTIFY_SOCKET=manager.path, WATCHDOG_USEC=str(int(HALF * 2e6)))
+    env = dict(os.environ, NOTIFY_SOCKET=manager.path, WATCHDOG_USEC=str(int(HALF * 2e6)),
+               JOURNAL_STREAM="8:12345")  # echoed log lines carry journald priorities
     env.pop("WATCHDOG_PID", None)
     proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=0", "Log.AutoDate=0",
                              "Log.MaxFileSize=0", "Log.CreatePermissions=0600"],
-                            cwd=WORK, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+                            cwd=WORK, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE)
     for _ in range(20):
         m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
         if m:
@@ -229,6 +242,11 @@ def main():
     manager.until(r"^STOPPING=1$", 10)
     if proc.wait(timeout=30 * slow) != 0:
         fail("exit status", proc.returncode)
+    echoed = proc.stderr.read().decode(errors="replace")
+    if not re.search(r"^<3>\S+ \S+;E;00000003;the sensor task is stalled", echoed, re.M):
+        fail("the journal priority on an echoed error", echoed[-500:])
+    manager.done = True
+    manager.reader.join()
     kinds = []
     for _, m in manager.seen:
         kind = m.split("=")[0]
