@@ -177,6 +177,31 @@ def rotate_while_writing(client):
           % (count, n_old, count - n_old))
 
 
+def socket_activation():
+    """systemd-socket-activate binds the port; the station serves that socket."""
+    global proc
+    probe = socket.socket()
+    probe.bind(("127.0.0.1", 0))
+    port = probe.getsockname()[1]
+    probe.close()
+    os.remove(os.path.join(WORK, "station.log"))
+    proc = subprocess.Popen(["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, STATION, "-f", "station.cfg",
+                             "Server.ListenPort=%d" % port, "Log.AutoDate=0", "Log.CreatePermissions=0600"],
+                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    for _ in range(100 * slow):
+        if "socket from systemd" in (log_text() if os.path.exists(os.path.join(WORK, "station.log")) else ""):
+            break
+        time.sleep(0.1)
+    client = Client(port)
+    if "cycles" not in client.ask("status"):
+        fail("status through the socket systemd passed")
+    client.sock.close()
+    proc.send_signal(signal.SIGTERM)
+    if proc.wait(timeout=30 * slow) != 0 or not re.search(r"listening on 127\.0\.0\.1:%d \(socket from systemd\)" % port, log_text()):
+        fail("socket activation", log_text()[-500:])
+    print("socket activation: served port %d from systemd-socket-activate" % port)
+
+
 def main():
     global proc
     shutil.copy(os.path.join(SOURCE, "station.acl"), WORK)
@@ -255,6 +280,7 @@ def main():
         kinds[-1][1] += 1
     print("notifications: " + " ".join(k if n == 1 else "%s x%d" % (k, n) for k, n in kinds))
     print("first status: " + status)
+    socket_activation()
 
 
 try:

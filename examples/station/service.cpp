@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
+#include <sys/socket.h>
+#include <zqcommon/connserv.h>
 #include <zqcommon/functions.h>
 
 #include <cerrno>
@@ -102,6 +104,16 @@ int service_command_line(Config_File& cfg, const std::string& default_file) {
   }
   cfg.open_argfile(default_file);
   return -1;
+}
+
+bool adopt_activated_socket(Connection_Server& srv) {
+  if (sd_listen_fds(1) != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNSPEC, SOCK_STREAM, 1) <= 0) {
+    return false;
+  }
+  srv.Stop();
+  srv.sock = SD_LISTEN_FDS_START;
+  srv.issetup = srv.isactive = true;
+  return true;
 }
 
 // ------------------------------------------------------------- notifier

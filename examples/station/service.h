@@ -4,6 +4,7 @@
 #ifndef STATION_SERVICE_H
 #define STATION_SERVICE_H
 
+#include <zqcommon/connserv.h>
 #include <zqcommon/logretention.h>
 
 #include <string>
@@ -18,6 +19,12 @@ namespace station {
 // when a file given with -f cannot be read (the message names it). An absent
 // `default_file` is no error: a warning, and the built-in defaults.
 int service_command_line(Config_File& cfg, const std::string& default_file);
+
+// Socket activation: when systemd passes one listening TCP socket
+// ($LISTEN_FDS), `srv` serves it instead of the socket it bound itself
+// (closed here; binding the port systemd holds fails, which is expected).
+// Call before the server's thread starts. True when the socket was taken.
+bool adopt_activated_socket(::Connection_Server& srv);
 
 // Talks to the service manager through $NOTIFY_SOCKET (libsystemd's
 // sd_notify); silent when the variable is not set. The watchdog period is

@@ -161,6 +161,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   }
 
   Connection_Server srv(server.ListenPort, server.MaxConnections, server.Interface);
+  const bool activated = station::adopt_activated_socket(srv);
   if (!srv.isactive) {
     std::fprintf(stderr, "station: cannot listen on %s:%d\n", server.Interface.c_str(), server.ListenPort);
     log.Add(elog_PANIC, 2, "cannot listen on %s:%d", server.Interface.c_str(), server.ListenPort);
@@ -174,8 +175,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   srv.Start(nullptr);
   std::printf("tcp port %d\r\n", srv.LocalPort());
   std::fflush(stdout);
-  log.Add(elog_INFO, 0, "listening on %s:%d, access list %s", server.Interface.c_str(), srv.LocalPort(),
-          server.ACL.empty() ? "none" : server.ACL.c_str());
+  log.Add(elog_INFO, 0, "listening on %s:%d%s, access list %s", server.Interface.c_str(), srv.LocalPort(),
+          activated ? " (socket from systemd)" : "", server.ACL.empty() ? "none" : server.ACL.c_str());
   service.Ready(st);
 
   std::unique_ptr<CLI> terminal;
