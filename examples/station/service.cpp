@@ -56,31 +56,12 @@ bool live(const std::string& path) {
   return path.compare(0, 13, "LogRetention.") == 0;
 }
 
-// A number setting's text must be a number and nothing else (an optional
-// k/M/G factor for integers): the settings' own conversion reads "hot" as 0,
-// which a reload must refuse rather than apply.
-bool number_text(const zqcommon::Config_Data_Entry& e, const std::string& text) {
-  const zqcommon::Config_DataTypes type = e.Type();
-  const bool integer = type == zqcommon::cfg_INT || type == zqcommon::cfg_UINT || type == zqcommon::cfg_LONG;
-  if (!integer && type != zqcommon::cfg_FLOAT) return true;
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  if (integer) {
-    std::strtoll(text.c_str(), &end, 0);
-    if (*end != '\0' && std::strchr("kKmMgG", *end) != nullptr) ++end;
-  } else {
-    std::strtod(text.c_str(), &end);
-  }
-  return errno == 0 && end != text.c_str() && *end == '\0';
-}
-
 // Sets "Section.Key" in `all` to `value`; an error text when it cannot.
 std::string assign(const SettingsList& all, const std::string& path, const std::string& value) {
   zqcommon::Config_Data_Entry* e = find_setting(all, path);
   if (e == nullptr) return "no setting " + path;
-  if (!number_text(*e, value) || !(*e = value)) return "cannot set " + path + " to '" + value + "'";
-  return "";
+  std::string why;
+  return setting_rules().Assign(*e, path, value, &why) ? "" : why;
 }
 
 }  // namespace
@@ -210,6 +191,11 @@ bool Service::reload_settings(Station& st, std::string& report) {
     return false;
   }
   Config_File file(name);
+  std::string why_not;
+  if (!setting_rules().CheckFile(file, &why_not)) {
+    report = why_not + "; running settings kept";
+    return false;
+  }
   StationSettings station_settings;
   ServerSettings server;
   Log_Config_Data logcfg;
