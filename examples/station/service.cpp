@@ -200,7 +200,13 @@ bool Service::reload_settings(Station& st, std::string& report) {
   ServerSettings server;
   Log_Config_Data logcfg;
   LogRetention_Config_Data retention;
-  SettingsList fresh = sections(station_settings, server, logcfg);
+  // Only the structures made here: sections() may also list shared ones
+  // (the fleet's), which a reload must not write into.
+  SettingsList fresh;
+  for (const auto& section : sections(station_settings, server, logcfg)) {
+    const zqcommon::Config_Data* d = section.second;
+    if (d == &station_settings || d == &server || d == &logcfg) fresh.push_back(section);
+  }
   fresh.emplace_back("LogRetention", &retention);
   // The file's values, then the command line's Section.Key=VALUE over them.
   for (const auto& section : fresh) {

@@ -26,6 +26,7 @@
 #include <memory>
 #include <vector>
 
+#include "fleet.h"
 #include "service.h"
 #include "station.h"
 
@@ -181,6 +182,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   std::fflush(stdout);
   log.Add(elog_INFO, 0, "listening on %s:%d%s, access list %s", server.Interface.c_str(), srv.LocalPort(),
           activated ? " (socket from systemd)" : "", server.ACL.empty() ? "none" : server.ACL.c_str());
+
+  station::Fleet fleet(st);
+  if (!fleet.Start()) return 1;
   service.Ready(st);
 
   std::unique_ptr<CLI> terminal;
@@ -206,6 +210,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       service.Reload(st);
     }
     station::report_log_losses(st, GetUTC());
+    fleet.Poll();
     while (MySocket* peer = srv[0]) {
       srv.Remove(peer, false);
       auto c = std::make_unique<Client>();
@@ -296,6 +301,8 @@ int main(int argc, char** argv) {
   settings.Load(cfg, "Station");
   server.Load(cfg, "Server");
   logcfg.Load(cfg, "Log");
+  station::fleet_settings().mqtt.Load(cfg, "MQTT");
+  station::fleet_settings().metrics.Load(cfg, "Metrics");
   LogRetention_Config_Data retention;
   retention.Load(cfg, "LogRetention");
   station::SettingsList all = station::sections(settings, server, logcfg);
