@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "chartype.h"
+#include "journal_priority.h"
 #include "zqcommon/functions.h"
 
 const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";
@@ -212,6 +213,7 @@ void Log::Add(Log_Entry& e) {
   const bool to_file = f != nullptr && (e.type & cfg->fmask) != 0;
   if (!echo && !to_file) return;
   formatter_.format(e, line_);
+  if (echo && journal_prefix) std::fputs(zqdetail::journal_priority(e.type), stderr);
   if (echo) std::fwrite(line_.data(), 1, line_.size(), stderr);
   if (!to_file) return;
   if (cfg->maxsize != 0 && cfsize + pending_.size() + line_.size() > cfg->maxsize) Next();

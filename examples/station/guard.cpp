@@ -54,7 +54,12 @@ const zqcommon::Setting_Check& setting_rules() {
         .Integer("Network.ListenBacklog", 1, 65535)
         .Integer("Network.MaxPerAddress", 0, 1000000)
         .Integer("Network.LineTimeoutS", 0, 86400)
-        .Text("Network.Interface6", 64);
+        .Text("Network.Interface6", 64)
+        .Integer("LogRetention.MaxFiles", 0, 100000)
+        .Integer("LogRetention.MaxDays", 0, 100000)
+        .Size("LogRetention.MaxTotalSize", 0, 0xFFFFFFFFLL)
+        .Integer("LogRetention.Midnight", 0, 1)
+        .Integer("LogRetention.Compress", 0, 1);
     return r;
   }();
   return rules;
@@ -65,7 +70,7 @@ const zqcommon::Setting_Check& setting_rules() {
 bool operator_only(const std::string& path) {
   const auto dot = path.find('.');
   const std::string section = path.substr(0, dot);
-  if ((section ^= "Log") || (section ^= "Server")) return true;
+  if ((section ^= "Log") || (section ^= "LogRetention") || (section ^= "Server")) return true;
   // Who may log in and how the channel is secured: not from the network either.
   if ((section ^= "TLS") || (section ^= "Login") || (section ^= "Access")) return true;
   // Where the station listens and whom it reports to.

@@ -39,6 +39,11 @@ bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const char* key
     *error = std::string(key) + ": " + why;
     return false;
   }
+  return serve(*srv, error);
+}
+
+bool Network::serve(Connection_Server& srv_ref, std::string* error, const char* origin) {
+  Connection_Server* srv = &srv_ref;
   // The accept thread's list only hands peers over; the caps are ours.
   srv->SetMaxConn(1024);
   srv->SetPeerLookup(false);
@@ -54,12 +59,17 @@ bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const char* key
     }
   }
   srv->Start(nullptr);
-  log_.Add(elog_INFO, 0, "listening on %s, access list %s", srv->LocalAddress().c_str(),
+  log_.Add(elog_INFO, 0, "listening on %s%s, access list %s", srv->LocalAddress().c_str(), origin,
            server_.ACL.empty() ? "none" : server_.ACL.c_str());
   return true;
 }
 
-bool Network::Open(std::string* error) {
+bool Network::Open(std::string* error, const std::function<bool(Connection_Server&)>& adopt) {
+  if (adopt) {
+    servers_[0] = std::make_unique<Connection_Server>("", "");
+    if (adopt(*servers_[0])) return serve(*servers_[0], error, " (socket passed by the service manager)");
+    servers_[0].reset();
+  }
   if (!listen_on(servers_[0], "Server.Interface", server_.Interface, server_.ListenPort, error)) return false;
   if (!settings.Interface6.empty() &&
       !listen_on(servers_[1], "Network.Interface6", settings.Interface6, servers_[0]->LocalPort(), error)) {

@@ -9,6 +9,7 @@
 #include <zqcommon/log.h>
 #include <zqcommon/sessionlimits.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -48,8 +49,10 @@ class Network {
   Network(Config_File& cfg, ServerSettings& server, Log& log);
   ~Network();
   // False with the reason (naming the value) when a listening address is
-  // not numeric, cannot be bound, or the access list has a bad rule.
-  bool Open(std::string* error);
+  // not numeric, cannot be bound, or the access list has a bad rule. When
+  // `adopt` hands over a listening socket (one passed by the service
+  // manager), that socket is served instead of binding any address.
+  bool Open(std::string* error, const std::function<bool(Connection_Server&)>& adopt = nullptr);
   int Port() const;
   // The next admitted peer and its address, or null. Peers beyond a cap get
   // a refusal line and are closed here. The caller hands the admitted
@@ -66,6 +69,7 @@ class Network {
  private:
   bool listen_on(std::unique_ptr<Connection_Server>& srv, const char* key, const std::string& address,
                  int port, std::string* error);
+  bool serve(Connection_Server& srv, std::string* error, const char* origin = "");
   bool no_family_ = false;  // the last failure: the address family or address is not there
   Config_File& cfg_;
   ServerSettings& server_;

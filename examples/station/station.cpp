@@ -1,6 +1,6 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
-//   station [-h] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the
@@ -8,7 +8,8 @@
 // terminal and to every TCP client the access list lets in. Prints
 // "tcp port N" once it listens. Without a terminal on standard input (as
 // under a service manager) it serves TCP clients only. "exit" at the
-// terminal, SIGINT, SIGTERM or SIGHUP stop it cleanly.
+// terminal, SIGINT and SIGTERM stop it cleanly; SIGHUP reopens the log and
+// reloads the settings (service.h).
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -22,11 +23,13 @@
 #include <zqsecurity/userfile.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "fleet.h"
 #include "network.h"
+#include "service.h"
 #include "station.h"
 
 namespace {
@@ -35,7 +38,8 @@ using station::Session;
 using station::Station;
 
 volatile sig_atomic_t g_stop = 0;
-void on_signal(int) { g_stop = 1; }
+volatile sig_atomic_t g_reload = 0;
+void on_signal(int sig) { (sig == SIGHUP ? g_reload : g_stop) = 1; }
 
 void install_signals() {
   struct sigaction sa {};
@@ -160,7 +164,7 @@ bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
 }
 
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
-        station::ServerSettings& server) {
+        station::ServerSettings& server, station::Service& service) {
   Station st(cfg, settings, server, logcfg, log);
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
@@ -177,7 +181,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
 
   station::Network net(cfg, server, log);
   std::string why;
-  if (!net.Open(&why)) {
+  if (!net.Open(&why, station::adopt_activated_socket)) {
     std::fprintf(stderr, "station: %s\n", why.c_str());
     log.Add(elog_PANIC, 2, "%s", why.c_str());
     return 1;
@@ -191,6 +195,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     return level == ZQSecurity::kNoAccess ? static_cast<int>(ZQSecurity::kViewer) : level;
   };
   if (!fleet.Start()) return 1;
+  service.Ready(st);
 
   std::unique_ptr<CLI> terminal;
   Session console;
@@ -210,6 +215,11 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   bool terminal_ready = terminal != nullptr;  // shows the first prompt
   while (!g_stop) {
     st.Drain();
+    service.Tick(st);
+    if (g_reload != 0) {
+      g_reload = 0;
+      service.Reload(st);
+    }
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
     std::string address;
@@ -292,6 +302,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     }
   }
 
+  service.Stopping();
   log.Add(elog_INFO, 0, "stopping: %zu clients, %lld cycles", clients.size(), st.task.CycleCount());
   for (auto& c : clients) c->conn->writeln("station stopping");
   clients.clear();
@@ -315,7 +326,8 @@ int main(int argc, char** argv) {
           "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)")) {
     return 0;
   }
-  cfg.open_argfile("station.cfg");
+  const int early = station::service_command_line(cfg, "station.cfg");
+  if (early >= 0) return early;
 
   station::StationSettings settings;
   station::ServerSettings server;
@@ -331,7 +343,11 @@ int main(int argc, char** argv) {
   station::load_access(cfg, server);
   station::fleet_settings().mqtt.Load(cfg, "MQTT");
   station::fleet_settings().metrics.Load(cfg, "Metrics");
-  if (!apply_overrides(cfg, station::sections(settings, server, logcfg))) return 2;
+  LogRetention_Config_Data retention;
+  retention.Load(cfg, "LogRetention");
+  station::SettingsList all = station::sections(settings, server, logcfg);
+  all.emplace_back("LogRetention", &retention);
+  if (!apply_overrides(cfg, all)) return 2;
   if (access_option) return option.Handle(settings, server);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
@@ -340,10 +356,12 @@ int main(int argc, char** argv) {
   install_signals();
 
   Log log(logcfg);
+  log.journal_prefix = std::getenv("JOURNAL_STREAM") != nullptr;  // journald reads "<N>"
   log.Start();
+  station::Service service(cfg, all, retention, log);
   log.Add(elog_INFO, 0, "station starting, configuration %s, debug level %d",
           cfg.getfilename().c_str(), DEBUG_LEVEL);
-  const int rc = run(cfg, logcfg, log, settings, server);
+  const int rc = run(cfg, logcfg, log, settings, server, service);
   // Everything but the log is gone now: the threads of the start, and its
   // descriptors plus the log file.
   const int threads = count_entries("/proc/self/task");

@@ -133,6 +133,11 @@ class Log : public std::list<Log_Entry> {
   Log_Config_Data* cfg;
   int ecount = 0, wcount = 0, icount = 0, dcount = 0, pcount = 0;
   std::string fname;
+  // Off by default. When set, every line echoed to standard error starts
+  // with the priority journald reads ("<2>" panic, "<3>" error, "<4>"
+  // warning, "<6>" info, "<7>" debug): for a service whose standard error
+  // is the journal ($JOURNAL_STREAM set).
+  bool journal_prefix = false;
 
  private:
   // Formats file lines, reusing the "dd.mm.yyyy hh:mm:" part while the minute

@@ -1,0 +1,67 @@
+# Debian packages (cmake --build build --target package):
+#   libzqcommon1      the shared library                 (component lib)
+#   libzqcommon-dev   headers, CMake package, pkg-config   (component dev)
+#   zqcommon-station  the station as a systemd service     (component station)
+# Example programs other than the station are not packaged.
+set(ZQ_DEBIAN ${PROJECT_SOURCE_DIR}/cmake/debian)
+
+# Each package carries its copyright and a compressed changelog (the name
+# a native package uses).
+configure_file(${ZQ_DEBIAN}/changelog ${PROJECT_BINARY_DIR}/debian/changelog @ONLY)
+add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/debian/changelog.gz
+  COMMAND gzip -9nf -k ${PROJECT_BINARY_DIR}/debian/changelog
+  DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog)
+add_custom_target(zq_debian_docs ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
+foreach(pair lib:libzqcommon1 dev:libzqcommon-dev station:zqcommon-station)
+  string(REPLACE ":" ";" pair ${pair})
+  list(GET pair 0 component)
+  list(GET pair 1 package)
+  install(FILES ${ZQ_DEBIAN}/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
+endforeach()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME zqcommon)
+set(CPACK_PACKAGE_VENDOR "libzqcommon developers")
+set(CPACK_PACKAGE_CONTACT "libzqcommon developers <zqcommon@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "common services for measurement and control programs")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL lib dev station)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/src/fleet)
+set(CPACK_DEBIAN_PACKAGE_SOURCE zqcommon)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+set(CPACK_DEBIAN_LIB_PACKAGE_NAME libzqcommon1)
+set(CPACK_COMPONENT_LIB_DESCRIPTION "libzqcommon: common services for measurement and control programs
+ Configuration files and command lines, logs, traces and error records, TCP
+ line servers with access lists and start-TLS, a command interpreter,
+ threads and real-time tasks, serial and digital I/O, CRCs, hashes, ciphers.")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)  # only the library package has one
+set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzqcommon-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_DEV_DESCRIPTION "libzqcommon: development files
+ Headers, the CMake package and the pkg-config file of libzqcommon.")
+set(CPACK_COMPONENT_DEV_DEPENDS lib)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssl-dev")
+
+set(CPACK_DEBIAN_STATION_PACKAGE_NAME zqcommon-station)
+set(CPACK_DEBIAN_STATION_PACKAGE_SECTION misc)
+set(CPACK_COMPONENT_STATION_DESCRIPTION "measurement-and-control station built on libzqcommon
+ A real-time sensor task, digital I/O, error records, a rotated log and a
+ command set for TCP clients, run as a systemd service with readiness and
+ watchdog notifications, reload on SIGHUP and a logrotate snippet.")
+set(CPACK_COMPONENT_STATION_DEPENDS lib)
+set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
+set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
+  "${ZQ_DEBIAN}/station/conffiles;${ZQ_DEBIAN}/station/postinst;${ZQ_DEBIAN}/station/postrm;${ZQ_DEBIAN}/station/prerm")
+set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
+
+include(CPack)
