@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "zqcommon/cli_editor.h"
 #include "zqcommon/functions.h"
 
 namespace {
@@ -43,6 +44,7 @@ CLI::CLI(FILE* in, FILE* out, FILE* err, unsigned int) : _stdin(in), _stdout(out
 }
 
 CLI::~CLI() {
+  editor_.reset();
   if (termio_saved_) tcsetattr(fileno(_stdin), TCSANOW, &old_termio);
 }
 
@@ -224,7 +226,7 @@ bool CLI::parse(std::string& text) {
 
   CLI_cmd_map_entry* e = find_command(words[0]);
   if (e == nullptr) {
-    std::fprintf(stderr, "%s: command not found\r\n", words[0].c_str());
+    std::fprintf(editor_ ? _stderr : stderr, "%s: command not found\r\n", words[0].c_str());
     return false;
   }
   if (!e->cmap.empty()) cmap = &e->cmap;
@@ -261,6 +263,7 @@ int CLI::update_all() {
 
 int CLI::update() {
   if (status & kEnded) return 4;
+  if (editor_) return editor_->Update();
   update_internal();
   int result = 0;
   if (status & kPrompt) {
@@ -397,6 +400,18 @@ unsigned int CLI::print_in_columns(const std::vector<std::string>& items, unsign
   }
   if (total != 0) std::fputs("\r\n", _stdout);
   return width;
+}
+
+CLI_Editor* CLI::EnableEditing() {
+  if (!editor_) {
+    editor_ = std::make_unique<CLI_Editor>(*this);
+    if (termio_saved_) {
+      new_termio.c_iflag &= static_cast<tcflag_t>(~IXON);
+      new_termio.c_lflag &= static_cast<tcflag_t>(~ISIG);
+      tcsetattr(fileno(_stdin), TCSANOW, &new_termio);
+    }
+  }
+  return editor_.get();
 }
 
 void CLI::get_winsize() {

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <zqcommon/bug.h>
 #include <zqcommon/cli.h>
+#include <zqcommon/cli_editor.h>
 #include <zqcommon/connserv.h>
 #include <zqcommon/functions.h>
 #include <zqsecurity/sslconnection.h>
@@ -90,8 +91,28 @@ void answer(Client& c, bool prompt) {
   c.reply.clear();
 }
 
+// A session in editing mode: every key goes to its interpreter, which
+// echoes and draws its own prompt. False once the client is gone.
+bool serve_keys(Client& c) {
+  std::string keys;
+  c.conn->read(keys, 4096, false, 0);
+  c.cli->Editor()->Feed(keys.data(), keys.size());
+  const bool ended = c.cli->update_all() == 4;
+  if (c.session.want_tls) {
+    c.session.want_tls = false;
+    c.reply += "starttls: not in editing mode (connect again and use it first)\r\n";
+  }
+  answer(c, false);
+  if (ended) {
+    c.conn->writeln("bye");
+    c.conn->close();
+  }
+  return c.conn->IsConnected();
+}
+
 // Runs every complete line the client sent. False once the client is gone.
 bool serve(Client& c, Log& log) {
+  if (c.cli->Editor() != nullptr) return serve_keys(c);
   std::string line;
   for (;;) {
     const int r = c.conn->readln(line, false, 0);
@@ -111,6 +132,13 @@ bool serve(Client& c, Log& log) {
     } else {
       std::string copy = text;
       c.cli->parse(copy);
+    }
+    if (c.session.want_editing) {
+      station::setup_console(*c.cli, c.session, "");
+      answer(c, false);
+      c.cli->update_all();  // its prompt
+      answer(c, false);
+      return serve_keys(c);
     }
     answer(c, !c.session.want_tls);
     if (c.session.want_tls) {
@@ -181,6 +209,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   if (isatty(STDIN_FILENO)) {
     terminal = std::make_unique<CLI>(stdin, stdout, stderr);
     station::register_commands(*terminal, console);
+    station::setup_console(*terminal, console, "station.history");
+    CLI_Editor* editor = terminal->Editor();
+    st.announce = [editor](const std::string& text) { editor->Message(text); };
   } else {
     log.Add(elog_INFO, 0, "no terminal: serving TCP clients only");
   }
@@ -201,7 +232,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->session.peer = peer->IPList().empty() ? peer->Name() : peer->IPList().front();
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
       station::register_commands(*c->cli, c->session);
+      station::setup_console(*c->cli, c->session, "");
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());
+      if (st.announce) st.announce(c->session.peer + " connected");
       c->reply = "station ready, type help\r\n";
       answer(*c, true);
       clients.push_back(std::move(c));
@@ -221,6 +254,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       terminal_ready = (fds[0].revents & POLLIN) != 0;
       if (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) {
         log.Add(elog_INFO, 0, "the terminal went away: serving TCP clients only");
+        st.announce = nullptr;
         terminal.reset();
         terminal_ready = false;
       }

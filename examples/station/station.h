@@ -16,8 +16,10 @@
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rtthread.h>
 
+#include <chrono>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -149,6 +151,10 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  // Tells the operator's terminal about an event (error records, clients);
+  // empty without a terminal.
+  std::function<void(const std::string&)> announce;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -162,11 +168,19 @@ struct Session {
   bool network = false;
   bool want_tls = false;
   bool want_exit = false;
+  bool want_editing = false;
   std::string peer;
 };
 
 // Registers the station's commands on an interpreter for `session`.
 void register_commands(class CLI& cli, Session& session);
+
+// The line editor, completion and, for the terminal (a non-empty
+// `history_file`), the kept history; a network session gets the `editing`
+// command that asks for it.
+void setup_console(class CLI& cli, Session& session, const std::string& history_file);
+// The named I/O bits, for the io command and its completion.
+const std::vector<std::pair<const char*, unsigned int>>& bit_names();
 
 // Settings structures by section name, for command-line overrides and the
 // config command.

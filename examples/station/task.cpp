@@ -157,6 +157,10 @@ void Station::check(Watch& w, bool bad, components::TIME t, double value) {
             w.error.count, value);
   }
   w.reported = now;
+  if (announce) {
+    announce(now == components::NONE ? Format("%s cleared", w.name)
+                                     : Format("%s: %s", w.name, Severity(now).Description()));
+  }
 }
 
 void Station::Drain() {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+class CLI_Editor;
+
 // A command: its registration argument, the word count and the words (the
 // first is the command word). The result becomes $? unless the command is a
 // built-in.
@@ -85,6 +87,13 @@ class CLI {
   void expand();
   unsigned int print_in_columns(const std::vector<std::string>& items, unsigned int width);
   void get_winsize();
+  // Switches on the line editor of cli_editor.h (an opt-in: without it the
+  // keys are handled as described above) and returns it; on a terminal it
+  // also turns off flow control and signal keys, so Ctrl-S and Ctrl-C reach
+  // it. Calling it again returns the same editor.
+  CLI_Editor* EnableEditing();
+  // The line editor, or null when editing is off.
+  CLI_Editor* Editor() const { return editor_.get(); }
 
   // The built-ins.
   static int cmd_help(void* cli, int argc, const char** argv);
@@ -122,6 +131,8 @@ class CLI {
   bool termio_saved_ = false;
   size_t history_limit_ = 1000;
   std::vector<std::unique_ptr<CLI_cmd_map_entry>> entries_;
+  friend class CLI_Editor;
+  std::unique_ptr<CLI_Editor> editor_;  // destroyed first: it may save the history
 };
 
 #endif
