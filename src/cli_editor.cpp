@@ -177,8 +177,10 @@ bool CLI_Editor::next_byte(unsigned char& c) {
   }
   const int fd = fileno(cli_._stdin);
   pollfd p{fd, POLLIN, 0};
-  if (fd < 0 || poll(&p, 1, 0) <= 0 || !(p.revents & POLLIN)) return false;
-  return ::read(fd, &c, 1) == 1;
+  if (input_ended_ || fd < 0 || poll(&p, 1, 0) <= 0 || !(p.revents & POLLIN)) return false;
+  const ssize_t n = ::read(fd, &c, 1);
+  input_ended_ = n == 0;  // end of input: the descriptor is not asked again
+  return n == 1;
 }
 
 int CLI_Editor::Update() {
@@ -214,7 +216,7 @@ int CLI_Editor::Update() {
   if (pending_pos_ < pending_.size()) return 11;
   const int fd = fileno(cli_._stdin);
   pollfd p{fd, POLLIN | POLLPRI, 0};
-  if (fd >= 0 && poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLPRI))) return 11;
+  if (!input_ended_ && fd >= 0 && poll(&p, 1, 0) > 0 && (p.revents & (POLLIN | POLLPRI))) return 11;
   return 0;
 }
 
@@ -245,11 +247,13 @@ void CLI_Editor::key(unsigned char c) {
       escape_done(static_cast<char>(c), esc_params_);
       return;
     }
-    if (c >= 0x20 && c < 0x40 && esc_params_.size() < kMaxEscape) {
-      esc_params_ += static_cast<char>(c);
+    if (c >= 0x20 && c < 0x40) {
+      // An overlong sequence is dropped up to its final byte.
+      if (esc_params_.size() < kMaxEscape) esc_params_ += static_cast<char>(c);
+      else esc_params_.assign(kMaxEscape + 1, '?');
       return;
     }
-    esc_ = 0;  // cut or overlong: dropped, a control key counts on its own
+    esc_ = 0;  // cut: dropped, a control key counts on its own
     if (c >= 0x20) return;
   } else if (esc_ == 3) {
     esc_ = 0;
@@ -313,6 +317,7 @@ void CLI_Editor::escape_done(char final, const std::string& params) {
     hidx_ = search_idx_;
     refresh();
   }
+  if (params.size() > kMaxEscape) return;
   if (params == "alt") {
     if (final == 'b' || final == 'f' || final == 'd') {
       size_t p = pos_;
@@ -671,6 +676,11 @@ int CLI_Editor::Help(int argc, const char** argv) {
 bool CLI_Editor::SetHistoryFile(const std::string& path, size_t limit, unsigned int every_s,
                                 std::string* error) {
   history_path_.clear();
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    if (error != nullptr) *error = path + ": not a regular file";
+    return false;
+  }
   errno = 0;
   std::ifstream in(path);
   if (!in && errno != ENOENT) {
