@@ -92,4 +92,4 @@ wait_for "station:/[#>] ?\$" "Ctrl-C clears the line and leaves the station runn
 kill -INT "$(pgrep -P "$(tmux display -p -t "$session" '#{pane_pid}')" station)"
 wait_for '^exit status 0' "SIGINT stops the station cleanly"
 grep -Eq 'stopped: ([0-9]+) thread\(s\) \(\1 at start\)' "$work"/station*.log || fail "the log records the clean stop"
-echo "station-tmux: 29 checks passed"
+echo "station-tmux: 31 checks passed"

@@ -148,6 +148,11 @@ void CLI_Editor::refresh() {
   const size_t plen = cells(prompt);
   const size_t total = plen + cells(buf_);
   const size_t cursor = plen + cells(buf_, 0, pos_);
+  if (cursor == total && total % cols != 0) {  // already in place
+    rows_up_ = static_cast<unsigned int>(cursor / cols);
+    out(s);
+    return;
+  }
   if (total % cols == 0) s += "\r\n";
   const size_t end_row = total / cols, cursor_row = cursor / cols;
   if (end_row > cursor_row) s += csi(static_cast<unsigned int>(end_row - cursor_row), 'A');
