@@ -17,7 +17,8 @@ import sys
 import tempfile
 import time
 
-PROMPT = re.compile(rb"(:/[#>] |station> )(\x1b\[J)?$")
+# A prompt on a line of its own (a redraw after Ctrl-C is not one).
+PROMPT = re.compile(rb"(\A|\n)\r?\w+(:/[#>]|>) (\x1b\[J)?\Z")
 # keys -> what `echo` answers when the edited line runs
 CASES = [
     (b"echo helo\x1b[Dl", b"hello"),                        # insert in the middle

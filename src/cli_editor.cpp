@@ -136,6 +136,7 @@ void CLI_Editor::clear_rows() {
 // Every character takes one column; when the text ends exactly at the right
 // margin the cursor is moved to the next row, so the row count stays exact.
 void CLI_Editor::refresh() {
+  rang_ = false;
   const unsigned int cols = width();
   last_cols_ = cols;
   const std::string prompt = shown_prompt();
@@ -183,9 +184,15 @@ bool CLI_Editor::next_byte(unsigned char& c) {
   const int fd = fileno(cli_._stdin);
   pollfd p{fd, POLLIN, 0};
   if (input_ended_ || fd < 0 || poll(&p, 1, 0) <= 0 || !(p.revents & POLLIN)) return false;
-  const ssize_t n = ::read(fd, &c, 1);
+  // What is there is read ahead (the keys are all the editor's) and taken
+  // one key per step.
+  char chunk[512];
+  const ssize_t n = ::read(fd, chunk, sizeof chunk);
   input_ended_ = n == 0;  // end of input: the descriptor is not asked again
-  return n == 1;
+  if (n <= 0) return false;
+  Feed(chunk + 1, static_cast<size_t>(n - 1));
+  c = static_cast<unsigned char>(chunk[0]);
+  return true;
 }
 
 int CLI_Editor::Update() {
@@ -431,9 +438,11 @@ void CLI_Editor::control(unsigned char c) {
 void CLI_Editor::insert(const std::string& text) {
   if (text.empty()) return;
   if (buf_.size() + text.size() > kMaxLine) {
-    out("\a");
+    if (!rang_) out("\a");  // once for a run of refused keys
+    rang_ = true;
     return;
   }
+  rang_ = false;
   const bool at_end = pos_ == buf_.size();
   buf_.insert(pos_, text);
   pos_ += text.size();

@@ -117,6 +117,7 @@ class ZQ_EXPORT CLI_Editor {
   std::string pending_;       // keys given with Feed()
   size_t pending_pos_ = 0;    // the next of them
   bool input_ended_ = false;  // the descriptor reached its end
+  bool rang_ = false;         // the bell told of a full line
   std::string utf8_;          // a character being received
   size_t utf8_need_ = 0;      // its missing continuation bytes
   int esc_ = 0;               // 0 none, 1 after ESC, 2 in "ESC [", 3 after "ESC O"
