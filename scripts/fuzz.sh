@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -34,6 +34,19 @@ case "$target" in
     # An odd first byte: the line editor, 10 columns.
     printf ')echo h\xc3\xa9llo wor\x1b[D\x1b[Dld\x01\x1bf\x17\x19\x14\r\x12ec\x12\x1b[C\x0b\x15app a\t\t\r' > "$corpus/seed3"
     printf '#\x1b[1;5D\x1bOH\x1b[3~\x1b[99999999999999999999~\xff\xc3(\x0c\x13x\x07\x03help app\r\x04' > "$corpus/seed4" ;;
+  subst)
+    printf 'set a=1\nset ab=XY\nset $a=D\nrun x $a y $ab$a$$?\nset z=zz\necho $z$z$z$z$HOME\n' > "$corpus/seed1"
+    { printf 'set a='; head -c 2000 /dev/zero | tr '\0' x; printf '\nset b='
+      for _ in $(seq 100); do printf '$a'; done; printf '\necho $bbbb\n'; } > "$corpus/seed2" ;;
+  acl)
+    printf '[hosts]\nallow = 127.0.0.1 10.0.0.0/8 192.168.1.0/255.255.255.0\ndeny = 10.1.2.3\n' > "$corpus/seed1"
+    printf '[hosts]\nallow = 0.0.0.0/0 localhost ::1 999.1.1.1/33 /\n' > "$corpus/seed2" ;;
+  station)
+    printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
+    printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2" ;;
+  cfgentry)
+    printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
+    printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
 esac
 
 cd "$build"

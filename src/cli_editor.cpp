@@ -217,6 +217,7 @@ int CLI_Editor::Update() {
     if (next_byte(c)) key(c);
   } else if (cli_.status & CLI::kExecute) {
     std::string text = buf_;
+    if (line_hook_ && !text.empty()) line_hook_(text);
     cli_.parse(text);
     std::fflush(cli_._stdout);
     std::fflush(cli_._stderr);

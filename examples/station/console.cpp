@@ -17,12 +17,11 @@ namespace {
 
 typedef std::vector<std::string> Words;
 
-// Where `hash` and `crc` read files: Station.DataDir when the settings have
-// it, else the working directory.
-std::string data_dir(Station& st) {
-  zqcommon::Config_Data_Entry* e = find_setting(sections(st), "Station.DataDir");
-  const std::string dir = e != nullptr ? e->Value() : "";
-  return dir.empty() ? "." : dir;
+// Where `hash` and `crc` look for files: Station.DataDir for a network
+// session, the working directory at the terminal.
+std::string data_dir(const Session& s) {
+  const std::string& dir = s.station->settings.DataDir;
+  return s.network && !dir.empty() ? dir : ".";
 }
 
 // Names in the folder of `partial` (relative to `base`), folders with a '/'.
@@ -89,11 +88,12 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
     }
   }
   Station* st = s.station;
-  ed.SetCompleter("hash", [st](const Words& before, const std::string& partial) {
-    return before.size() == 1 ? hash_methods() : before.size() == 2 ? files(data_dir(*st), partial) : Words();
+  Session* session = &s;
+  ed.SetCompleter("hash", [session](const Words& before, const std::string& partial) {
+    return before.size() == 1 ? hash_methods() : before.size() == 2 ? files(data_dir(*session), partial) : Words();
   });
-  ed.SetCompleter("crc", [st](const Words& before, const std::string& partial) {
-    return before.size() == 1 ? files(data_dir(*st), partial) : Words();
+  ed.SetCompleter("crc", [session](const Words& before, const std::string& partial) {
+    return before.size() == 1 ? files(data_dir(*session), partial) : Words();
   });
   ed.SetCompleter("trace", [](const Words& before, const std::string&) {
     return before.size() == 1 ? Words{"start", "stop", "dump"} : Words();

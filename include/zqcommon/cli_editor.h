@@ -75,6 +75,9 @@ class ZQ_EXPORT CLI_Editor {
   // The texts `help COMMAND` shows for each privilege level.
   void SetLevelTexts(const std::string& command, LevelTexts texts);
 
+  // Called with every finished line before it runs (for an audit log).
+  void SetLineHook(std::function<void(const std::string&)> hook) { line_hook_ = std::move(hook); }
+
   // Prints `text` (one or more lines) above the prompt, then redraws the
   // prompt, the line being edited and its cursor.
   void Message(const std::string& text);
@@ -137,6 +140,7 @@ class ZQ_EXPORT CLI_Editor {
   bool end_on_eof_ = false;
   unsigned int columns_ = 0;
   std::map<std::string, Completer> completers_;
+  std::function<void(const std::string&)> line_hook_;
   std::map<std::string, LevelTexts> levels_;
   std::string history_path_;
   size_t history_limit_ = 0;
