@@ -18,7 +18,7 @@ cp "$root/examples/station/station.cfg" "$root/examples/station/station.acl" "$w
 # After the station: its exit status and the terminal's line discipline.
 start() {
   tmux new-session -d -s "$session" -x 120 -y 50 -c "$work" \
-    "$build/examples/station/station Server.ListenPort=0; echo \"exit status \$?\";
+    "$build/examples/station/station Server.ListenPort=0 Station.UsersFile=none Server.RequireTLS=0; echo \"exit status \$?\";
      stty -a | tr ' ;' '\n\n' | grep -E '^-?(icanon|echo)\$' | tr '\n' ' '; echo; sleep 30"
 }
 prompt='station:/[#>] '
@@ -59,8 +59,10 @@ keys C-c 'echo grüße' Left Left BSpace Enter
 wait_for '^grße$' "a UTF-8 word edited with Left and Backspace"
 
 keys C-l 'config sh'
-reply=$(tcp_session 'echo via tcp\nio get 2\nexit\n')
+reply=$(tcp_session 'echo via tcp\nio get 2\nhelp nosuch\nset\nexit\n')
 grep -q '> via tcp' <<<"$reply" || fail "a TCP client is served beside the terminal: $reply"
+grep -q 'Unknown command: nosuch' <<<"$reply" || fail "the client gets its own help errors: $reply"
+! screen | grep -Eq 'nosuch|^cmdline=' || fail "a client's help and set texts stay off the terminal"
 grep -q '> bit 2 = 1' <<<"$reply" || fail "the TCP client sees the terminal's bit: $reply"
 wait_for '^127\.0\.0\.1 connected$' "a client's connect is shown above the prompt"
 wait_for "${prompt}config sh\$" "the half-typed command stays below it"
@@ -92,4 +94,4 @@ wait_for "station:/[#>] ?\$" "Ctrl-C clears the line and leaves the station runn
 kill -INT "$(pgrep -P "$(tmux display -p -t "$session" '#{pane_pid}')" station)"
 wait_for '^exit status 0' "SIGINT stops the station cleanly"
 grep -Eq 'stopped: ([0-9]+) thread\(s\) \(\1 at start\)' "$work"/station*.log || fail "the log records the clean stop"
-echo "station-tmux: 31 checks passed"
+echo "station-tmux: 33 checks passed"

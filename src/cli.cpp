@@ -294,8 +294,13 @@ bool CLI::parse(std::string& text) {
 
   CLI_cmd_map_entry* e = find_command(words[0]);
   if (e == nullptr) {
-    std::fprintf(editor_ ? _stderr : stderr, "%s: command not found\r\n", words[0].c_str());
+    std::fprintf(StdErr(), "%s: command not found\r\n", words[0].c_str());
     return false;
+  }
+  if (!levels_.empty() && RequiredLevel(words) > session_level_) {
+    std::fprintf(StdErr(), "%s: not permitted for this session\r\n", words[0].c_str());
+    retcode = 1;
+    return true;
   }
   if (!e->cmap.empty()) cmap = &e->cmap;
   curr_cmd = e;
@@ -481,6 +486,9 @@ unsigned int CLI::print_in_columns(const std::vector<std::string>& items, unsign
 CLI_Editor* CLI::EnableEditing() {
   if (!editor_) {
     editor_ = std::make_unique<CLI_Editor>(*this);
+    // An editing session's texts all go to its own streams.
+    if (std_out_ == nullptr) std_out_ = _stdout;
+    if (std_err_ == nullptr) std_err_ = _stderr;
     if (termio_saved_) {
       new_termio.c_iflag &= static_cast<tcflag_t>(~IXON);
       new_termio.c_lflag &= static_cast<tcflag_t>(~ISIG);

@@ -108,6 +108,24 @@ class CLI {
   // The line editor, or null when editing is off.
   CLI_Editor* Editor() const { return editor_.get(); }
 
+  // Opt-in: the streams that the built-ins (help, set, unset) and the
+  // "command not found" line treat as standard output and standard error, so
+  // that each session's texts reach only its own peer. Null (the default)
+  // stands for the process's stdout and stderr. The streams stay the caller's.
+  void SetStandardStreams(FILE* out, FILE* err);
+  FILE* StdOut() const;
+  FILE* StdErr() const;
+  // Opt-in access levels (the application's numbers, higher may do more): a
+  // line whose leading words are `words` ("io", "io set") needs `level`; the
+  // rule with the most matching words counts, and a command without any rule
+  // needs none. Once a rule exists, parse() refuses a line the session's
+  // level does not reach, with one line on StdErr(), and sets $? to 1.
+  void SetCommandLevel(const std::string& words, int level);
+  void SetSessionLevel(int level) { session_level_ = level; }
+  int SessionLevel() const { return session_level_; }
+  // The level `words` need (0 without a rule).
+  int RequiredLevel(const std::vector<std::string>& words) const;
+
   // The built-ins.
   static int cmd_help(void* cli, int argc, const char** argv);
   static int cmd_set(void* cli, int argc, const char** argv);
@@ -141,6 +159,10 @@ class CLI {
   void remember(const std::string& text);
   CLI_cmd_map_entry* owner_of(cmd_map* map, cmd_map* within);
 
+  FILE* std_out_ = nullptr;
+  FILE* std_err_ = nullptr;
+  std::map<std::string, int> levels_;
+  int session_level_ = 0;
   bool termio_saved_ = false;
   bool overflow_ = false;     // the last substitution went beyond line_limit_
   size_t line_limit_ = 0;
