@@ -67,7 +67,7 @@ grep -q '> bit 2 = 1' <<<"$reply" || fail "the TCP client sees the terminal's bi
 wait_for '^127\.0\.0\.1 connected$' "a client's connect is shown above the prompt"
 wait_for "${prompt}config sh\$" "the half-typed command stays below it"
 keys 'ow' Enter
-wait_for '^Station\.PeriodUs = 1000' "and runs when finished"
+wait_for '^[A-Z][A-Za-z]*\.[A-Za-z]+ = ' "and runs when finished"
 
 keys C-l "echo $(printf 'a%.0s' $(seq 50))Z" Left
 tmux resize-window -t "$session" -x 30
