@@ -7,11 +7,13 @@
 #include <openssl/params.h>
 #include <openssl/rand.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <vector>
 
-#include "atomic_write.h"
+#include "atomic_file.h"
 #include "chartype.h"
 #include "zqcommon/functions.h"
 
@@ -221,7 +223,9 @@ bool UserFile::Load(const std::string& path, std::string& error) {
 bool UserFile::Save(const std::string& path, std::string& error) const {
   std::string text = "# Operators of this program: name = level:hash (viewer, operator, admin).\n[users]\n";
   for (const auto& u : users_) text += u.first + " = " + LevelName(u.second.level) + ":" + u.second.hash + "\n";
-  return zqdetail::write_file_atomically(path, text, 0600, error);
+  if (zqdetail::write_file_atomically(path, text, 0600, true)) return true;
+  error = path + ": " + std::strerror(errno);
+  return false;
 }
 
 AccessLevel UserLevel(const std::string& path, const std::string& identity) {
