@@ -1,6 +1,10 @@
 // cliserver: one command set on this terminal and for every TCP client.
 //
-//   cliserver [PORT]      (default 0: any free port; prints "tcp port N")
+//   cliserver [-e] [PORT]  (default 0: any free port; prints "tcp port N")
+//
+// -e switches on the line editor for the terminal and every client: keys
+// anywhere in the line, history search, argument completion ("add" offers
+// a few numbers), help with usage.
 //
 // Each TCP client gets its own CLI over its socket; the terminal has one too.
 // One poll() loop calls update() of whichever interpreter has input, so
@@ -11,6 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zqcommon/cli.h>
+#include <zqcommon/cli_editor.h>
 #include <zqcommon/connserv.h>
 
 #include <cstdio>
@@ -73,9 +78,21 @@ void register_commands(CLI& cli, FILE* out) {
   cli.Register(cmd_show, out, "show", cmd_net, "interfaces and their hardware addresses");
 }
 
+// The line editor with a completer for add's arguments; Ctrl-D on an empty
+// line ends a client's session.
+void enable_editing(CLI& cli, bool client) {
+  CLI_Editor* ed = cli.EnableEditing();
+  ed->SetEndOnEof(client);
+  ed->SetCompleter("add", [](const std::vector<std::string>& before, const std::string&) {
+    return before.size() < 3 ? std::vector<std::string>{"1", "2", "10", "100", "1000"} : std::vector<std::string>();
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  const bool editing = argc > 1 && std::string(argv[1]) == "-e";
+  if (editing) --argc, ++argv;
   const int port = argc > 1 ? std::atoi(argv[1]) : 0;
   Connection_Server server(port, 64, "127.0.0.1");
   if (!server.isactive) {
@@ -89,6 +106,7 @@ int main(int argc, char** argv) {
   CLI terminal(stdin, stdout, stderr);
   terminal.SetAppName("station");
   register_commands(terminal, stdout);
+  if (editing) enable_editing(terminal, false);
 
   std::vector<std::unique_ptr<Client>> clients;
   std::vector<pollfd> fds;
@@ -103,6 +121,7 @@ int main(int argc, char** argv) {
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
       c->cli->SetAppName("remote");
       register_commands(*c->cli, c->out);
+      if (editing) enable_editing(*c->cli, true);
       clients.push_back(std::move(c));
       g_clients = clients.size();
       clients.back()->cli->update_all();  // its prompt, and what it typed already

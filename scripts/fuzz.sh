@@ -30,7 +30,10 @@ case "$target" in
     printf '\0\0\n\r\r\n#\n\b\b\bq\n' > "$corpus/seed2" ;;
   cli)
     printf 'echo $VERSION x\nset a=1\necho $a$$?\nhe\t\nec\t hi\n\x1b[A\x1b[A\x1b[B\n' > "$corpus/seed1"
-    printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2" ;;
+    printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2"
+    # An odd first byte: the line editor, 10 columns.
+    printf ')echo h\xc3\xa9llo wor\x1b[D\x1b[Dld\x01\x1bf\x17\x19\x14\r\x12ec\x12\x1b[C\x0b\x15app a\t\t\r' > "$corpus/seed3"
+    printf '#\x1b[1;5D\x1bOH\x1b[3~\x1b[99999999999999999999~\xff\xc3(\x0c\x13x\x07\x03help app\r\x04' > "$corpus/seed4" ;;
   subst)
     printf 'set a=1\nset ab=XY\nset $a=D\nrun x $a y $ab$a$$?\nset z=zz\necho $z$z$z$z$HOME\n' > "$corpus/seed1"
     { printf 'set a='; head -c 2000 /dev/zero | tr '\0' x; printf '\nset b='

@@ -28,10 +28,11 @@ wait_gone() {
   fail "$1"
 }
 # Sends $1 (with \n escapes) to the TCP port the program showed as "tcp port
-# N" and prints all that came back until the server closed.
+# N" (or to $TCP_PORT when set) and prints all that came back until the
+# server closed.
 tcp_session() {
-  local port
-  port=$(sed -n 's/^tcp port \([0-9]*\).*/\1/p;T;q' <<<"$(screen)")
+  local port=${TCP_PORT:-}
+  [ -n "$port" ] || port=$(sed -n 's/^tcp port \([0-9]*\).*/\1/p;T;q' <<<"$(screen)")
   [ -n "$port" ] || fail "the TCP port is shown"
   TCP_LINES="$1" timeout 10 bash -c \
     "exec 3<>/dev/tcp/127.0.0.1/$port; printf '%b' \"\$TCP_LINES\" >&3; cat <&3" || true

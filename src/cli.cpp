@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 
+#include "zqcommon/cli_editor.h"
 #include "zqcommon/functions.h"
 
 namespace {
@@ -72,6 +73,7 @@ CLI::CLI(FILE* in, FILE* out, FILE* err, unsigned int) : _stdin(in), _stdout(out
 }
 
 CLI::~CLI() {
+  editor_.reset();
   if (termio_saved_) tcsetattr(fileno(_stdin), TCSANOW, &old_termio);
 }
 
@@ -342,6 +344,7 @@ int CLI::update_all() {
 
 int CLI::update() {
   if (status & kEnded) return 4;
+  if (editor_) return editor_->Update();
   update_internal();
   int result = 0;
   if (status & kPrompt) {
@@ -478,6 +481,21 @@ unsigned int CLI::print_in_columns(const std::vector<std::string>& items, unsign
   }
   if (total != 0) std::fputs("\r\n", _stdout);
   return width;
+}
+
+CLI_Editor* CLI::EnableEditing() {
+  if (!editor_) {
+    editor_ = std::make_unique<CLI_Editor>(*this);
+    // An editing session's texts all go to its own streams.
+    if (std_out_ == nullptr) std_out_ = _stdout;
+    if (std_err_ == nullptr) std_err_ = _stderr;
+    if (termio_saved_) {
+      new_termio.c_iflag &= static_cast<tcflag_t>(~IXON);
+      new_termio.c_lflag &= static_cast<tcflag_t>(~ISIG);
+      tcsetattr(fileno(_stdin), TCSANOW, &new_termio);
+    }
+  }
+  return editor_.get();
 }
 
 void CLI::get_winsize() {

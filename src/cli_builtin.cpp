@@ -7,9 +7,11 @@
 #include <cstring>
 
 #include "zqcommon/cli.h"
+#include "zqcommon/cli_editor.h"
 
 int CLI::cmd_help(void* object, int argc, const char** argv) {
   CLI* cli = static_cast<CLI*>(object);
+  if (cli->Editor() != nullptr) return cli->Editor()->Help(argc, argv);
   if (argc <= 1) {
     std::fputs("Possible commands are (built in):\r\n", cli->StdOut());
     std::fflush(cli->StdOut());

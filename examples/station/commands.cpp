@@ -6,6 +6,7 @@
 #include <zqsecurity/crc32.h>
 #include <zqsecurity/hash.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdarg>
 #include <cstdlib>
@@ -47,7 +48,10 @@ int cmd_status(void* arg, int, const char**) {
   const CycleStats::Snapshot late = t.cycle_stats.Read();
   say(s, "start lateness max %.1f us, %llu overruns (last at cycle %lld)", us(late.lateness_max_ns),
       static_cast<unsigned long long>(late.overruns), late.last_overrun_cycle);
-  say(s, "reading %.4f at %.3f s of the run, io 0x%02x, %lld records", st.last.value, st.last.x,
+  const double run_s = std::chrono::duration<double>(std::chrono::steady_clock::now() - st.started).count();
+  const long long behind = t.CycleCount() - st.last.cycle;
+  say(s, "running %.1f s; reading %.4f (%.3f s into the sensor's 4 s sweep), %.1f ms old, io 0x%02x, %lld records",
+      run_s, st.last.value, st.last.x, static_cast<double>(behind > 0 ? behind : 0) * static_cast<double>(t.CyclePeriod()) / 1e6,
       st.last.io, st.records_seen);
   for (Watch& w : st.watches) {
     const components::Severity sev = w.error;
@@ -66,28 +70,46 @@ void show_bit(Session& s, unsigned int bit) {
   say(s, "bit %u = %u", bit, (s.station->last.io >> bit) & 1u);
 }
 
+const char kIoUsage[] = "io [get|set|clear|toggle BIT], BIT 0..7 or heater, alarm, inject";
+
+// A bit by number or name; false for anything else.
+bool parse_bit(const char* text, unsigned int& bit) {
+  for (const auto& named : bit_names()) {
+    if (std::strcmp(text, named.first) == 0) {
+      bit = named.second;
+      return true;
+    }
+  }
+  char* end = nullptr;
+  const unsigned long b = std::strtoul(text, &end, 10);
+  bit = static_cast<unsigned int>(b);
+  return *text != 0 && *end == 0 && b <= 7;
+}
+
 int cmd_io(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   Station& st = *s.station;
   st.Drain();
   if (argc == 1) {
     const unsigned int io = st.last.io;
-    say(s, "io 0x%02x: heater %u, alarm %u, inject %u", io, io & 1u, (io >> 1) & 1u,
-        (io >> SensorTask::kInject) & 1u);
+    say(s, "io 0x%02x: heater %u, alarm %u, inject %u (the task drives heater and alarm every cycle)",
+        io, io & 1u, (io >> 1) & 1u, (io >> SensorTask::kInject) & 1u);
     return 0;
   }
-  if (argc != 3) return usage(s, "io [get|set|clear|toggle BIT]");
-  char* end = nullptr;
-  const unsigned long bit = std::strtoul(argv[2], &end, 10);
-  if (*argv[2] == 0 || *end != 0 || bit > 7) return usage(s, "io [get|set|clear|toggle BIT], BIT 0..7");
-  const unsigned int b = static_cast<unsigned int>(bit);
+  unsigned int b = 0;
+  if (argc != 3 || !parse_bit(argv[2], b)) return usage(s, kIoUsage);
   const std::string op = argv[1];
   if (op == "get") {
     show_bit(s, b);
     return 0;
   }
   const char code = op == "set" ? 's' : op == "clear" ? 'c' : op == "toggle" ? 'i' : 0;
-  if (code == 0) return usage(s, "io [get|set|clear|toggle BIT]");
+  if (code == 0) return usage(s, kIoUsage);
+  if (b == SensorTask::kHeater || b == SensorTask::kAlarm) {
+    say(s, "io: bit %u (%s) is driven by the sensor task every cycle, so it cannot be changed by hand", b,
+        b == SensorTask::kHeater ? "heater, on below Station.Setpoint" : "alarm, on outside the limits");
+    return 1;
+  }
   if (!st.Command(Format("%c %u", code, b))) {
     say(s, "io: the task is busy, try again");
     return 1;
@@ -248,14 +270,14 @@ int cmd_starttls(void* arg, int, const char**) {
 
 void register_commands(CLI& cli, Session& s) {
   cli.SetAppName("station");
-  cli.Register(cmd_status, &s, "status", nullptr, "cycle statistics, error records, log counts");
-  cli.Register(cmd_io, &s, "io", nullptr, "io [get|set|clear|toggle BIT]: the digital I/O");
+  cli.Register(cmd_status, &s, "status", nullptr, "status: run time, cycle statistics, error records, log counts");
+  cli.Register(cmd_io, &s, "io", nullptr, "io [get|set|clear|toggle BIT]: the digital I/O (BIT 0..7 or a name)");
   cli.Register(cmd_trace, &s, "trace", nullptr, "trace start|stop|dump: the sensor trace");
-  cli.Register(cmd_fit, &s, "fit", nullptr, "fit the recorded sensor curve");
+  cli.Register(cmd_fit, &s, "fit", nullptr, "fit: fit the recorded sensor curve");
   cli.Register(cmd_hash, &s, "hash", nullptr, "hash METHOD FILE: a digest of a file");
   cli.Register(cmd_crc, &s, "crc", nullptr, "crc FILE: CRC-32 and CRC-16 of a file");
-  cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]");
-  cli.Register(cmd_starttls, &s, "starttls", nullptr, "switch this connection to TLS");
+  cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]: the settings");
+  cli.Register(cmd_starttls, &s, "starttls", nullptr, "starttls: switch this connection to TLS");
 }
 
 }  // namespace station

@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <zqcommon/bug.h>
 #include <zqcommon/cli.h>
+#include <zqcommon/cli_editor.h>
 #include <zqcommon/connserv.h>
 #include <zqcommon/functions.h>
 #include <zqsecurity/sslconnection.h>
@@ -98,8 +99,31 @@ void answer(Client& c, bool prompt) {
   c.reply.clear();
 }
 
+// A session in editing mode: every key goes to its interpreter, which
+// echoes and draws its own prompt. False once the client is gone.
+bool serve_keys(Client& c) {
+  std::string keys;
+  c.conn->read(keys, 4096, false, 0);
+  c.cli->Editor()->Feed(keys.data(), keys.size());
+  const bool ended = c.cli->update_all() == 4;
+  if (c.session.want_tls) {
+    c.session.want_tls = false;
+    c.reply += "starttls: not in editing mode (connect again and use it first)\r\n";
+  }
+  answer(c, false);
+  if (ended) {
+    c.conn->writeln("bye");
+    c.conn->close();
+  }
+  return c.conn->IsConnected();
+}
+
 // Runs every complete line the client sent. False once the client is gone.
 bool serve(Client& c, Log& log, station::Gate& gate) {
+  if (c.cli->Editor() != nullptr) {
+    if (gate.Held(c.session, station::Gate::NowMs())) return c.conn->IsConnected();
+    return serve_keys(c);
+  }
   std::string line;
   for (;;) {
     if (gate.Held(c.session, station::Gate::NowMs()) || c.session.access.handshake_until_ms != 0) break;
@@ -125,6 +149,21 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       std::string copy = text;
       c.cli->parse(copy);
       gate.Audit(c.session, text, c.cli->retcode);
+    }
+    if (c.session.want_editing && (c.conn->IsEncrypted() || c.session.access.step != station::AccessState::kCommand)) {
+      c.session.want_editing = false;
+      std::fputs("editing: not over TLS\r\n", c.out);
+    }
+    if (c.session.want_editing) {
+      station::setup_console(*c.cli, c.session, "");
+      Session* session = &c.session;
+      c.cli->Editor()->SetLineHook([&log, session](const std::string& text) {
+        log.Add(elog_INFO, 0, "%s: %s", session->peer.c_str(), station::escape_controls(text).c_str());
+      });
+      answer(c, false);
+      c.cli->update_all();  // its prompt
+      answer(c, false);
+      return serve_keys(c);
     }
     const bool asking = c.session.access.step != station::AccessState::kCommand;
     if (gate.Held(c.session, station::Gate::NowMs())) break;  // answered when the wait is over
@@ -206,6 +245,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   if (isatty(STDIN_FILENO)) {
     terminal = std::make_unique<CLI>(stdin, stdout, stderr);
     station::register_commands(*terminal, console);
+    station::setup_console(*terminal, console, "station.history");
+    CLI_Editor* editor = terminal->Editor();
+    st.announce = [editor](const std::string& text) { editor->Message(text); };
   } else {
     log.Add(elog_INFO, 0, "no terminal: serving TCP clients only");
   }
@@ -243,7 +285,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->cli->SetLimits(128 * 1024, 1024 * 1024);
       station::register_commands(*c->cli, c->session);
       gate.Admit(*c->cli, c->session, c->out);
+      station::setup_console(*c->cli, c->session, "");
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());
+      if (st.announce) st.announce(c->session.peer + " connected");
       c->reply = "station ready, type help\r\n";
       answer(*c, true);
       clients.push_back(std::move(c));
@@ -265,6 +309,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       terminal_ready = (fds[0].revents & POLLIN) != 0;
       if (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) {
         log.Add(elog_INFO, 0, "the terminal went away: serving TCP clients only");
+        st.announce = nullptr;
         terminal.reset();
         terminal_ready = false;
       }

@@ -18,6 +18,7 @@
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rtthread.h>
 
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -161,6 +162,10 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  // Tells the operator's terminal about an event (error records, clients);
+  // empty without a terminal.
+  std::function<void(const std::string&)> announce;
   unsigned long long log_lost_told = 0;  // the log's lost lines already reported
   double log_lost_checked = 0;           // when they were last looked at
   // Observers of every record and of every change of a watch's severity.
@@ -179,6 +184,7 @@ struct Session {
   bool network = false;
   bool want_tls = false;
   bool want_exit = false;
+  bool want_editing = false;
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;
@@ -186,6 +192,13 @@ struct Session {
 
 // Registers the station's commands on an interpreter for `session`.
 void register_commands(class CLI& cli, Session& session);
+
+// The line editor, completion and, for the terminal (a non-empty
+// `history_file`), the kept history; a network session gets the `editing`
+// command that asks for it.
+void setup_console(class CLI& cli, Session& session, const std::string& history_file);
+// The named I/O bits, for the io command and its completion.
+const std::vector<std::pair<const char*, unsigned int>>& bit_names();
 
 // Settings structures by section name, for command-line overrides and the
 // config command.

@@ -167,6 +167,10 @@ void Station::check(Watch& w, bool bad, components::TIME t, double value) {
   }
   w.reported = now;
   if (on_severity) on_severity(w, value);
+  if (announce) {
+    announce(now == components::NONE ? Format("%s cleared", w.name)
+                                     : Format("%s: %s", w.name, Severity(now).Description()));
+  }
 }
 
 void Station::Drain() {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+class CLI_Editor;
+
 // A command: its registration argument, the word count and the words (the
 // first is the command word). The result becomes $? unless the command is a
 // built-in.
@@ -98,6 +100,13 @@ class CLI {
   void expand();
   unsigned int print_in_columns(const std::vector<std::string>& items, unsigned int width);
   void get_winsize();
+  // Switches on the line editor of cli_editor.h (an opt-in: without it the
+  // keys are handled as described above) and returns it; on a terminal it
+  // also turns off flow control and signal keys, so Ctrl-S and Ctrl-C reach
+  // it. Calling it again returns the same editor.
+  CLI_Editor* EnableEditing();
+  // The line editor, or null when editing is off.
+  CLI_Editor* Editor() const { return editor_.get(); }
 
   // Opt-in: the streams that the built-ins (help, set, unset) and the
   // "command not found" line treat as standard output and standard error, so
@@ -160,6 +169,8 @@ class CLI {
   size_t session_limit_ = 0;
   size_t history_limit_ = 1000;
   std::vector<std::unique_ptr<CLI_cmd_map_entry>> entries_;
+  friend class CLI_Editor;
+  std::unique_ptr<CLI_Editor> editor_;  // destroyed first: it may save the history
 };
 
 #endif

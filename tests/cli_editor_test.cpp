@@ -1,0 +1,244 @@
+// The interpreter's line editor: key sequences and the line and cursor they
+// leave, history and its search, completion, layout of wide lines, messages
+// above the prompt, the history file and hostile input.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zqcommon/cli.h"
+#include "zqcommon/cli_editor.h"
+
+namespace {
+
+// An editing interpreter whose keys are fed and whose screen is a string.
+struct Editing {
+  FILE* in = std::fopen("/dev/null", "r");
+  char* buf = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&buf, &size);
+  std::unique_ptr<CLI> cli = std::make_unique<CLI>(in, out, out);
+  CLI_Editor* ed = cli->EnableEditing();
+  Editing() { cli->update_all(); }
+  ~Editing() {
+    cli.reset();
+    std::fclose(in);
+    std::fclose(out);
+    std::free(buf);
+  }
+  int type(const std::string& keys) {
+    ed->Feed(keys.data(), keys.size());
+    return cli->update_all();
+  }
+  std::string screen() {
+    std::fflush(out);
+    return std::string(buf, size);
+  }
+};
+
+}  // namespace
+
+TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
+  const struct {
+    const char* keys;
+    const char* line;
+    size_t cursor;
+  } kCases[] = {
+      {"abc\x1b[D\x1b[DX", "aXbc", 2},                       // Left, insert in the middle
+      {"abc\x01X\x05Y", "XabcY", 5},                          // Ctrl-A, Ctrl-E
+      {"abc\x1b[1~X\x1b[4~Y", "XabcY", 5},                    // Home/End, vt forms
+      {"abc\x1bOHX\x1bOFY", "XabcY", 5},                      // SS3 forms
+      {"abc\x1b[HX\x1b[FY", "XabcY", 5},                      // xterm forms
+      {"abc\x1b[7~X\x1b[8~Y", "XabcY", 5},                    // rxvt forms
+      {"abc\x01\x1b[3~", "bc", 0},                            // Delete
+      {"abc\x02\x04", "ab", 2},                               // Ctrl-D deletes under the cursor
+      {"abc\x02\x02\x06Z", "abZc", 3},                        // Ctrl-B, Ctrl-F
+      {"abc\x1b[C\x06\x1b[C", "abc", 3},                      // Right stops at the end
+      {"abc\x01\x1b[D\x02\x7f", "abc", 0},                    // Left and Backspace stop at 0
+      {"hello world\x01\x06\x06\x0b\x05\x19", "hello world", 11},  // Ctrl-K, Ctrl-Y
+      {"abc def\x02\x02\x02\x15", "def", 0},                  // Ctrl-U
+      {"one two  three\x17", "one two  ", 9},                 // Ctrl-W
+      {"one two  \x17", "one ", 4},                           // Ctrl-W over blanks
+      {"one two\x17\x17\x19", "one ", 4},                     // the last kill is yanked
+      {"ab\x14", "ba", 2},                                    // Ctrl-T at the end
+      {"abc\x02\x14", "acb", 3},                              // Ctrl-T in the middle
+      {"one two three\x1b" "b\x1b" "bX", "one Xtwo three", 5},  // Alt-B
+      {"one two\x01\x1b" "fX", "oneX two", 4},                // Alt-F
+      {"one two\x1b[1;5DX", "one Xtwo", 5},                   // Ctrl-Left
+      {"abc\x03", "", 0},                                     // Ctrl-C clears
+      {"a\xc3\xb1" "b\x1b[D\x7f", "ab", 1},                   // a two-byte character is one
+      {"\xe2\x82\xac" "x\x02\x02Y", "Y\xe2\x82\xac" "x", 1},  // three bytes
+      {"\xf0\x9f\x99\x82\x02Z\x06\x7f", "Z", 1},              // four bytes
+      {"a\xff" "b\xc3(c\x80", "ab(c", 4},                     // invalid UTF-8 dropped
+      {"ab\x1b[12\x01X", "Xab", 1},                           // a cut sequence: Ctrl-A counts
+      {"a\x1b[99~\x1bzb\x1b[5;9;9Q", "ab", 2},                // unknown sequences dropped
+      {"a\x1b[11111111111111111111111111111111~b", "ab", 2},  // an overlong one too
+      {"a\x1b\x01X", "Xa", 1},                                // ESC then a control key
+      {"a\tb\x07\x0e\x10", "ab", 2},                          // Tab without candidates, stray controls
+  };
+  for (const auto& c : kCases) {
+    Editing e;
+    e.type(c.keys);
+    EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
+    EXPECT_EQ(e.ed->Cursor(), c.cursor) << c.keys;
+  }
+}
+
+TEST(CLIEditor, HistoryAndSearch) {
+  const struct {
+    const char* keys;
+    const char* line;
+  } kCases[] = {
+      {"\x1b[A", "echo three"},
+      {"\x1b[A\x1b[A\x1b[A\x1b[A\x1b[A", "echo one"},  // stops at the oldest
+      {"draft\x1b[A\x1b[B", "draft"},                  // Down returns to the typed line
+      {"\x10\x10\x0e", "echo three"},                  // Ctrl-P, Ctrl-N
+      {"\x12o", "echo three"},                         // Ctrl-R finds the newest match
+      {"\x12tw", "echo two"},
+      {"\x12o\x12\x12", "echo one"},                   // Ctrl-R again: older matches
+      {"\x12o\x12\x12\x13", "echo two"},               // Ctrl-S: newer again
+      {"\x12zz", ""},                                  // no match: the line stays
+      {"x\x12tw\x07", "x"},                            // Ctrl-G restores the line
+      {"\x12twX", "echo two"},                         // a failing query keeps the last match
+  };
+  for (const auto& c : kCases) {
+    Editing e;
+    e.type("echo one\recho two\r\necho three\n");
+    ASSERT_EQ(e.cli->history.size(), 3u);
+    e.type(c.keys);
+    EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
+  }
+  Editing e;
+  e.type("echo one\recho two\r");
+  e.type("\x12on\x1b[CX");  // a movement ends the search and moves
+  EXPECT_EQ(e.ed->Line(), "echo oXne");
+  e.type("\x03\x12one\r");  // Enter runs the match
+  EXPECT_EQ(e.cli->vars["cmdline"], "echo one");
+}
+
+TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
+  Editing e;
+  e.cli->Register([](void*, int, const char**) { return 0; }, nullptr, "config", nullptr, "config set K V: x");
+  e.ed->SetCompleter("config", [](const std::vector<std::string>& before, const std::string&) {
+    if (before.size() == 1) return std::vector<std::string>{"set", "show", "save"};
+    if (before.size() > 3) return std::vector<std::string>();
+    if (before.size() == 3) return std::vector<std::string>{"\xc3\xa9t\xc3\xa9", "\xc3\xa8l"};
+    return std::vector<std::string>{"Station.Low", "Station.High", "Server.Port"};
+  });
+  const struct {
+    const char* keys;
+    const char* line;
+  } kCases[] = {
+      {"conf\t", "config "},
+      {"config sh\t", "config show "},
+      {"config sa\t", "config save "},
+      {"config set St\t", "config set Station."},
+      {"config set Station.L\t", "config set Station.Low "},
+      {"config set x \t", "config set x "},      // never half a character in common
+      {"config set x \xc3\xa9\t", "config set x \xc3\xa9t\xc3\xa9 "},
+      {"config set x y \t", "config set x y "},
+  };
+  for (const auto& c : kCases) {
+    e.type(std::string("\x03") + c.keys);
+    EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
+  }
+  const std::string before = e.screen();
+  e.type("\x03" "config s\t");
+  const std::string listed = e.screen().substr(before.size());
+  EXPECT_NE(listed.find("save"), std::string::npos);
+  EXPECT_NE(listed.find("show"), std::string::npos);
+  EXPECT_EQ(e.ed->Line(), "config s");
+}
+
+TEST(CLIEditor, WideLinesAndMessagesRedrawPromptLineAndCursor) {
+  Editing e;
+  e.ed->SetColumns(10);
+  const size_t plen = e.cli->iw_prompt.size();  // "CLI:/> " or "CLI:/# "
+  ASSERT_EQ(plen, 7u);
+  e.type("0123456789012");  // 20 cells: the cursor sits at the start of row 2
+  size_t mark = e.screen().size();
+  e.type("\x01");  // Home: up two rows, redraw, back up two rows, 7 columns in
+  std::string s = e.screen().substr(mark);
+  EXPECT_EQ(s.rfind("\x1b[2A\r\x1b[7C"), s.size() - 9) << s;
+  mark = e.screen().size();
+  e.ed->Message("sensor_high: ERROR");
+  s = e.screen().substr(mark);
+  // From the prompt's row: cleared, the message, the prompt and line again,
+  // and the cursor back after the prompt.
+  EXPECT_EQ(s.find("\r\x1b[J"), 0u) << s;
+  EXPECT_NE(s.find("sensor_high: ERROR\r\n\r" + e.cli->iw_prompt + "0123456789012"), std::string::npos) << s;
+  EXPECT_EQ(s.rfind("\x1b[2A\r\x1b[7C"), s.size() - 9) << s;
+  EXPECT_EQ(e.ed->Line(), "0123456789012");
+  EXPECT_EQ(e.ed->Cursor(), 0u);
+  mark = e.screen().size();
+  e.type("\x05");  // ends exactly at the margin: the cursor goes to the next row
+  s = e.screen().substr(mark);
+  EXPECT_EQ(s.substr(s.size() - 3), "\r\n\r") << s;
+}
+
+TEST(CLIEditor, HelpShowsColumnsAndUsageAndLevels) {
+  Editing e;
+  e.cli->Register([](void*, int, const char**) { return 0; }, nullptr, "io", nullptr,
+                  "io [get|set BIT]: the digital I/O");
+  e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}, {"operator", "everything"}});
+  e.type("help\r");
+  EXPECT_NE(e.screen().find("  io       the digital I/O\r\n"), std::string::npos) << e.screen();
+  EXPECT_NE(e.screen().find("  history  history [-c]\r\n"), std::string::npos);
+  e.type("help io\r");
+  EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    io, io get\r\n"
+                            "  operator  everything\r\n"),
+            std::string::npos);
+  e.type("nosuch\r");  // the session's own error stream
+  EXPECT_NE(e.screen().find("nosuch: command not found"), std::string::npos);
+}
+
+TEST(CLIEditor, HistoryFileIsPrivateBoundedAndReloaded) {
+  char dir[] = "/tmp/zq-history-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string path = std::string(dir) + "/history";
+  {
+    Editing e;
+    ASSERT_TRUE(e.ed->SetHistoryFile(path, 3, 0));
+    e.type("echo 1\recho 2\recho 3\recho 4\r");
+  }
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  std::ifstream f(path);
+  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(text, "echo 2\necho 3\necho 4\n");
+  {
+    Editing e;
+    ASSERT_TRUE(e.ed->SetHistoryFile(path, 2, 0));
+    e.type("\x1b[A\x1b[A\x1b[A");
+    EXPECT_EQ(e.ed->Line(), "echo 3");  // only the newest two were loaded
+  }
+  std::string error;
+  Editing e;
+  EXPECT_FALSE(e.ed->SetHistoryFile(dir, 2, 0, &error));  // a folder is no history
+  EXPECT_FALSE(e.ed->SaveHistory());
+  unlink(path.c_str());
+  rmdir(dir);
+}
+
+TEST(CLIEditor, HostileInputKeepsTheLineConsistent) {
+  Editing e;
+  std::string burst(100000, 'x');
+  burst[50000] = '\x01';
+  e.type(burst);
+  EXPECT_EQ(e.ed->Line().size(), CLI_Editor::kMaxLine);
+  e.type("\x03");
+  e.ed->SetColumns(1);
+  e.type("\xc3\xa9\xc3\xa9\x1b[D\x7f\x04");
+  EXPECT_EQ(e.ed->Line(), "");
+  e.type("\x04");  // Ctrl-D on an empty terminal line is nothing
+  EXPECT_EQ(e.cli->status & CLI::kEnded, 0);
+  e.ed->SetEndOnEof(true);
+  EXPECT_EQ(e.type("\x04"), 4);  // a network session ends
+}
