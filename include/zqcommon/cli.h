@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "zqcommon/export.h"
+
 // A command: its registration argument, the word count and the words (the
 // first is the command word). The result becomes $? unless the command is a
 // built-in.
@@ -27,7 +29,7 @@ typedef int (*CLI_func)(void* arg, int argc, const char** argv);
 // Variables are substituted with the long-standing rules ($NAME, $$, $?).
 // The history keeps the newest entries (1000 by default). One thread drives
 // an interpreter; nothing is locked; update() never waits for input.
-class CLI {
+class ZQ_EXPORT CLI {
  public:
   struct CLI_cmd_map_entry;
   typedef std::map<std::string, CLI_cmd_map_entry*> cmd_map;

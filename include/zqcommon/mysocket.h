@@ -10,12 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include "zqcommon/export.h"
+
 // The result of a host look-up: the official name, the aliases and the
 // addresses as dotted quads. A name that does not resolve leaves the text of
 // its inet_addr() value in the address list (255.255.255.255 for a host name).
 // Look-ups use the reentrant resolver calls, so threads may resolve at the
 // same time; hinfo points into storage this object (and its copies) share.
-class InetAddress {
+class ZQ_EXPORT InetAddress {
  public:
   // Resolves `name` (with a reverse look-up for a dotted quad).
   explicit InetAddress(const std::string& name);
@@ -43,7 +45,7 @@ class InetAddress {
 // A TCP descriptor with its peer. Owns the descriptor: Disconnect() and the
 // destructor shut it down and close it. Blocking calls; failures are the raw
 // results of send/recv or -1. One thread at a time.
-class MySocket : public InetAddress {
+class ZQ_EXPORT MySocket : public InetAddress {
  public:
   MySocket(const std::string& name, int sock, int port);
   virtual ~MySocket();
@@ -68,7 +70,7 @@ class MySocket : public InetAddress {
 };
 
 // A socket that connects out.
-class MySocketClient : public MySocket {
+class ZQ_EXPORT MySocketClient : public MySocket {
  public:
   MySocketClient() : MySocket("", -1, 0) {}
   // Connects to the first address of `host`; the descriptor or -1.
@@ -85,7 +87,7 @@ typedef std::vector<std::pair<InetAddress*, unsigned int>> Access_Addr;
 // "host/mask" with a prefix length ("10.0.0.0/8") or a dotted mask
 // ("10.0.0.0/255.0.0.0"); a rule without a mask is ignored. A mask of 0
 // matches every address. Owns its entries; not locked.
-class AccessList : public std::map<ACL_Mode, Access_Addr*> {
+class ZQ_EXPORT AccessList : public std::map<ACL_Mode, Access_Addr*> {
  public:
   AccessList();
   AccessList(ACL_Mode m, InetAddress* a, unsigned int mask);
@@ -116,7 +118,7 @@ class AccessList : public std::map<ACL_Mode, Access_Addr*> {
 // answers null when nobody waits); IsPending() polls. A returned peer
 // belongs to the caller at once (From() still shows it until the next call);
 // the server deletes only a refused peer it still holds. Not locked.
-class MySocketServer : public MySocket {
+class ZQ_EXPORT MySocketServer : public MySocket {
  public:
   explicit MySocketServer(AccessList* acl = nullptr);
   ~MySocketServer() override;
@@ -149,9 +151,9 @@ class MySocketServer : public MySocket {
 
 // The hardware address of interface `ifname` as "00:1a:2b:3c:4d:5e"; 0 on
 // success, otherwise the failing ioctl's result (and `mac` empty).
-int get_ifmac(const std::string& ifname, std::string& mac);
+ZQ_EXPORT int get_ifmac(const std::string& ifname, std::string& mac);
 // "name;mac;" for every interface of /proc/net/dev that has a hardware
 // address; 0 when at least one was listed, 1 otherwise.
-int get_allmac(std::string& list);
+ZQ_EXPORT int get_allmac(std::string& list);
 
 #endif

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "zqcommon/connection.h"
+#include "zqcommon/export.h"
 
 typedef struct bio_st BIO;
 typedef struct ssl_st SSL;
@@ -23,7 +24,7 @@ namespace ZQSecurity {
 // connection in clear text (IsEncrypted() false); nothing throws, set-up
 // errors are printed unless DEBUG_LEVEL is negative. Copies share the OpenSSL
 // objects, which go with the last of them.
-class SSLConnection : public Connection {
+class ZQ_EXPORT SSLConnection : public Connection {
  public:
   SSLConnection();
   SSLConnection(const SSLConnection& other);
@@ -62,9 +63,9 @@ class SSLConnection : public Connection {
 };
 
 // A new SSLConnection; the caller owns it.
-Connection* create_connection();
+ZQ_EXPORT Connection* create_connection();
 // A copy of `c` of its own class (SSLConnection when c.SSL_support()).
-Connection* create_connection(const Connection& c);
+ZQ_EXPORT Connection* create_connection(const Connection& c);
 
 }  // namespace ZQSecurity
 
