@@ -34,7 +34,7 @@ const bool crc32_line_filled = [] {
 
 }  // namespace
 
-extern "C" ZQ_EXPORT const char* zqcommon_LIBRARYINFO[] = {
+const char* zqcommon_LIBRARYINFO[] = {
     "zqcommon " ZQCOMMON_VERSION_STRING,
     "built " ZQ_BUILD_DATE,
     "OpenSSL " OPENSSL_VERSION_STR,

@@ -274,6 +274,7 @@ int main(int argc, char** argv) {
 
   Log log(logcfg);
   log.Start();
+  station::RouteDiagnosticsToLog(log);
   log.Add(elog_INFO, 0, "station starting, configuration %s, debug level %d",
           cfg.getfilename().c_str(), DEBUG_LEVEL);
   const int rc = run(cfg, logcfg, log, settings, server);
@@ -283,6 +284,7 @@ int main(int argc, char** argv) {
   const int fds = count_entries("/proc/self/fd") - 1;
   log.Add(elog_INFO, 0, "stopped: %d thread(s) (%d at start), %d descriptors (%d at start, %d for the log)",
           threads, threads_at_start, fds, fds_at_start, log.f != nullptr ? 1 : 0);
+  station::StopRoutingDiagnostics();
   log.Flush();
   return rc;
 }

@@ -176,6 +176,10 @@ inline SettingsList sections(Station& st) { return sections(st.settings, st.serv
 // The setting "Section.Key" (names without regard to case), or null.
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path);
 
+// The library's diagnostics as log entries (diagnostics_log.cpp).
+void RouteDiagnosticsToLog(Log& log);
+void StopRoutingDiagnostics();
+
 }  // namespace station
 
 #endif

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "zqcommon/export.h"
+#include "zqcommon/diagnostics.h"
 
 // The library's diagnostic verbosity. It starts at 0, where the library prints
 // no diagnostics at all; every diagnostic is written to standard error only
@@ -24,11 +25,13 @@
 extern ZQ_EXPORT int _DEBUG_LEVEL;
 #define DEBUG_LEVEL _DEBUG_LEVEL
 
-// Writes a printf-style diagnostic to standard error when DEBUG_LEVEL exceeds
+// Writes a printf-style diagnostic (to standard error unless the program
+// installed a sink, see zqcommon/diagnostics.h) when DEBUG_LEVEL exceeds
 // `threshold`. The arguments are not evaluated when the level is too low.
-#define ZQ_DEBUG(threshold, ...)                                         \
-  do {                                                                   \
-    if (_DEBUG_LEVEL > (threshold)) std::fprintf(stderr, __VA_ARGS__);   \
+#define ZQ_DEBUG(threshold, ...)                                                    \
+  do {                                                                              \
+    if (_DEBUG_LEVEL > (threshold))                                                 \
+      ::zqcommon::DiagnosticPrintf(::zqcommon::DiagnosticStream::kError, __VA_ARGS__); \
   } while (0)
 
 // Reads the information table of a shared library. The library named N is
