@@ -34,6 +34,7 @@ class ZQ_EXPORT CLI {
   struct CLI_cmd_map_entry;
   typedef std::map<std::string, CLI_cmd_map_entry*> cmd_map;
 
+  // One command: its function, argument, help text and sub-commands.
   struct CLI_cmd_map_entry {
     CLI_func cb = nullptr;
     void* arg = nullptr;

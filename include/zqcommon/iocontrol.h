@@ -62,6 +62,7 @@ class ZQ_EXPORT SimIOHandler : public IOHandler {
   uint8_t data[8] = {};
 };
 
+// Where one handler's bytes sit in the process image.
 struct ZQ_EXPORT IOHandlerList {
   unsigned int iofs = 0;  // first input byte of the handler in the image
   unsigned int oofs = 0;  // first output byte

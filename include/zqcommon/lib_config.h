@@ -111,10 +111,12 @@ class ZQ_EXPORT SECTION : public std::vector<LINE*> {
 // tree node.
 class ZQ_EXPORT LineTable {
  public:
+  // A line number and the line's index in the table's storage.
   struct Slot {
     int number;
     uint32_t index;
   };
+  // Walks the lines in ascending number order.
   class iterator {
    public:
     iterator(LineTable* table, std::vector<Slot>::iterator it) : table_(table), it_(it) {}

@@ -28,6 +28,7 @@
 // GetId() "". No lock: users synchronise through their own means.
 class ZQ_EXPORT SharedMemory {
  public:
+  // The bytes at the start of the mapping that describe the segment.
   struct Header {
     uint32_t size;
     uint32_t key;
