@@ -20,3 +20,5 @@ echo
 "$build/fit_bench"
 echo
 "$build/latency_bench"
+echo
+"$build/fleet_bench" 200 10

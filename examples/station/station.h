@@ -11,13 +11,16 @@
 #include <zqcommon/iocontrol.h>
 #include <zqcommon/lib_config.h>
 #include <zqcommon/log.h>
+#include <zqcommon/setting_check.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
+#include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rtthread.h>
 
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +38,8 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DumpPath = ".";   // where trace dumps go
   int TraceDepth = 10000;       // samples kept per trace
   int FitPoints = 1000;         // the recorded curve handed to the fitter
+  std::string DataDir = ".";    // the only files network clients may read
+  long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
 };
 
 // [Server]: the TCP side.
@@ -69,6 +74,8 @@ class SensorTask : public rtthread {
   void Stop();
   // Written by the main thread between cycles' reads: single values.
   std::atomic<double> low{0.0}, high{80.0}, setpoint{40.0};
+  // Lateness and overruns, recorded by the task, read by anyone.
+  CycleStats cycle_stats;
 
  protected:
   void start(void* arg) override;
@@ -149,6 +156,11 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  unsigned long long log_lost_told = 0;  // the log's lost lines already reported
+  double log_lost_checked = 0;           // when they were last looked at
+  // Observers of every record and of every change of a watch's severity.
+  std::function<void(const Record&)> on_record;
+  std::function<void(const Watch&, double value)> on_severity;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -179,6 +191,20 @@ zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::st
 // The library's diagnostics as log entries (diagnostics_log.cpp).
 void RouteDiagnosticsToLog(Log& log);
 void StopRoutingDiagnostics();
+
+// The type and range of every setting; values outside are refused.
+const zqcommon::Setting_Check& setting_rules();
+// Whether the setting names files, folders, addresses or ports (or is a log
+// mask): network clients may not change those.
+bool operator_only(const std::string& path);
+// A regular file of at most Station.MaxFileBytes, for a network session only
+// inside Station.DataDir and never through a symbolic link; false with the
+// reason in `why`.
+bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
+// Once a minute: when the log lost lines since the last report, says so in it.
+void report_log_losses(Station& st, double now);
+// Control bytes (and the backslash) as \xNN: client text fit for the log.
+std::string escape_controls(const std::string& text);
 
 }  // namespace station
 
