@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <deque>
+#include <mutex>
 #include <string>
 
 
@@ -24,8 +26,16 @@ std::atomic<const Installed*> g_installed{nullptr};
 
 void SetDiagnosticSink(DiagnosticSink sink, void* context) {
   // Replaced sinks are kept: a writer in another thread may still hold one.
-  // Programs install a sink once or twice, so this stays a few bytes.
-  const Installed* next = sink != nullptr ? new Installed{sink, context} : nullptr;
+  // Programs install a sink once or twice, so this stays a few bytes. A deque
+  // never moves its elements, so the pointers stay valid.
+  static std::mutex lock;
+  static std::deque<Installed> kept;
+  const Installed* next = nullptr;
+  if (sink != nullptr) {
+    std::lock_guard<std::mutex> hold(lock);
+    kept.push_back(Installed{sink, context});
+    next = &kept.back();
+  }
   g_installed.store(next, std::memory_order_release);
 }
 
