@@ -15,7 +15,7 @@ cp "$root/examples/station/station.cfg" "$root/examples/station/station.acl" "$w
 # After the station: its exit status and the terminal's line discipline.
 start() {
   tmux new-session -d -s "$session" -x 120 -y 50 -c "$work" \
-    "$build/examples/station/station Server.ListenPort=0; echo \"exit status \$?\";
+    "$build/examples/station/station Server.ListenPort=0 Station.UsersFile=none Server.RequireTLS=0; echo \"exit status \$?\";
      stty -a | tr ' ;' '\n\n' | grep -E '^-?(icanon|echo)\$' | tr '\n' ' '; echo; sleep 30"
 }
 prompt='station:/[#>] '
@@ -37,8 +37,10 @@ wait_for 'points' "fit answers"
 keys 'starttls' Enter
 wait_for '^starttls: only for network clients' "starttls is for network clients"
 
-reply=$(tcp_session 'echo via tcp\nio get 2\nexit\n')
+reply=$(tcp_session 'echo via tcp\nio get 2\nhelp nosuch\nset\nexit\n')
 grep -q '> via tcp' <<<"$reply" || fail "a TCP client is served beside the terminal: $reply"
+grep -q 'Unknown command: nosuch' <<<"$reply" || fail "the client gets its own help errors: $reply"
+! screen | grep -Eq 'nosuch|^cmdline=' || fail "a client's help and set texts stay off the terminal"
 grep -q '> bit 2 = 1' <<<"$reply" || fail "the TCP client sees the terminal's bit: $reply"
 
 keys 'exit' Enter
@@ -51,4 +53,4 @@ wait_for "station:/[#>] ?$" "prompt of the second run"
 keys C-c
 wait_for '^exit status 0' "Ctrl-C stops the station cleanly"
 grep -Eq 'stopped: ([0-9]+) thread\(s\) \(\1 at start\)' "$work"/station*.log || fail "the log records the clean stop"
-echo "station-tmux: 13 checks passed"
+echo "station-tmux: 15 checks passed"

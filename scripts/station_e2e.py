@@ -89,7 +89,10 @@ def main():
           bad.stderr)
 
     errors = open(os.path.join(work, "stderr.txt"), "w+")
-    proc = subprocess.Popen([binary, "-d", "1", "-f", "station.cfg", "Server.ListenPort=0"], cwd=work, stdin=subprocess.DEVNULL,
+    proc = subprocess.Popen([binary, "-d", "1", "-f", "station.cfg", "Server.ListenPort=0",
+                             # the open, anonymous-TLS station of old: no login, no certificates
+                             "Station.UsersFile=none", "Server.RequireTLS=0", "Access.AnonymousTLS=1",
+                             "TLS.CertificateFile=none"], cwd=work, stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=errors)
     try:
         port = None

@@ -45,7 +45,8 @@ class Client:
 
 def start(binary, *args):
     out = open(os.path.join(WORK, "stdout.txt"), "w+")
-    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0"] + list(args), cwd=WORK,
+    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0",
+                             "Station.UsersFile=none", "Server.RequireTLS=0"] + list(args), cwd=WORK,
                             stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
     deadline = time.time() + 30
     while time.time() < deadline:

@@ -30,7 +30,8 @@ bool write_all(int fd, const char* data, size_t size) {
 
 }  // namespace
 
-bool write_file_atomically(const std::string& path, const std::string& content, mode_t new_mode) {
+bool write_file_atomically(const std::string& path, const std::string& content, mode_t new_mode,
+                           bool exact_mode) {
   std::string target = path;
   struct stat link {};
   if (lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
@@ -62,7 +63,9 @@ bool write_file_atomically(const std::string& path, const std::string& content, 
   temp = name.data();
   struct stat original {};
   bool ok;
-  if (stat(target.c_str(), &original) == 0) {
+  if (exact_mode) {
+    ok = fchmod(fd, new_mode) == 0;
+  } else if (stat(target.c_str(), &original) == 0) {
     ok = fchmod(fd, original.st_mode & 07777) == 0;
     if (ok && geteuid() == 0) ok = fchown(fd, original.st_uid, original.st_gid) == 0;
   } else {

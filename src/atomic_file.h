@@ -15,8 +15,10 @@ namespace zqdetail {
 // FIFO is written in place. Readers see the
 // old content or the new, never a part. False, with errno set and the
 // original untouched, when any step fails (a full disk, a read-only folder).
+// With `exact_mode` the new file gets exactly `new_mode` whatever the
+// original's permissions and the umask are (key and password files: 0600).
 bool write_file_atomically(const std::string& path, const std::string& content,
-                           mode_t new_mode = 0666);
+                           mode_t new_mode = 0666, bool exact_mode = false);
 
 }  // namespace zqdetail
 

@@ -292,8 +292,13 @@ bool CLI::parse(std::string& text) {
 
   CLI_cmd_map_entry* e = find_command(words[0]);
   if (e == nullptr) {
-    std::fprintf(stderr, "%s: command not found\r\n", words[0].c_str());
+    std::fprintf(StdErr(), "%s: command not found\r\n", words[0].c_str());
     return false;
+  }
+  if (!levels_.empty() && RequiredLevel(words) > session_level_) {
+    std::fprintf(StdErr(), "%s: not permitted for this session\r\n", words[0].c_str());
+    retcode = 1;
+    return true;
   }
   if (!e->cmap.empty()) cmap = &e->cmap;
   curr_cmd = e;

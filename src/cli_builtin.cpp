@@ -1,7 +1,8 @@
 // The interpreter's built-in commands. Which stream each writes to is part of
 // their behaviour: echo, history and help's lists use the interpreter's output;
 // help's fixed texts and set's listing use the process's standard output;
-// help's and unset's errors use the process's standard error.
+// help's and unset's errors use the process's standard error (or the streams
+// given to SetStandardStreams).
 #include <cstdio>
 #include <cstring>
 
@@ -10,8 +11,8 @@
 int CLI::cmd_help(void* object, int argc, const char** argv) {
   CLI* cli = static_cast<CLI*>(object);
   if (argc <= 1) {
-    std::fputs("Possible commands are (built in):\r\n", stdout);
-    std::fflush(stdout);
+    std::fputs("Possible commands are (built in):\r\n", cli->StdOut());
+    std::fflush(cli->StdOut());
     std::vector<std::string> builtins, others;
     for (auto& item : cli->_cmap) {
       if (item.second->internal) builtins.push_back(item.first);
@@ -22,36 +23,36 @@ int CLI::cmd_help(void* object, int argc, const char** argv) {
     }
     if (!others.empty()) {
       std::fflush(cli->_stdout);
-      std::fputs("\r\nOther commands:\r\n", stdout);
-      std::fflush(stdout);
+      std::fputs("\r\nOther commands:\r\n", cli->StdOut());
+      std::fflush(cli->StdOut());
       cli->print_in_columns(others, width);
     }
     std::fflush(cli->_stdout);
-    std::fputs("\r\n", stdout);
-    std::fflush(stdout);
+    std::fputs("\r\n", cli->StdOut());
+    std::fflush(cli->StdOut());
     return 0;
   }
   int result = 0;
   for (int i = 1; i < argc; ++i) {
     CLI_cmd_map_entry* e = cli->find_command(argv[i]);
     if (e == nullptr) {
-      std::fprintf(stderr, "Unknown command: %s\r\n", argv[i]);
+      std::fprintf(cli->StdErr(), "Unknown command: %s\r\n", argv[i]);
       result = 1;
     } else if (e->cmd_help.empty()) {
-      std::fputs("No help available.\r\n\r\n", stdout);
+      std::fputs("No help available.\r\n\r\n", cli->StdOut());
     } else {
-      std::fprintf(stdout, "%s\r\n\r\n", e->cmd_help.c_str());
+      std::fprintf(cli->StdOut(), "%s\r\n\r\n", e->cmd_help.c_str());
     }
   }
-  std::fflush(stdout);
+  std::fflush(cli->StdOut());
   return result;
 }
 
 int CLI::cmd_set(void* object, int argc, const char** argv) {
   CLI* cli = static_cast<CLI*>(object);
   if (argc <= 1) {
-    for (auto& v : cli->vars) std::fprintf(stdout, "%s=%s\r\n", v.first.c_str(), v.second.c_str());
-    std::fflush(stdout);
+    for (auto& v : cli->vars) std::fprintf(cli->StdOut(), "%s=%s\r\n", v.first.c_str(), v.second.c_str());
+    std::fflush(cli->StdOut());
     return 0;
   }
   for (int i = 1; i < argc; ++i) {
@@ -72,7 +73,7 @@ int CLI::cmd_set(void* object, int argc, const char** argv) {
 int CLI::cmd_unset(void* object, int argc, const char** argv) {
   CLI* cli = static_cast<CLI*>(object);
   if (argc <= 1) {
-    std::fprintf(stderr, "%s: Too few arguments\r\n", argv[0]);
+    std::fprintf(cli->StdErr(), "%s: Too few arguments\r\n", argv[0]);
     return 0;
   }
   for (int i = 1; i < argc; ++i) cli->vars.erase(argv[i]);

@@ -43,7 +43,14 @@ const zqcommon::Setting_Check& setting_rules() {
         .Integer("Log.Mask", -1, INT_MAX)
         .Integer("Log.Pmask", -1, INT_MAX)
         .Integer("Log.FlushCycle", 0, 1000000)
-        .Octal("Log.CreatePermissions", 0, 0777);
+        .Octal("Log.CreatePermissions", 0, 0777)
+        .Integer("Login.FirstDelay", 0, 3600000)
+        .Integer("Login.MaxDelay", 0, 3600000)
+        .Integer("Login.MaxFailures", 1, 1000)
+        .Integer("Login.Window", 0, 86400000)
+        .Integer("Login.Lockout", 0, 86400000)
+        .Integer("Access.IdleTimeout", 0, 86400)
+        .Integer("Access.HandshakeTimeout", 1, 600);
     return r;
   }();
   return rules;
@@ -55,7 +62,9 @@ bool operator_only(const std::string& path) {
   const auto dot = path.find('.');
   const std::string section = path.substr(0, dot);
   if ((section ^= "Log") || (section ^= "Server")) return true;
-  for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes"}) {
+  // Who may log in and how the channel is secured: not from the network either.
+  if ((section ^= "TLS") || (section ^= "Login") || (section ^= "Access")) return true;
+  for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile"}) {
     if (path ^= key) return true;
   }
   return false;

@@ -92,9 +92,12 @@ void answer(Client& c, bool prompt) {
 }
 
 // Runs every complete line the client sent. False once the client is gone.
-bool serve(Client& c, Log& log) {
+bool serve(Client& c, Log& log, station::Gate& gate) {
   std::string line;
   for (;;) {
+    if (gate.Held(c.session, station::Gate::NowMs()) || c.session.access.handshake_until_ms != 0) break;
+    // A password is taken as typed ('#' is no comment in it).
+    c.conn->Set_Modify(c.session.access.step == station::AccessState::kCommand);
     const int r = c.conn->readln(line, false, 0);
     if (r == -3) c.conn->close();  // a line beyond the limit: drop the client
     if (r < 0 || (r == 0 && !c.conn->IsConnected())) break;
@@ -106,22 +109,27 @@ bool serve(Client& c, Log& log) {
       c.conn->close();
       break;
     }
-    log.Add(elog_INFO, 0, "%s: %s", c.session.peer.c_str(), station::escape_controls(text).c_str());
-    if (!word.empty() && c.cli->find_command(word) == nullptr) {
+    if (gate.Screen(*c.cli, c.session, *c.conn, line, c.out)) {
+      // A login step or a refusal: neither history nor the log sees it.
+    } else if (!word.empty() && c.cli->find_command(word) == nullptr) {
       std::fprintf(c.out, "%s: command not found\r\n", word.c_str());
+      gate.Audit(c.session, text, -1);
     } else {
       std::string copy = text;
       c.cli->parse(copy);
+      gate.Audit(c.session, text, c.cli->retcode);
     }
-    answer(c, !c.session.want_tls);
+    const bool asking = c.session.access.step != station::AccessState::kCommand;
+    if (gate.Held(c.session, station::Gate::NowMs())) break;  // answered when the wait is over
+    answer(c, !c.session.want_tls && !asking);
     if (c.session.want_tls) {
       c.session.want_tls = false;
       c.conn->flush(Connection::wait_1s);
-      const bool ok = c.conn->SSL_setup(true, "", "", "") && c.conn->SSL_start_TLS(true);
-      log.Add(ok ? elog_INFO : elog_WARN, 0, "%s: TLS %s", c.session.peer.c_str(),
-              ok ? "started" : "handshake failed");
-      if (!ok) c.conn->close();
-      else answer(c, true);
+      if (!gate.StartTLS(c.session, *c.conn)) {
+        log.Add(elog_WARN, 0, "%s: TLS is not configured", c.session.peer.c_str());
+        c.conn->close();
+      }
+      break;  // the handshake goes on from the server loop
     }
   }
   return c.conn->IsConnected();
@@ -161,6 +169,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     return 1;
   }
 
+  station::Gate gate(settings, server, log);
+  if (!gate.Prepare()) return 1;
+
   Connection_Server srv(server.ListenPort, server.MaxConnections, server.Interface);
   if (!srv.isactive) {
     std::fprintf(stderr, "station: cannot listen on %s:%d\n", server.Interface.c_str(), server.ListenPort);
@@ -186,6 +197,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   console.station = &st;
   console.out = stdout;
   console.peer = "terminal";
+  console.level = ZQSecurity::kAdmin;
   if (isatty(STDIN_FILENO)) {
     terminal = std::make_unique<CLI>(stdin, stdout, stderr);
     station::register_commands(*terminal, console);
@@ -219,6 +231,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
       c->cli->SetLimits(128 * 1024, 1024 * 1024);
       station::register_commands(*c->cli, c->session);
+      gate.Admit(*c->cli, c->session, c->out);
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());
       c->reply = "station ready, type help\r\n";
       answer(*c, true);
@@ -230,7 +243,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     fds.clear();
     if (terminal) fds.push_back(pollfd{STDIN_FILENO, POLLIN, 0});
     for (const auto& c : clients) {
-      const short events = POLLIN | (c->conn->WritePending() != 0 ? POLLOUT : 0);
+      const short held = gate.Held(c->session, station::Gate::NowMs()) ? 0 : POLLIN;
+      const short hs = gate.Events(c->session, *c->conn);
+      const short events = hs != 0 ? hs : static_cast<short>(held | (c->conn->WritePending() != 0 ? POLLOUT : 0));
       fds.push_back(pollfd{c->conn->Descriptor(), events, 0});
     }
     if (poll(fds.data(), fds.size(), 20) < 0) continue;  // EINTR: a signal
@@ -246,8 +261,24 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     for (size_t i = clients.size(); i-- > 0;) {
       Client& c = *clients[i];
       const short ev = fds[first + i].revents;
-      if (ev & POLLOUT) c.conn->flush(0);
-      if ((ev & (POLLIN | POLLHUP | POLLERR)) && !serve(c, log)) {
+      const long long now = station::Gate::NowMs();
+      bool alive = gate.Tick(c.session, *c.conn, now);
+      if (alive && c.session.access.handshake_until_ms != 0) {
+        // The handshake is stepped here, never waited for: others go on meanwhile.
+        alive = gate.StepTLS(*c.cli, c.session, *c.conn, c.out) >= 0;
+        if (alive && c.session.access.handshake_until_ms == 0) answer(c, true);
+        if (!alive) log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
+        if (!alive) clients.erase(clients.begin() + static_cast<long>(i));
+        continue;
+      }
+      if (alive && !gate.Held(c.session, now) && (std::fflush(c.out), !c.reply.empty())) {
+        answer(c, true);  // the answer that waited after a failed login
+        alive = serve(c, log, gate);
+      }
+      // A client that hangs up while its answer waits is gone (else poll would spin on it).
+      if (alive && gate.Held(c.session, now) && (ev & (POLLHUP | POLLERR))) alive = false;
+      if (alive && (ev & POLLOUT)) c.conn->flush(0);
+      if (!alive || ((ev & (POLLIN | POLLHUP | POLLERR)) && !serve(c, log, gate))) {
         log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
         clients.erase(clients.begin() + static_cast<long>(i));
       }
@@ -269,6 +300,8 @@ int main(int argc, char** argv) {
   // (Each count of descriptors includes the one listing them.)
   const int fds_at_start = count_entries("/proc/self/fd") - 1;
   const int threads_at_start = count_entries("/proc/self/task");
+  station::AccessOption option;
+  const bool access_option = option.Take(argc, argv);
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
   if (cfg.parse_argline_default(
@@ -288,9 +321,11 @@ int main(int argc, char** argv) {
   settings.Load(cfg, "Station");
   server.Load(cfg, "Server");
   logcfg.Load(cfg, "Log");
+  station::load_access(cfg, server);
   station::fleet_settings().mqtt.Load(cfg, "MQTT");
   station::fleet_settings().metrics.Load(cfg, "Metrics");
   if (!apply_overrides(cfg, station::sections(settings, server, logcfg))) return 2;
+  if (access_option) return option.Handle(settings, server);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;

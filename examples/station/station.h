@@ -25,6 +25,8 @@
 #include <utility>
 #include <vector>
 
+#include "access.h"
+
 namespace station {
 
 // [Station]: the task and the watched sensor range.
@@ -38,6 +40,7 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DumpPath = ".";   // where trace dumps go
   int TraceDepth = 10000;       // samples kept per trace
   int FitPoints = 1000;         // the recorded curve handed to the fitter
+  std::string UsersFile = "station.users";  // network users; "none": no login asked
   std::string DataDir = ".";    // the only files network clients may read
   long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
 };
@@ -49,6 +52,8 @@ struct ServerSettings : zqcommon::Config_Data {
   int MaxConnections = 64;
   std::string Interface = "127.0.0.1";
   std::string ACL = "station.acl";
+  bool RequireTLS = false;      // only starttls, help and exit before TLS
+  AccessConfig access_cfg;      // the [TLS], [Login] and [Access] sections
 };
 
 // One record from the task: the cycle, the time within the sensor's run,
@@ -175,6 +180,8 @@ struct Session {
   bool want_tls = false;
   bool want_exit = false;
   std::string peer;
+  int level = ZQSecurity::kNoAccess;  // the access level reached
+  AccessState access;
 };
 
 // Registers the station's commands on an interpreter for `session`.
@@ -187,6 +194,8 @@ SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Con
 inline SettingsList sections(Station& st) { return sections(st.settings, st.server, st.logcfg); }
 // The setting "Section.Key" (names without regard to case), or null.
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path);
+// Loads the sections of `server.access_cfg`.
+void load_access(Config_File& cfg, ServerSettings& server);
 
 // The library's diagnostics as log entries (diagnostics_log.cpp).
 void RouteDiagnosticsToLog(Log& log);

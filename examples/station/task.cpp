@@ -19,6 +19,7 @@ StationSettings::StationSettings() {
   Register("DumpPath", DumpPath, zqcommon::Config_Data_INIT.FULL, "", "trace dump folder");
   Register("TraceDepth", TraceDepth, zqcommon::Config_Data_INIT.FULL, "", "samples per trace");
   Register("FitPoints", FitPoints, zqcommon::Config_Data_INIT.FULL, "", "points of the fitted curve");
+  Register("UsersFile", UsersFile, zqcommon::Config_Data_INIT.FULL, "", "network users and levels");
   Register("DataDir", DataDir, zqcommon::Config_Data_INIT.FULL, "", "files network clients may read");
   Register("MaxFileBytes", MaxFileBytes, zqcommon::Config_Data_INIT.FULL, "", "largest file read",
            zqcommon::cfg_STORAGE);
@@ -29,6 +30,7 @@ ServerSettings::ServerSettings() {
   Register("MaxConnections", MaxConnections, zqcommon::Config_Data_INIT.FULL, "", "clients at once");
   Register("Interface", Interface, zqcommon::Config_Data_INIT.FULL, "", "address to listen on");
   Register("ACL", ACL, zqcommon::Config_Data_INIT.FULL, "", "access-list file");
+  Register("RequireTLS", RequireTLS, zqcommon::Config_Data_INIT.FULL, "", "TLS before any command");
 }
 
 // ------------------------------------------------------------------ task
@@ -204,7 +206,9 @@ void Station::Settle(long long cycles) {
 
 SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Config_Data& logcfg) {
   return {{"Station", &settings}, {"Server", &server}, {"Log", &logcfg},
-          {"MQTT", &fleet_settings().mqtt}, {"Metrics", &fleet_settings().metrics}};
+          {"MQTT", &fleet_settings().mqtt}, {"Metrics", &fleet_settings().metrics},
+          {"TLS", &server.access_cfg.tls}, {"Login", &server.access_cfg.login},
+          {"Access", &server.access_cfg.access}};
 }
 
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path) {

@@ -102,6 +102,24 @@ class ZQ_EXPORT CLI {
   unsigned int print_in_columns(const std::vector<std::string>& items, unsigned int width);
   void get_winsize();
 
+  // Opt-in: the streams that the built-ins (help, set, unset) and the
+  // "command not found" line treat as standard output and standard error, so
+  // that each session's texts reach only its own peer. Null (the default)
+  // stands for the process's stdout and stderr. The streams stay the caller's.
+  void SetStandardStreams(FILE* out, FILE* err);
+  FILE* StdOut() const;
+  FILE* StdErr() const;
+  // Opt-in access levels (the application's numbers, higher may do more): a
+  // line whose leading words are `words` ("io", "io set") needs `level`; the
+  // rule with the most matching words counts, and a command without any rule
+  // needs none. Once a rule exists, parse() refuses a line the session's
+  // level does not reach, with one line on StdErr(), and sets $? to 1.
+  void SetCommandLevel(const std::string& words, int level);
+  void SetSessionLevel(int level) { session_level_ = level; }
+  int SessionLevel() const { return session_level_; }
+  // The level `words` need (0 without a rule).
+  int RequiredLevel(const std::vector<std::string>& words) const;
+
   // The built-ins.
   static int cmd_help(void* cli, int argc, const char** argv);
   static int cmd_set(void* cli, int argc, const char** argv);
@@ -135,6 +153,10 @@ class ZQ_EXPORT CLI {
   void remember(const std::string& text);
   CLI_cmd_map_entry* owner_of(cmd_map* map, cmd_map* within);
 
+  FILE* std_out_ = nullptr;
+  FILE* std_err_ = nullptr;
+  std::map<std::string, int> levels_;
+  int session_level_ = 0;
   bool termio_saved_ = false;
   bool overflow_ = false;     // the last substitution went beyond line_limit_
   size_t line_limit_ = 0;

@@ -24,6 +24,8 @@ namespace ZQSecurity {
 // connection in clear text (IsEncrypted() false); nothing throws, set-up
 // errors are printed unless DEBUG_LEVEL is negative. Copies share the OpenSSL
 // objects, which go with the last of them.
+class TLSContext;
+
 class ZQ_EXPORT SSLConnection : public Connection {
  public:
   SSLConnection();
@@ -39,6 +41,26 @@ class ZQ_EXPORT SSLConnection : public Connection {
   // The handshake (server or client); true when the connection is encrypted.
   bool SSL_start_TLS(bool server) override;
   bool IsEncrypted() const override { return ssl_isenc; }
+
+  // Certificate mode (opt-in): the handshakes that follow use `context`
+  // instead of the anonymous one of SSL_setup(). A client checks that the
+  // server's certificate names `peer_host` (a DNS name or an IP address;
+  // empty: the chain only). False for a null context.
+  bool SSL_use_context(std::shared_ptr<TLSContext> context, const std::string& peer_host = "");
+  // One step of a handshake that never waits: 1 when encrypted, 0 while it
+  // waits for the peer (poll the descriptor for HandshakeEvents()), -1 when
+  // it failed (the reason in TLSError(); the connection stays clear text).
+  // SSL_setup() or SSL_use_context() first.
+  int SSL_handshake_step(bool server);
+  short HandshakeEvents() const { return handshake_events_; }
+  const std::string& TLSError() const { return tls_error_; }
+  // The name in the peer's verified certificate (its common name, else its
+  // first DNS or e-mail alternative name); empty without one.
+  std::string PeerIdentity() const;
+  // The negotiated protocol ("TLSv1.3") and cipher, empty in clear text.
+  std::string TLSVersion() const;
+  std::string TLSCipher() const;
+
   // Prints the SSL error of `ret` with the OpenSSL error queue.
   void _handle_ssl_error(const char* where, int line, int ret);
 
@@ -55,11 +77,15 @@ class ZQ_EXPORT SSLConnection : public Connection {
  private:
   struct Session;  // the BIO, SSL object and context, shared by copies
   bool attach_bio(bool socket);
+  // A new SSL object on the BIO for the next handshake; false without one.
+  bool new_ssl();
   void release_session();
 
   bool ssl_setup = false;
   bool ssl_isenc = false;
   std::shared_ptr<Session> session_;
+  short handshake_events_ = 0;
+  std::string tls_error_;
 };
 
 // A new SSLConnection; the caller owns it.

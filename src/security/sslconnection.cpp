@@ -14,6 +14,8 @@
 #include "zqcommon/diagnostics.h"
 #include "zqcommon/functions.h"
 #include "zqsecurity/sslcommon.h"
+#include "zqsecurity/tlscontext.h"
+#include "security/tls_identity.h"
 
 namespace ZQSecurity {
 
@@ -28,6 +30,8 @@ struct SSLConnection::Session {
   BIO* bio = nullptr;
   SSL* ssl = nullptr;
   SSL_CTX* ctx = nullptr;
+  std::shared_ptr<TLSContext> context;  // certificate mode: owns what ctx refers to
+  std::string host;                     // the name a client expects of the server
   ~Session() {
     if (ssl != nullptr) SSL_free(ssl);
     if (bio != nullptr) BIO_vfree(bio);
@@ -87,6 +91,7 @@ void SSLConnection::close() {
 bool SSLConnection::SSL_setup(bool, std::string, std::string, std::string) {
   zqdetail::openssl_load_providers();
   if (session_->ctx != nullptr) SSL_CTX_free(session_->ctx);
+  session_->context.reset();
   session_->ctx = SSL_CTX_new(TLS_method());
   if (session_->ctx == nullptr) return false;
   // Anonymous Diffie-Hellman does not exist in TLS 1.3; security level 0 lets
@@ -110,17 +115,12 @@ bool SSLConnection::SSL_start_TLS(bool server) {
     }
     return false;
   }
-  SSL* ssl = SSL_new(session_->ctx);
-  if (ssl == nullptr) {
-    if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object\n", kStartTLS, 186);
+  if (!new_ssl()) {
+    if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object
+", kStartTLS, 186);
     return false;
   }
-  if (session_->ssl != nullptr) SSL_free(session_->ssl);  // a failed earlier attempt
-  session_->ssl = ssl;
-  if (session_->bio != nullptr) {
-    BIO_up_ref(session_->bio);  // the SSL object's own reference
-    SSL_set_bio(ssl, session_->bio, session_->bio);
-  }
+  SSL* ssl = session_->ssl;
   // The descriptor is non-blocking: the handshake waits for each step.
   const long long deadline = GetLLTicks() + kHandshakeLimit;
   for (;;) {
@@ -140,6 +140,80 @@ bool SSLConnection::SSL_start_TLS(bool server) {
     _handle_ssl_error(kStartTLS, server ? 197 : 206, r);
     return false;
   }
+}
+
+bool SSLConnection::new_ssl() {
+  SSL* ssl = SSL_new(session_->ctx);
+  if (ssl == nullptr) return false;
+  if (session_->ssl != nullptr) SSL_free(session_->ssl);  // a failed earlier attempt
+  session_->ssl = ssl;
+  if (session_->bio != nullptr) {
+    BIO_up_ref(session_->bio);  // the SSL object's own reference
+    SSL_set_bio(ssl, session_->bio, session_->bio);
+  }
+  if (session_->context != nullptr && !session_->context->IsServer()) {
+    return zqdetail::tls_expect_host(ssl, session_->host);
+  }
+  return true;
+}
+
+bool SSLConnection::SSL_use_context(std::shared_ptr<TLSContext> context, const std::string& peer_host) {
+  if (context == nullptr) return false;
+  if (session_->ctx != nullptr) SSL_CTX_free(session_->ctx);
+  SSL_CTX_up_ref(context->Native());
+  session_->ctx = context->Native();
+  session_->context = std::move(context);
+  session_->host = peer_host;
+  ssl_setup = true;
+  return true;
+}
+
+int SSLConnection::SSL_handshake_step(bool server) {
+  handshake_events_ = 0;
+  if (ssl_isenc) return 1;
+  if (!ssl_setup || session_->ctx == nullptr || !holds_descriptor()) {
+    tls_error_ = "no TLS context prepared";
+    return -1;
+  }
+  if (session_->ssl == nullptr) {
+    ERR_clear_error();
+    if (!new_ssl()) {
+      tls_error_ = "cannot make the TLS session";
+      return -1;
+    }
+  }
+  const int r = server ? SSL_accept(session_->ssl) : SSL_connect(session_->ssl);
+  if (r > 0) {
+    ssl_isenc = true;
+    return 1;
+  }
+  const int e = SSL_get_error(session_->ssl, r);
+  if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+    handshake_events_ = e == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+    return 0;
+  }
+  const unsigned long code = ERR_peek_last_error();
+  const long verify = SSL_get_verify_result(session_->ssl);
+  tls_error_ = verify != X509_V_OK ? X509_verify_cert_error_string(verify)
+               : code != 0         ? ERR_reason_error_string(code) != nullptr ? ERR_reason_error_string(code)
+                                                                              : "handshake failed"
+                                   : "handshake failed (connection closed)";
+  ERR_clear_error();
+  SSL_free(session_->ssl);
+  session_->ssl = nullptr;
+  return -1;
+}
+
+std::string SSLConnection::PeerIdentity() const {
+  return ssl_isenc ? zqdetail::tls_peer_identity(session_->ssl) : std::string();
+}
+
+std::string SSLConnection::TLSVersion() const {
+  return ssl_isenc ? SSL_get_version(session_->ssl) : "";
+}
+
+std::string SSLConnection::TLSCipher() const {
+  return ssl_isenc ? SSL_get_cipher_name(session_->ssl) : "";
 }
 
 void SSLConnection::_handle_ssl_error(const char* where, int line, int ret) {

@@ -1,0 +1,338 @@
+// The station's gate: login, levels, TLS with its own certificates, throttling,
+// idle time-out and the audit log.
+#include "access.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+#include <zqcommon/cli.h>
+#include <zqcommon/functions.h>
+#include <zqsecurity/sslconnection.h>
+
+#include <cstring>
+#include <iostream>
+
+#include "certificates.h"
+#include "station.h"
+
+namespace station {
+
+using ZQSecurity::AccessLevel;
+using ZQSecurity::UserFile;
+
+AccessSettings::AccessSettings() {
+  using zqcommon::Config_Data_INIT;
+  Register("IdleTimeout", IdleTimeout, Config_Data_INIT.FULL, "s", "idle clients are closed after this");
+  Register("HandshakeTimeout", HandshakeTimeout, Config_Data_INIT.FULL, "s", "longest TLS handshake");
+  Register("AnonymousTLS", AnonymousTLS, Config_Data_INIT.FULL, "", "starttls without certificates");
+  Register("TLSFolder", TLSFolder, Config_Data_INIT.FULL, "", "the station's CA and certificates");
+}
+
+namespace {
+
+// Who may run what: the leading words of a line and the level they need.
+// Lines without a rule (and help, login, starttls, exit) need no login.
+const struct {
+  const char* words;
+  AccessLevel level;
+} kRules[] = {
+    {"status", ZQSecurity::kViewer},     {"io", ZQSecurity::kViewer},
+    {"io set", ZQSecurity::kOperator},   {"io clear", ZQSecurity::kOperator},
+    {"io toggle", ZQSecurity::kOperator}, {"trace", ZQSecurity::kViewer},
+    {"trace start", ZQSecurity::kOperator}, {"trace stop", ZQSecurity::kOperator},
+    {"fit", ZQSecurity::kOperator},      {"hash", ZQSecurity::kOperator},
+    {"crc", ZQSecurity::kOperator},      {"config", ZQSecurity::kViewer},
+    {"config set", ZQSecurity::kAdmin},  {"config save", ZQSecurity::kAdmin},
+    {"echo", ZQSecurity::kViewer},       {"set", ZQSecurity::kViewer},
+    {"unset", ZQSecurity::kViewer},      {"history", ZQSecurity::kViewer},
+};
+
+const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";
+
+std::string first_word(const std::string& line) {
+  const std::string text = Trim(line);
+  return text.substr(0, text.find(' '));
+}
+
+ZQSecurity::SSLConnection& tls(Connection& conn) { return static_cast<ZQSecurity::SSLConnection&>(conn); }
+
+int cmd_login(void* arg, int argc, const char** argv) {
+  Session& s = *static_cast<Session*>(arg);
+  s.access.user = argc > 1 ? argv[1] : "";
+  s.access.step = argc > 1 ? AccessState::kPassword : AccessState::kUser;
+  std::fputs(argc > 1 ? "password: " : "user: ", s.out);
+  return 0;
+}
+
+}  // namespace
+
+long long Gate::NowMs() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
+
+Gate::Gate(StationSettings& settings, ServerSettings& server, Log& log)
+    : settings_(settings), server_(server), log_(log), throttle_(server.access_cfg.login) {}
+
+AccessState& Gate::state(Session& s) const { return s.access; }
+
+// Access control switched off (a trusted network, or a test of the commands).
+bool Gate::open_station() const { return settings_.UsersFile.empty() || settings_.UsersFile == "none"; }
+
+bool Gate::Prepare() {
+  std::string error;
+  if (!open_station() && access(settings_.UsersFile.c_str(), F_OK) == 0) {
+    if (!users_.Load(settings_.UsersFile, error)) {
+      std::fprintf(stderr, "station: %s\n", error.c_str());
+      return false;
+    }
+    have_users_ = true;
+  }
+  ZQSecurity::TLSSettings& t = server_.access_cfg.tls;
+  if (t.CertificateFile.empty() || t.CertificateFile == "none") return true;  // no certificate mode
+  const std::string& folder = server_.access_cfg.access.TLSFolder;
+  if (access(t.CertificateFile.c_str(), F_OK) != 0) {
+    const int made = ensure_certificates(folder, error);
+    if (made < 0) {
+      std::fprintf(stderr, "station: TLS certificates in %s: %s\n", folder.c_str(), error.c_str());
+      return false;
+    }
+    if (made > 0) log_.Add(elog_INFO, 0, "created the station's CA and server certificate in %s", folder.c_str());
+  }
+  tls_ = ZQSecurity::TLSContext::Create(t, true, error);
+  if (tls_ == nullptr) {
+    std::fprintf(stderr, "station: TLS: %s\n", error.c_str());
+    return false;
+  }
+  const std::string fp = ca_fingerprint(folder);
+  if (!fp.empty()) std::printf("tls CA %s/ca.pem SHA-256 %s\r\n", folder.c_str(), fp.c_str());
+  return true;
+}
+
+void Gate::Admit(CLI& cli, Session& s, FILE* out) {
+  cli.SetStandardStreams(out, out);
+  cli.Register(cmd_login, &s, "login", nullptr, "login [NAME]: log in (asks for the password)");
+  const bool open = open_station();
+  s.level = open ? ZQSecurity::kAdmin : ZQSecurity::kNoAccess;
+  for (const auto& r : kRules) cli.SetCommandLevel(r.words, r.level);
+  cli.SetSessionLevel(s.level);
+  s.access.active_ms = NowMs();
+  if (!open && !have_users_) std::fprintf(out, "%s\r\n", kNoUsers);
+}
+
+bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& line, FILE* out) {
+  AccessState& a = s.access;
+  a.active_ms = NowMs();
+  if (a.step == AccessState::kUser) {
+    a.user = Trim(line);
+    a.step = AccessState::kPassword;
+    std::fputs("password: ", out);
+    return true;
+  }
+  if (a.step == AccessState::kPassword) {
+    a.step = AccessState::kCommand;
+    const long long now = NowMs();
+    AccessLevel level = ZQSecurity::kNoAccess;
+    const bool locked = throttle_.Locked(s.peer, now);
+    if (!locked && have_users_) level = users_.Verify(a.user, line);
+    if (level != ZQSecurity::kNoAccess) {
+      throttle_.Succeeded(s.peer);
+      login_done(cli, s, a.user, level, "password", out);
+      return true;
+    }
+    // The same answer, after the same wait, for an unknown user and a wrong password.
+    const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, now);
+    log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
+             locked || throttle_.Locked(s.peer, now) ? " (address locked out)" : "");
+    a.hold_until_ms = now + wait;
+    a.user.clear();
+    std::fputs("login failed\r\n", out);
+    return true;
+  }
+  const std::string word = first_word(line);
+  const bool always = word == "help" || word == "starttls" || word == "exit" || word == "quit";
+  if (server_.RequireTLS && !conn.IsEncrypted() && !always) {
+    std::fprintf(out, "%s: refused before starttls (this station requires TLS)\r\n", word.c_str());
+    return true;
+  }
+  if (word == "login" && !have_users_ && !open_station()) {
+    std::fprintf(out, "%s\r\n", kNoUsers);
+    return true;
+  }
+  if (s.level == ZQSecurity::kNoAccess && !always && word != "login" && cli.find_command(word) != nullptr) {
+    std::fprintf(out, "%s: log in first (login NAME)\r\n", word.c_str());
+    if (!have_users_) std::fprintf(out, "%s\r\n", kNoUsers);
+    return true;
+  }
+  (void)cli;
+  return false;
+}
+
+void Gate::login_done(CLI& cli, Session& s, const std::string& user, AccessLevel level, const char* how,
+                      FILE* out) {
+  s.level = level;
+  s.access.user = user;
+  cli.SetSessionLevel(level);
+  std::fprintf(out, "logged in as %s (%s)\r\n", user.c_str(), UserFile::LevelName(level));
+  log_.Add(elog_INFO, 0, "audit: %s logged in from %s as %s by %s", user.c_str(), s.peer.c_str(),
+           UserFile::LevelName(level), how);
+}
+
+void Gate::Audit(const Session& s, const std::string& line, int result) {
+  log_.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(),
+           escape_controls(Trim(line)).c_str(),
+           s.access.user.empty() ? "-" : s.access.user.c_str(),
+           UserFile::LevelName(static_cast<AccessLevel>(s.level)), result);
+}
+
+bool Gate::StartTLS(Session& s, Connection& conn) {
+  if (tls_ != nullptr) {
+    tls(conn).SSL_use_context(tls_);
+  } else if (!server_.access_cfg.access.AnonymousTLS || !conn.SSL_setup(true, "", "", "")) {
+    return false;
+  }
+  // The handshake's flights go out in several small writes: without this,
+  // Nagle's algorithm and the peer's delayed acknowledgement add 40 ms.
+  const int on = 1;
+  setsockopt(conn.Descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  s.access.handshake_until_ms = NowMs() + server_.access_cfg.access.HandshakeTimeout * 1000LL;
+  return true;
+}
+
+int Gate::StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out) {
+  const int r = tls(conn).SSL_handshake_step(true);
+  if (r == 0 && NowMs() < s.access.handshake_until_ms) return 0;
+  s.access.handshake_until_ms = 0;
+  if (r <= 0) {
+    log_.Add(elog_WARN, 0, "%s: TLS handshake failed: %s", s.peer.c_str(),
+             r == 0 ? "timed out" : tls(conn).TLSError().c_str());
+    conn.close();
+    return -1;
+  }
+  log_.Add(elog_INFO, 0, "%s: TLS started (%s, %s)", s.peer.c_str(), tls(conn).TLSVersion().c_str(),
+           tls(conn).TLSCipher().c_str());
+  const std::string who = tls(conn).PeerIdentity();
+  const AccessLevel level = who.empty() ? ZQSecurity::kNoAccess : users_.LevelOf(who);
+  if (level != ZQSecurity::kNoAccess && s.level == ZQSecurity::kNoAccess) {
+    login_done(cli, s, who, level, "certificate", out);
+  }
+  return 1;
+}
+
+bool Gate::Tick(Session& s, Connection& conn, long long now_ms) {
+  AccessState& a = s.access;
+  if (a.hold_until_ms != 0 && now_ms >= a.hold_until_ms) a.hold_until_ms = 0;
+  const int idle = server_.access_cfg.access.IdleTimeout;
+  if (idle > 0 && now_ms - a.active_ms > idle * 1000LL && a.handshake_until_ms == 0) {
+    conn.writeln("idle time-out, closing");
+    log_.Add(elog_INFO, 0, "%s: idle time-out", s.peer.c_str());
+    conn.close();
+    return false;
+  }
+  return true;
+}
+
+short Gate::Events(Session& s, Connection& conn) const {
+  if (s.access.handshake_until_ms != 0) {
+    const short e = tls(conn).HandshakeEvents();
+    return e != 0 ? e : POLLIN;
+  }
+  return 0;
+}
+
+void load_access(Config_File& cfg, ServerSettings& server) {
+  server.access_cfg.tls.Load(cfg, "TLS");
+  server.access_cfg.login.Load(cfg, "Login");
+  server.access_cfg.access.Load(cfg, "Access");
+}
+
+// ------------------------------------------------------------ options
+
+bool AccessOption::Take(int& argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    const int words = a == "--passwd" ? 3 : a == "--issue-client-cert" ? 2 : 0;
+    if (words == 0) continue;
+    if (i + words > argc) {
+      std::fprintf(stderr, "station: %s needs %s\n", a.c_str(), words == 3 ? "NAME LEVEL" : "NAME");
+      option = "bad";
+      return true;
+    }
+    option = a;
+    name = argv[i + 1];
+    if (words == 3) level = argv[i + 2];
+    for (int j = i; j + words < argc; ++j) argv[j] = argv[j + words];
+    argc -= words;
+    return true;
+  }
+  return false;
+}
+
+namespace {
+
+// A line from standard input, not echoed when it is a terminal.
+std::string read_password() {
+  termios old{};
+  const bool tty = tcgetattr(STDIN_FILENO, &old) == 0;
+  if (tty) {
+    termios quiet = old;
+    quiet.c_lflag &= static_cast<tcflag_t>(~ECHO);
+    tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    std::fputs("password: ", stderr);
+  }
+  std::string password;
+  std::getline(std::cin, password);
+  if (tty) {
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
+    std::fputs("\n", stderr);
+  }
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  return password;
+}
+
+}  // namespace
+
+int AccessOption::Handle(StationSettings& settings, ServerSettings& server) {
+  if (option == "bad") return 2;
+  std::string error;
+  if (option == "--passwd") {
+    const std::string path = settings.UsersFile.empty() || settings.UsersFile == "none" ? "station.users"
+                                                                                         : settings.UsersFile;
+    UserFile users;
+    if (access(path.c_str(), F_OK) == 0 && !users.Load(path, error)) {
+      std::fprintf(stderr, "station: %s\n", error.c_str());
+      return 1;
+    }
+    const AccessLevel l = UserFile::ParseLevel(level);
+    if (l == ZQSecurity::kNoAccess) {
+      std::fprintf(stderr, "station: level '%s': expected viewer, operator or admin\n", level.c_str());
+      return 2;
+    }
+    if (!users.Set(name, l, read_password(), error) || !users.Save(path, error)) {
+      std::fprintf(stderr, "station: %s\n", error.c_str());
+      return 1;
+    }
+    std::printf("user %s (%s) written to %s\n", name.c_str(), level.c_str(), path.c_str());
+    return 0;
+  }
+  const std::string& folder = server.access_cfg.access.TLSFolder;
+  if (name.empty() || name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-@") !=
+                          std::string::npos || name[0] == '.' || name == "ca" || name == "server") {
+    std::fprintf(stderr, "station: client name '%s': letters, digits, '.', '_', '-', '@'\n", name.c_str());
+    return 2;
+  }
+  if (ensure_certificates(folder, error) < 0 || !issue_client_certificate(folder, name, error)) {
+    std::fprintf(stderr, "station: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("%s/%s.pem and %s/%s.key written (CA SHA-256 %s)\n", folder.c_str(), name.c_str(), folder.c_str(),
+              name.c_str(), ca_fingerprint(folder).c_str());
+  return 0;
+}
+
+}  // namespace station

@@ -1,0 +1,102 @@
+// Who may do what at the station, over which channel: TLS with the station's
+// own certificates, users and levels, login, throttling, idle time-out, audit.
+#ifndef STATION_ACCESS_H
+#define STATION_ACCESS_H
+
+#include <zqcommon/ew.h>
+#include <zqcommon/log.h>
+#include <zqsecurity/loginthrottle.h>
+#include <zqsecurity/tlscontext.h>
+#include <zqsecurity/userfile.h>
+
+#include <memory>
+#include <string>
+
+class CLI;
+class Connection;
+
+namespace station {
+
+struct Session;
+struct StationSettings;
+struct ServerSettings;
+
+// [Access]: the session rules beyond the TLS and login settings.
+struct AccessSettings : zqcommon::Config_Data {
+  AccessSettings();
+  int IdleTimeout = 900;         // seconds without a line before a client is closed
+  int HandshakeTimeout = 10;     // seconds a TLS handshake may take
+  bool AnonymousTLS = false;     // starttls without certificates (anonymous DH, TLS 1.2)
+  std::string TLSFolder = "tls"; // where the first start creates the CA and certificates
+};
+
+// The settings sections of this module, held by ServerSettings.
+struct AccessConfig {
+  ZQSecurity::TLSSettings tls;                 // [TLS]
+  ZQSecurity::LoginThrottleSettings login;     // [Login]
+  AccessSettings access;                       // [Access]
+};
+
+// A network session's access state (kept in its Session).
+struct AccessState {
+  enum Step { kCommand, kUser, kPassword } step = kCommand;
+  std::string user;             // logged in as (or being asked for)
+  long long hold_until_ms = 0;  // answers wait until then after a failed login
+  std::string held;             // the answer that waits
+  long long active_ms = 0;      // the last line's time
+  long long handshake_until_ms = 0;  // a handshake is under way until then
+};
+
+// The station's gate: owned by run(), used by the main thread only.
+class Gate {
+ public:
+  Gate(StationSettings& settings, ServerSettings& server, Log& log);
+  // Loads the users file and makes the TLS context (creating the station's
+  // certificates on the first start); false with the reason on stderr.
+  bool Prepare();
+  // A new network session: level rules, private streams, the greeting.
+  void Admit(CLI& cli, Session& s, FILE* out);
+  // Before a line reaches the interpreter: true when the gate took it (a
+  // login step, or a refusal written to `out`).
+  bool Screen(CLI& cli, Session& s, Connection& conn, const std::string& line, FILE* out);
+  // After the interpreter ran a line: the audit record.
+  void Audit(const Session& s, const std::string& line, int result);
+  // Starts the handshake after "OK starting TLS"; false when there is no TLS.
+  bool StartTLS(Session& s, Connection& conn);
+  // One step of a handshake under way: 1 done, 0 waiting, -1 failed (closed).
+  int StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out);
+  // Whether the session's answers are held back now (after a failed login).
+  bool Held(Session& s, long long now_ms) const { return now_ms < state(s).hold_until_ms; }
+  // Idle sessions and held answers whose time has come: false to close.
+  bool Tick(Session& s, Connection& conn, long long now_ms);
+  // The poll events a session waits for, or 0 for the usual ones.
+  short Events(Session& s, Connection& conn) const;
+
+  static long long NowMs();
+
+ private:
+  AccessState& state(Session& s) const;
+  bool open_station() const;
+  void login_done(CLI& cli, Session& s, const std::string& user, ZQSecurity::AccessLevel level,
+                  const char* how, FILE* out);
+  StationSettings& settings_;
+  ServerSettings& server_;
+  Log& log_;
+  std::shared_ptr<ZQSecurity::TLSContext> tls_;
+  ZQSecurity::UserFile users_;
+  bool have_users_ = false;
+  ZQSecurity::LoginThrottle throttle_;
+};
+
+// "--passwd NAME LEVEL" and "--issue-client-cert NAME" are taken out of the
+// arguments before the configuration reads them; Handle() runs the one given
+// once the settings are loaded. -1 when none was given, else the exit code.
+struct AccessOption {
+  std::string option, name, level;
+  bool Take(int& argc, char** argv);
+  int Handle(StationSettings& settings, ServerSettings& server);
+};
+
+}  // namespace station
+
+#endif

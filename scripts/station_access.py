@@ -1,0 +1,293 @@
+#!/usr/bin/env python3
+"""Who may do what at the station, over which channel, checked with
+independent peers (Python's ssl module and the openssl command).
+
+    station_access.py STATION_BINARY STATION_SOURCE_DIR
+
+Starts the station with the shipped configuration (login throttling
+shortened) in a scratch folder, where its first start makes the CA and the
+server certificate, and checks: certificate TLS 1.3 verified against
+tls/ca.pem, refused peers (another CA, anonymous suites, TLS 1.0/1.1),
+mutual TLS, login answers and lock-out, the privilege matrix, private
+session output, idle time-out, and that 64 silent starttls clients do not
+delay a well-behaved one.
+"""
+import os
+import re
+import shutil
+import select
+import signal
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from station_client import Checks, read_until  # noqa: E402
+
+PROMPT = b"station> "
+WORK = tempfile.mkdtemp(prefix="station-access-")
+SANITIZED = bool(os.environ.get("ZQ_SANITIZE"))
+check = Checks()
+
+
+class Client:
+    def __init__(self, port, source="127.0.0.1"):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=(source, 0))
+        self.until(PROMPT)
+
+    def until(self, marker):
+        return read_until(self.sock, marker)
+
+    def ask(self, line, marker=PROMPT):
+        self.sock.sendall(line.encode() + b"\n")
+        return self.until(marker)
+
+    def starttls(self, ctx, host="localhost"):
+        check("OK starting TLS" in self.ask("starttls", b"\r\n"), "starttls answers")
+        self.sock = ctx.wrap_socket(self.sock, server_hostname=host)
+        return self.until(PROMPT)
+
+    def login(self, user, password):
+        self.ask("login", b"user: ")
+        self.ask(user, b"password: ")
+        return self.ask(password)
+
+
+def client_ctx(ca="tls/ca.pem", cert=None):
+    ctx = ssl.create_default_context(cafile=os.path.join(WORK, ca))
+    if cert:
+        ctx.load_cert_chain(os.path.join(WORK, cert + ".pem"), os.path.join(WORK, cert + ".key"))
+    return ctx
+
+
+def refused(port, ctx, host="localhost"):
+    c = Client(port)
+    try:
+        c.starttls(ctx, host)
+        c.ask("status")
+        return False
+    except (ssl.SSLError, OSError):
+        return True
+
+
+def openssl(*args):
+    return subprocess.run(["openssl"] + list(args), cwd=WORK, capture_output=True, timeout=60)
+
+
+def relay_to(port):
+    """A local port that takes one client, does the station's clear-text
+    starttls exchange for it and then passes the bytes both ways, so that a
+    peer without start-TLS support (openssl s_client) can handshake."""
+    listener = socket.create_server(("127.0.0.1", 0))
+
+    def run():
+        peer, _ = listener.accept()
+        station = Client(port)
+        station.ask("starttls", b"\r\n")
+        pair = {peer: station.sock, station.sock: peer}
+        open_ends = set(pair)
+        while open_ends:
+            for r in select.select(list(open_ends), [], [], 20)[0]:
+                data = r.recv(65536)
+                if not data:
+                    open_ends.clear()
+                    break
+                pair[r].sendall(data)
+        peer.close()
+        station.sock.close()
+        listener.close()
+
+    threading.Thread(target=run, daemon=True).start()
+    return listener.getsockname()[1]
+
+
+def s_client(port, ca):
+    args = ["s_client", "-connect", "127.0.0.1:%d" % relay_to(port), "-CAfile", ca, "-verify_return_error",
+            "-verify_hostname", "localhost", "-ign_eof"]
+    return subprocess.run(["openssl"] + args, cwd=WORK, input=b"help\nexit\n", capture_output=True, timeout=60)
+
+
+def start(binary, *overrides):
+    out = open(os.path.join(WORK, "out.txt"), "w+")
+    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
+                             "Login.FirstDelay=300", "Login.MaxDelay=1000", "Login.MaxFailures=3"] + list(overrides),
+                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+    deadline = time.time() + 30
+    while time.time() < deadline:
+        m = re.search(r"tcp port (\d+)", open(out.name).read())
+        if m:
+            return proc, int(m.group(1)), open(out.name).read()
+        time.sleep(0.05)
+    proc.kill()
+    sys.exit("FAIL: the station did not start: " + open(out.name).read())
+
+
+def stop(proc):
+    proc.send_signal(signal.SIGTERM)
+    check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
+
+
+def passwd(binary, name, level, password):
+    return subprocess.run([binary, "--passwd", name, level], cwd=WORK, input=password.encode(),
+                          capture_output=True, timeout=60)
+
+
+# Every station command at every level: the lowest level that may run it.
+MATRIX = [("status", 1), ("io", 1), ("io get 0", 1), ("io set 0", 2), ("io clear 0", 2), ("io toggle 0", 2),
+          ("trace dump", 1), ("trace start", 2), ("trace stop", 2), ("fit", 2), ("hash sha256 station.cfg", 2),
+          ("crc station.cfg", 2), ("config show", 1), ("config set Station.Setpoint 40", 3), ("config save", 3)]
+
+
+def main():
+    binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
+    for name in ("station.cfg",):
+        shutil.copy(os.path.join(source, name), WORK)
+    open(os.path.join(WORK, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
+    check(passwd(binary, "eve", "viewer", "").returncode != 0, "--passwd refuses an empty password")
+    for name, level in (("vic", "viewer"), ("otto", "operator"), ("ada", "admin"), ("carol", "viewer")):
+        check(passwd(binary, name, level, name + "#pw").returncode == 0, "--passwd " + name)
+    check(os.stat(os.path.join(WORK, "station.users")).st_mode & 0o777 == 0o600, "the users file is 0600")
+
+    proc, port, out = start(binary)
+    try:
+        check(re.search(r"SHA-256 ([0-9A-F]{2}:){31}[0-9A-F]{2}", out), "the CA's fingerprint is printed", out)
+        check(os.stat(os.path.join(WORK, "tls/server.key")).st_mode & 0o777 == 0o600, "server.key is 0600")
+        check(subprocess.run([binary, "--issue-client-cert", "carol"], cwd=WORK, capture_output=True,
+                             timeout=60).returncode == 0, "--issue-client-cert")
+        # Another CA, and a client certificate it signed for the same name.
+        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "1",
+                "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=carol")
+
+        # Clear text: nothing but starttls, help and exit.
+        c = Client(port)
+        check("refused before starttls" in c.ask("status"), "RequireTLS refuses commands in clear text")
+        check("refused before starttls" in c.ask("login"), "and login")
+        c.starttls(client_ctx())
+        check(c.sock.version() == "TLSv1.3", "certificate TLS 1.3 verified against tls/ca.pem", c.sock.version())
+        check("log in first" in c.ask("status"), "commands need a login")
+
+        # Login answers: right, wrong, unknown (same answer, same wait per address).
+        check("logged in as otto (operator)" in c.login("otto", "otto#pw"), "the right password logs in")
+        waits = []
+        for source, user in (("127.0.0.2", "otto"), ("127.0.0.3", "nobody")):
+            d = Client(port, source)
+            d.starttls(client_ctx())
+            t = time.time()
+            answer = d.login(user, "wrong")
+            waits.append(time.time() - t)
+            check("login failed" in answer, "a failed login of " + user, answer)
+            d.sock.close()
+        check(min(waits) >= 0.25 and abs(waits[0] - waits[1]) < 0.5, "unknown user and wrong password wait alike",
+              waits)
+        d = Client(port, "127.0.0.4")
+        d.starttls(client_ctx())
+        for _ in range(3):
+            d.login("otto", "wrong")
+        check("login failed" in d.login("otto", "otto#pw"), "three failures lock the address out")
+        d.sock.close()
+
+        # openssl s_client as a second peer, verifying the chain and the name.
+        r = s_client(port, "tls/ca.pem")
+        out = r.stdout.decode(errors="replace")
+        check(r.returncode == 0 and "Verification: OK" in out and "TLSv1.3" in out and "Possible commands" in out,
+              "openssl s_client verifies the station", out[-1500:])
+        check(s_client(port, "other.pem").returncode != 0, "openssl s_client refuses another CA's station")
+
+        # Peers that must not get through.
+        check(refused(port, client_ctx("other.pem")), "a client trusting another CA fails")
+        check(refused(port, client_ctx(), "otherhost"), "a host name the certificate lacks fails")
+        for version in (ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1):
+            ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+            ctx.check_hostname, ctx.verify_mode = False, ssl.CERT_NONE
+            ctx.minimum_version = ctx.maximum_version = version
+            ctx.set_ciphers("ALL:@SECLEVEL=0")
+            check(refused(port, ctx), "%s is refused" % version)
+        # The relay of old: anonymous DH towards the station cannot complete.
+        adh = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        adh.check_hostname, adh.verify_mode = False, ssl.CERT_NONE
+        adh.maximum_version = ssl.TLSVersion.TLSv1_2
+        adh.set_ciphers("ADH:AECDH:@SECLEVEL=0")
+        check(refused(port, adh), "anonymous DH suites are refused")
+
+        # Mutual TLS: a certificate from the CA logs in as its name.
+        m = Client(port)
+        check("logged in as carol (viewer)" in m.starttls(client_ctx(cert="tls/carol")), "a client certificate logs in")
+        check("not permitted" in m.ask("io set 0"), "as a viewer")
+
+        # The privilege matrix from the network.
+        for user, level in (("vic", 1), ("otto", 2), ("ada", 3)):
+            u = Client(port)
+            u.starttls(client_ctx())
+            check("logged in" in u.login(user, user + "#pw"), "login " + user)
+            for line, need in MATRIX:
+                answer = u.ask(line)
+                check(("not permitted" in answer) == (level < need), "%s: %s" % (user, line), answer)
+            u.sock.close()
+
+        # Private output: one client's help and errors never reach the other.
+        a, b = Client(port), Client(port)
+        a.starttls(client_ctx())
+        b.starttls(client_ctx())
+        check("Possible commands" in a.ask("help") and "Unknown command: nosuch" in a.ask("help nosuch"),
+              "help answers its own client")
+        check("Possible commands" not in b.ask("echo") and "nosuch" not in b.ask("help status"),
+              "and nobody else")
+        check("Possible commands" not in open(os.path.join(WORK, "out.txt")).read(), "nor the station's output")
+
+        # A 5 MB password line: the station stays fine.
+        big = Client(port)
+        big.starttls(client_ctx())
+        big.ask("login", b"user: ")
+        big.ask("otto", b"password: ")
+        try:
+            big.sock.sendall(b"x" * 5000000 + b"\n")
+        except OSError:
+            pass
+        big.sock.close()
+        check("logged in" in Client(port).starttls(client_ctx(cert="tls/carol")), "the station serves on")
+
+        # 64 silent starttls clients do not hold up a well-behaved one.
+        silent = [Client(port) for _ in range(16 if SANITIZED else 64)]
+        for s in silent:
+            s.sock.sendall(b"starttls\n")
+        times = []
+        for _ in range(100):
+            t = time.time()
+            m.ask("status")
+            times.append(time.time() - t)
+        times.sort()
+        p99 = times[98]
+        print("p99 of status with %d silent handshakes: %.1f ms" % (len(silent), p99 * 1000))
+        check(p99 < 1.0, "silent handshakes do not delay others", p99)
+        for s in silent:
+            s.sock.close()
+        stop(proc)
+
+        # Required client certificates; idle time-out.
+        proc, port, out = start(binary, "TLS.VerifyPeer=require", "Access.IdleTimeout=1")
+        check(refused(port, client_ctx()), "no client certificate is refused when required")
+        check(refused(port, client_ctx(cert="other")), "one from another CA is refused")
+        r = Client(port)
+        check("logged in as carol" in r.starttls(client_ctx(cert="tls/carol")), "one from the CA is accepted")
+        time.sleep(1.5)
+        check("idle time-out" in r.until(b"closing\r\n"), "an idle session is closed")
+        log = "".join(open(os.path.join(WORK, n)).read() for n in sorted(os.listdir(WORK)) if n.endswith(".log"))
+        check("#pw" not in log and "wrong" not in log, "no password reaches the log")
+        check("audit: carol logged in from 127.0.0.1 as viewer by certificate" in log, "logins are audited")
+        check("audit: login of 'nobody' from 127.0.0.3 failed" in log, "failed logins are audited")
+        check("audit: 127.0.0.1: io set 0 (user carol, viewer, result 1)" in log, "commands are audited")
+        stop(proc)
+        print("station access: %d checks passed" % check.count)
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+        if os.environ.get("KEEP") is None: shutil.rmtree(WORK, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()

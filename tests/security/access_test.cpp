@@ -1,0 +1,207 @@
+// Certificate TLS contexts and handshakes, the users file, login throttling,
+// and the interpreter's session streams and command levels.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "zqcommon/cli.h"
+#include "zqsecurity/loginthrottle.h"
+#include "zqsecurity/sslconnection.h"
+#include "zqsecurity/tlscontext.h"
+#include "zqsecurity/userfile.h"
+
+using namespace ZQSecurity;
+
+namespace {
+
+// A scratch folder with two self-signed certificates made by the openssl
+// command: "a" names localhost and 127.0.0.1, "b" is another key.
+struct Folder {
+  std::string path;
+  Folder() {
+    char tmpl[] = "/tmp/zq-access-XXXXXX";
+    path = mkdtemp(tmpl);
+    for (const char* n : {"a", "b"}) {
+      const std::string cmd = "cd " + path + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
+                              " -days 1 -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1"
+                              " -keyout " + n + ".key -out " + n + ".pem 2>/dev/null";
+      EXPECT_EQ(std::system(cmd.c_str()), 0);
+      chmod((path + "/" + n + ".key").c_str(), 0600);
+    }
+  }
+  ~Folder() { std::system(("rm -rf " + path).c_str()); }
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
+};
+
+std::shared_ptr<TLSContext> context(const Folder& f, bool server, const char* key = "a.key", std::string* err = nullptr) {
+  TLSSettings s;
+  s.CertificateFile = server ? f / "a.pem" : "";
+  s.KeyFile = server ? f / key : "";
+  s.CAFile = f / "a.pem";
+  std::string error;
+  auto ctx = TLSContext::Create(s, server, error);
+  if (err != nullptr) *err = error;
+  return ctx;
+}
+
+}  // namespace
+
+TEST(TLSContext, LoadTimeChecksNameTheFileAndTheReason) {
+  Folder f;
+  chmod((f / "b.key").c_str(), 0644);
+  struct Case {
+    const char* key;
+    const char* value;
+    const char* expect;
+  } cases[] = {
+      {"CertificateFile", "missing.pem", "missing.pem: no such file"},
+      {"KeyFile", "b.key", "b.key: readable by group or others"},
+      {"MinVersion", "1.1", "MinVersion '1.1'"},
+      {"VerifyPeer", "maybe", "VerifyPeer 'maybe'"},
+      {"Ciphers", "NOSUCHCIPHER", "Ciphers 'NOSUCHCIPHER'"},
+      {"CAFile", "a.key", "CAFile"},
+  };
+  for (const Case& c : cases) {
+    TLSSettings s;
+    s.CertificateFile = f / "a.pem";
+    s.KeyFile = f / "a.key";
+    auto* e = &*s.begin();
+    for (auto& entry : s) if (entry.first == c.key) e = &entry;
+    const std::string v = std::string(c.value).find('.') != std::string::npos && c.key[0] != 'M' ? f / c.value : c.value;
+    ASSERT_TRUE(e->second = v);
+    std::string error;
+    EXPECT_EQ(TLSContext::Create(s, true, error), nullptr) << c.key;
+    EXPECT_NE(error.find(c.expect), std::string::npos) << error;
+  }
+  chmod((f / "b.key").c_str(), 0600);
+  std::string error;
+  EXPECT_EQ(context(f, true, "b.key", &error), nullptr);
+  EXPECT_NE(error.find("b.key"), std::string::npos) << error;
+  EXPECT_NE(error.find("mismatch"), std::string::npos) << error;
+  EXPECT_NE(context(f, true), nullptr);
+}
+
+// Both ends of our own, stepped in turn without ever waiting: the client
+// checks the name it expects against the server's certificate.
+TEST(SSLConnection, CertificateHandshakeChecksTheHostName) {
+  signal(SIGPIPE, SIG_IGN);  // OpenSSL's socket writes raise it when a refused peer has gone
+  Folder f;
+  auto server_ctx = context(f, true), client_ctx = context(f, false);
+  ASSERT_TRUE(server_ctx && client_ctx);
+  for (const auto& c : {std::make_pair("localhost", true), std::make_pair("127.0.0.1", true),
+                        std::make_pair("other.example", false), std::make_pair("10.0.0.1", false)}) {
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    SSLConnection server, client;
+    server.SetSocket(&fds[0]);
+    client.SetSocket(&fds[1]);
+    server.SSL_use_context(server_ctx);
+    client.SSL_use_context(client_ctx, c.first);
+    int s = 0, k = 0;
+    for (int i = 0; i < 1000 && (s == 0 || k == 0); ++i) {
+      if (k == 0) k = client.SSL_handshake_step(false);
+      if (s == 0) s = server.SSL_handshake_step(true);
+    }
+    EXPECT_EQ(k == 1, c.second) << c.first << ": " << client.TLSError();
+    if (!c.second) continue;
+    EXPECT_EQ(client.TLSVersion(), "TLSv1.3");
+    EXPECT_EQ(server.PeerIdentity(), "");  // no client certificate
+    client.writeln("over TLS");
+    std::string line;
+    server.readln(line, false, Connection::wait_1s);
+    EXPECT_EQ(line, "over TLS");
+  }
+}
+
+TEST(UserFile, SaveLoadVerifyAndRefusedLines) {
+  Folder f;
+  UserFile users;
+  std::string error;
+  EXPECT_FALSE(users.Set("bad name", kViewer, "pw", error));
+  EXPECT_FALSE(users.Set("otto", kOperator, "", error));
+  ASSERT_TRUE(users.Set("otto", kOperator, "pw#1", error)) << error;
+  ASSERT_TRUE(users.Save(f / "users", error)) << error;
+  struct stat st {};
+  ASSERT_EQ(stat((f / "users").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  UserFile loaded;
+  ASSERT_TRUE(loaded.Load(f / "users", error)) << error;
+  EXPECT_EQ(loaded.Verify("otto", "pw#1"), kOperator);
+  EXPECT_EQ(loaded.Verify("otto", "pw#2"), kNoAccess);
+  EXPECT_EQ(loaded.Verify("nobody", "pw#1"), kNoAccess);
+  EXPECT_EQ(UserLevel(f / "users", "otto"), kOperator);
+
+  const std::string hash = UserFile::MakeHash("x");
+  struct Case {
+    std::string text, expect;
+  } cases[] = {
+      {"[users]\nbob = king:" + hash, ":2: unknown level"},
+      {"[users]\n\nbob = admin:md5$abc", ":3: malformed hash"},
+      {"[users]\nbob = admin:scrypt$1073741824$8$1$00$00", ":2: malformed hash"},  // a cost nobody should pay
+      {"[users]\nb/b = admin:" + hash, ":2: invalid user name"},
+      {"[users]\njust text", ":2: expected name = level:hash"},
+  };
+  for (const Case& c : cases) {
+    std::ofstream(f / "bad") << c.text << "\n";
+    EXPECT_FALSE(loaded.Load(f / "bad", error));
+    EXPECT_NE(error.find(c.expect), std::string::npos) << error;
+  }
+  EXPECT_EQ(loaded.LevelOf("otto"), kOperator);  // a failed load keeps what was there
+}
+
+TEST(LoginThrottle, DelaysDoubleAndFailuresLockOut) {
+  LoginThrottleSettings s;
+  LoginThrottle t(s);
+  const long long expected[] = {1000, 2000, 4000, 8000, 16000, 30000};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(t.Locked("a", i), i >= 5) << i;
+    EXPECT_EQ(t.Failed("a", i), expected[i]);
+  }
+  EXPECT_FALSE(t.Locked("b", 10));
+  EXPECT_TRUE(t.Locked("a", 600000));
+  EXPECT_FALSE(t.Locked("a", 600010));
+  t.Failed("b", 700000);  // expires the old records
+  EXPECT_EQ(t.Tracked(), 1u);
+  t.Succeeded("b");
+  EXPECT_EQ(t.Tracked(), 0u);
+}
+
+TEST(CLI, SessionStreamsAndCommandLevels) {
+  FILE* in = std::fopen("/dev/null", "r");
+  FILE* out = std::tmpfile();
+  CLI cli(in, out, out);
+  cli.SetStandardStreams(out, out);
+  static int runs = 0;
+  cli.Register([](void*, int, const char**) { return ++runs, 0; }, nullptr, "io", nullptr, "io");
+  cli.SetCommandLevel("io", 1);
+  cli.SetCommandLevel("io  set", 2);
+  cli.SetSessionLevel(1);
+  struct Case {
+    const char* line;
+    bool runs;
+  } cases[] = {{"io", true}, {"io get 1", true}, {"io set 1", false}, {"io  set 1", false}, {"help", true}};
+  for (const Case& c : cases) {
+    std::string line = c.line;
+    const int before = runs;
+    cli.parse(line);
+    EXPECT_EQ(runs != before || std::string(c.line) == "help", c.runs) << c.line;
+  }
+  std::string line = "help nosuch";
+  cli.parse(line);
+  std::fflush(out);
+  std::rewind(out);
+  char buf[4096] = {};
+  std::fread(buf, 1, sizeof buf - 1, out);
+  const std::string text = buf;
+  EXPECT_NE(text.find("io: not permitted for this session"), std::string::npos) << text;
+  EXPECT_NE(text.find("Possible commands"), std::string::npos);
+  EXPECT_NE(text.find("Unknown command: nosuch"), std::string::npos);
+  std::fclose(out);
+  std::fclose(in);
+}
