@@ -116,8 +116,7 @@ bool SSLConnection::SSL_start_TLS(bool server) {
     return false;
   }
   if (!new_ssl()) {
-    if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object
-", kStartTLS, 186);
+    if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object\n", kStartTLS, 186);
     return false;
   }
   SSL* ssl = session_->ssl;
