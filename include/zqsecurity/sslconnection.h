@@ -14,6 +14,8 @@ typedef struct ssl_ctx_st SSL_CTX;
 
 namespace ZQSecurity {
 
+class TLSContext;
+
 // A Connection that keeps an OpenSSL BIO on its descriptor from the start and
 // switches to TLS (1.2 at most, anonymous Diffie-Hellman, no certificates)
 // when both sides call SSL_start_TLS at an agreed point of the clear-text
@@ -24,8 +26,6 @@ namespace ZQSecurity {
 // connection in clear text (IsEncrypted() false); nothing throws, set-up
 // errors are printed unless DEBUG_LEVEL is negative. Copies share the OpenSSL
 // objects, which go with the last of them.
-class TLSContext;
-
 class ZQ_EXPORT SSLConnection : public Connection {
  public:
   SSLConnection();
