@@ -5,9 +5,11 @@
 // Prints one line per file and method, "METHOD  DIGEST  SIZE  FILE", where
 // METHOD is any digest the linked OpenSSL knows ("sha1", "sha256", ...) or the
 // built-in "crc32"/"crc16" (host byte order, as the library stores them).
-// -l lists the methods the installed tool reports. Exit status 1 when a file
-// could not be read or a method is unknown.
+// -l lists the methods the installed tool reports; --version prints the
+// library's information table. Exit status 1 when a file could not be read or
+// a method is unknown.
 #include <zqcommon/functions.h>
+#include <zqcommon/library_info.h>
 #include <zqsecurity/hash.h>
 
 #include <cstdio>
@@ -27,7 +29,7 @@ bool read_file(const std::string& path, std::string& contents) {
 }
 
 int usage() {
-  std::fputs("usage: zqsum [-m METHOD[,METHOD...]] [-l] FILE...\n", stderr);
+  std::fputs("usage: zqsum [-m METHOD[,METHOD...]] [-l] [--version] FILE...\n", stderr);
   return 2;
 }
 
@@ -40,6 +42,11 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     if (arg == "-m" && i + 1 < argc) {
       methods = argv[++i];
+    } else if (arg == "--version") {
+      for (const char* const* line = zqcommon_LIBRARYINFO; *line != nullptr; ++line) {
+        std::printf("%s\n", *line);
+      }
+      return 0;
     } else if (arg == "-l") {
       std::printf("%s\n", ZQSecurity::Hash::supportedMethods().c_str());
       return 0;

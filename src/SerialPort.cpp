@@ -1,5 +1,7 @@
 #include "zqcommon/SerialPort.h"
 
+#include "zqcommon/diagnostics.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -88,8 +90,8 @@ bool CSerialPort::Open(Ports port, BaudRate speed, unsigned int databits, Parity
     tcsetattr(fd, TCSANOW, &t);
   }
   Reset();
-  std::printf("Serial Port %s[%i] open = %i.\n", path, static_cast<int>(speed), IsOpen() ? 1 : 0);
-  std::fflush(stdout);
+  zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kOutput, "Serial Port %s[%i] open = %i.\n", path,
+                             static_cast<int>(speed), IsOpen() ? 1 : 0);
   return IsOpen();
 }
 

@@ -215,6 +215,8 @@ void Connection::consumed() {
   }
 }
 
+int Connection::getline(std::string& s, int timeout) { return getline(s, timeout, false); }
+
 int Connection::getline(std::string& s, int timeout, bool lost_is_empty) {
   skip_terminators(rbuf.size());
   auto p = line_end(rbuf.size());

@@ -10,6 +10,7 @@
 
 #include "chartype.h"
 #include "zqcommon/bug.h"
+#include "zqcommon/diagnostics.h"
 #include "zqcommon/mysocket.h"
 
 int get_ifmac(const std::string& ifname, std::string& mac) {
@@ -33,7 +34,7 @@ int get_allmac(std::string& list) {
   FILE* f = std::fopen("/proc/net/dev", "r");
   if (f == nullptr) {
     if (DEBUG_LEVEL >= 0) {
-      std::fprintf(stderr, "zqcommon: ERROR getting net config from /proc/net/dev, error: %i\n",
+      zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "zqcommon: ERROR getting net config from /proc/net/dev, error: %i\n",
                    errno);
     }
     return 1;

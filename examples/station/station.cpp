@@ -404,6 +404,7 @@ int main(int argc, char** argv) {
   log.journal_prefix = std::getenv("JOURNAL_STREAM") != nullptr;  // journald reads "<N>"
   log.Start();
   station::Service service(cfg, all, retention, log);
+  station::RouteDiagnosticsToLog(log);
   log.Add(elog_INFO, 0, "station starting, configuration %s, debug level %d",
           cfg.getfilename().c_str(), DEBUG_LEVEL);
   const int rc = run(cfg, logcfg, log, settings, server, service);
@@ -413,6 +414,7 @@ int main(int argc, char** argv) {
   const int fds = count_entries("/proc/self/fd") - 1;
   log.Add(elog_INFO, 0, "stopped: %d thread(s) (%d at start), %d descriptors (%d at start, %d for the log)",
           threads, threads_at_start, fds, fds_at_start, log.f != nullptr ? 1 : 0);
+  station::StopRoutingDiagnostics();
   log.Flush();
   return rc;
 }

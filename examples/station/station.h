@@ -210,6 +210,10 @@ zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::st
 // Loads the sections of `server.access_cfg`.
 void load_access(Config_File& cfg, ServerSettings& server);
 
+// The library's diagnostics as log entries (diagnostics_log.cpp).
+void RouteDiagnosticsToLog(Log& log);
+void StopRoutingDiagnostics();
+
 // The type and range of every setting; values outside are refused.
 const zqcommon::Setting_Check& setting_rules();
 // Whether the setting names files, folders, addresses or ports (or is a log

@@ -4,6 +4,8 @@
 
 #include <termios.h>
 
+#include "zqcommon/export.h"
+
 // Opens a serial device with a speed, character size, parity and stop bits,
 // and reads and writes bytes without waiting. Close() (and the destructor)
 // puts back the terminal settings found at open. Modem status and control
@@ -20,7 +22,7 @@
 //
 // The device paths live in the table PortName, which a program (or a test,
 // with a pseudo-terminal) may point elsewhere before opening.
-class CSerialPort {
+class ZQ_EXPORT CSerialPort {
  public:
   enum Ports { pCOM1 = 0, pCOM2 = 1, pCOM3 = 2, pCOM4 = 3 };
   // The values are the Linux terminal speed codes.

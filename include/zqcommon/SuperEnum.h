@@ -5,6 +5,8 @@
 #include <cassert>
 #include <string>
 
+#include "zqcommon/export.h"
+
 // A value of the enumeration E together with E's fixed tables of values,
 // short names (the form used in text) and descriptions, so that it can be
 // written to and read from configuration files and logs.
@@ -299,10 +301,10 @@ class SuperEnumSet {
 // Declares the table specialisations of SuperEnum<E>; use it in the header
 // that declares E, at global scope, and define them in one source file.
 #define ZQ_SUPERENUM_DECLARE(E)                 \
-  template <> const int SuperEnum<E>::SIZE;     \
-  template <> const int SuperEnum<E>::ROWS;     \
-  template <> const E SuperEnum<E>::_vals[];    \
-  template <> const char* const SuperEnum<E>::_texts[]; \
-  template <> const char* const SuperEnum<E>::_descr[]
+  template <> ZQ_EXPORT const int SuperEnum<E>::SIZE;     \
+  template <> ZQ_EXPORT const int SuperEnum<E>::ROWS;     \
+  template <> ZQ_EXPORT const E SuperEnum<E>::_vals[];    \
+  template <> ZQ_EXPORT const char* const SuperEnum<E>::_texts[]; \
+  template <> ZQ_EXPORT const char* const SuperEnum<E>::_descr[]
 
 #endif

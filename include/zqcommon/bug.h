@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "zqcommon/export.h"
+#include "zqcommon/diagnostics.h"
+
 // The library's diagnostic verbosity. It starts at 0, where the library prints
 // no diagnostics at all; every diagnostic is written to standard error only
 // when the level is greater than the message's threshold. Nothing in the
@@ -19,14 +22,16 @@
 //   > 49  values found, with their line numbers
 //   > 99  defaults returned for missing items; each case-insensitive comparison
 //   > 100 each section search
-extern int _DEBUG_LEVEL;
+extern ZQ_EXPORT int _DEBUG_LEVEL;
 #define DEBUG_LEVEL _DEBUG_LEVEL
 
-// Writes a printf-style diagnostic to standard error when DEBUG_LEVEL exceeds
+// Writes a printf-style diagnostic (to standard error unless the program
+// installed a sink, see zqcommon/diagnostics.h) when DEBUG_LEVEL exceeds
 // `threshold`. The arguments are not evaluated when the level is too low.
-#define ZQ_DEBUG(threshold, ...)                                         \
-  do {                                                                   \
-    if (_DEBUG_LEVEL > (threshold)) std::fprintf(stderr, __VA_ARGS__);   \
+#define ZQ_DEBUG(threshold, ...)                                                    \
+  do {                                                                              \
+    if (_DEBUG_LEVEL > (threshold))                                                 \
+      ::zqcommon::DiagnosticPrintf(::zqcommon::DiagnosticStream::kError, __VA_ARGS__); \
   } while (0)
 
 // Reads the information table of a shared library. The library named N is
@@ -41,6 +46,6 @@ extern int _DEBUG_LEVEL;
 // before a later file name opened) or the symbol is missing, that text is the
 // only element of `info` and the result is false. The library is closed again
 // before the call returns, so the strings are copies.
-bool GetLibraryInfo(const std::string& library, std::vector<std::string>& info);
+ZQ_EXPORT bool GetLibraryInfo(const std::string& library, std::vector<std::string>& info);
 
 #endif

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "zqcommon/export.h"
+
 class CLI_Editor;
 
 // A command: its registration argument, the word count and the words (the
@@ -29,11 +31,12 @@ typedef int (*CLI_func)(void* arg, int argc, const char** argv);
 // Variables are substituted with the long-standing rules ($NAME, $$, $?).
 // The history keeps the newest entries (1000 by default). One thread drives
 // an interpreter; nothing is locked; update() never waits for input.
-class CLI {
+class ZQ_EXPORT CLI {
  public:
   struct CLI_cmd_map_entry;
   typedef std::map<std::string, CLI_cmd_map_entry*> cmd_map;
 
+  // One command: its function, argument, help text and sub-commands.
   struct CLI_cmd_map_entry {
     CLI_func cb = nullptr;
     void* arg = nullptr;

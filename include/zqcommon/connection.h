@@ -6,10 +6,11 @@
 #include <string>
 
 #include "zqthreads/lockable.h"
+#include "zqcommon/export.h"
 
 // The write buffer of a Connection: bytes waiting to be sent, of which the
 // first `rp` were sent already.
-class ConnectionBuffer {
+class ZQ_EXPORT ConnectionBuffer {
  public:
   explicit ConnectionBuffer(int size) : maxbufsize(size) {}
   void clear() {
@@ -48,7 +49,7 @@ class ConnectionBuffer {
 // write buffer and its closing: threads that share one hold its lock around
 // their reads and writes. Copies share the descriptor pointer and the write
 // buffer; destroy at most one of them while the other is in use.
-class Connection : public lockable {
+class ZQ_EXPORT Connection : public lockable {
  public:
   static const int wait_1s = 1000000;
   static const int wait_1ms = 1000;
@@ -116,9 +117,10 @@ class Connection : public lockable {
   virtual int read_core(void* buffer, int len, int timeout);
   virtual int write_core(const void* buffer, int len, int timeout);
   virtual bool IsData_core(int timeout);
+  int getline(std::string& s, int timeout);
   // With `lost_is_empty`, a stream found ended by the first read gives 0 (an
   // empty line) and leaves the connection marked lost, as readln promises.
-  int getline(std::string& s, int timeout, bool lost_is_empty = false);
+  int getline(std::string& s, int timeout, bool lost_is_empty);
   void close_core(bool lock);
   bool holds_descriptor() const { return fd != nullptr && *fd >= 0; }
 

@@ -7,6 +7,7 @@
 #include "zqcommon/mysocket.h"
 #include "zqcommon/mystorage.h"
 #include "zqthreads/oothread.h"
+#include "zqcommon/export.h"
 
 class Config_File;
 
@@ -25,7 +26,7 @@ class Config_File;
 // so the application can take peers while the thread accepts. The access list
 // loaded from the "ACL" key is kept but does not screen peers unless the
 // application hands a list to the listening socket with SetAcl().
-class Connection_Server : public thread, public MySocketServer {
+class ZQ_EXPORT Connection_Server : public thread, public MySocketServer {
  public:
   // Reads "ListenPort", "MaxConnections", "Interface", "ACL" and the optional
   // "ListenBacklog" (absent: 5) from

@@ -7,6 +7,8 @@
 #include <map>
 #include <string>
 
+#include "zqcommon/export.h"
+
 // A table of shared libraries keyed by the name the caller gave.
 //
 // A name N is opened by trying "libN.so", "libN.la", "N.so" and "N.la" in that
@@ -18,7 +20,7 @@
 // the caller's error string; nothing is printed and nothing throws.
 //
 // Not locked: one loader serves one thread at a time.
-class DynLibLoader {
+class ZQ_EXPORT DynLibLoader {
  public:
   // Starts with an empty table and loads `name`; see error and the look-ups.
   DynLibLoader(const std::string& name, std::string& error, int flag = RTLD_LAZY);

@@ -11,6 +11,7 @@
 #include "zqcommon/SuperEnum.h"
 #include "zqcommon/lib_config.h"
 #include "zqcommon/stringize.h"
+#include "zqcommon/export.h"
 
 namespace zqcommon {
 
@@ -45,7 +46,7 @@ typedef SuperEnumSet<Config_DataAcessMode> Config_Access;
 typedef bool (*Config_Resolver)(int op, void* object, std::string& text);
 
 // The predefined access sets; constant, so usable during static start-up.
-struct Config_Data_Init {
+struct ZQ_EXPORT Config_Data_Init {
   Config_Access R, RW, L, S, LS, NONE, FULL;
 };
 inline constexpr Config_Data_Init Config_Data_INIT = {
@@ -62,7 +63,7 @@ class Config_Data;
 
 // One registered member: where it lives, its kind and how it converts to and
 // from text. Owned by its Config_Data; the member itself is the program's.
-class Config_Data_Entry {
+class ZQ_EXPORT Config_Data_Entry {
  public:
   Config_Data_Entry() = default;
   Config_Data_Entry(Config_Data* owner, const std::string& name, Config_DataTypes type,
@@ -123,7 +124,7 @@ class Config_Data_Entry {
 // object). Look-ups throw std::underflow_error("No entry at all") when nothing
 // is registered and std::invalid_argument("No such entry") or, for a dotted
 // path, ("No such path to entry"). Not locked.
-class Config_Data {
+class ZQ_EXPORT Config_Data {
  public:
   static constexpr const char* EW_UNIT_IDENTIFIER = "_U{";
   static constexpr const char* EW_ACCESS_IDENTIFIER = "_A{";

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "zqcommon/export.h"
+
 enum IOResult {
   IOR_SUCCESS = 0,
   IOR_INVALID = 1,   // no handler with that id
@@ -15,7 +17,7 @@ enum IOResult {
 // override the sizes and the byte transfers; the base class has no bytes and
 // answers IOR_FAIL (stored in last_result) to every transfer. A handler in
 // error is skipped by IOControl. The name is not copied.
-class IOHandler {
+class ZQ_EXPORT IOHandler {
  public:
   IOHandler(unsigned int id, const char* name) : id(id), name(name) {}
   virtual ~IOHandler() = default;
@@ -49,7 +51,7 @@ class IOHandler {
 
 // A handler without hardware: eight bytes that serve as both its inputs and
 // its outputs (id 0, name "Sim-IO"). Indexes above 7 answer IOR_FAIL.
-class SimIOHandler : public IOHandler {
+class ZQ_EXPORT SimIOHandler : public IOHandler {
  public:
   SimIOHandler() : IOHandler(0, "Sim-IO") {}
   unsigned int isize() override { return 8; }
@@ -60,7 +62,8 @@ class SimIOHandler : public IOHandler {
   uint8_t data[8] = {};
 };
 
-struct IOHandlerList {
+// Where one handler's bytes sit in the process image.
+struct ZQ_EXPORT IOHandlerList {
   unsigned int iofs = 0;  // first input byte of the handler in the image
   unsigned int oofs = 0;  // first output byte
   IOHandler* handler = nullptr;
@@ -75,7 +78,7 @@ struct IOHandlerList {
 // n % 8 of its byte n / 8. The output masks are kept but not applied; the
 // previous-input image is the caller's to update. No locks: one thread or
 // callers that serialise.
-class IOControl {
+class ZQ_EXPORT IOControl {
  public:
   // The first buffer becomes the previous-input image and the second the
   // input image; the order is part of the interface.

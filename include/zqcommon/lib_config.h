@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "zqcommon/export.h"
+
 class Config_File;
 class LINE;
 
@@ -17,7 +19,7 @@ class LINE;
 // after the '#' (the blank that usually follows it included), or "" when the
 // line has none. Assigning rewrites the comment in the line's text. Valid as
 // long as its LINE lives.
-class comment_string {
+class ZQ_EXPORT comment_string {
  public:
   explicit comment_string(LINE& l) : line(l) {}
   operator std::string() const;
@@ -31,7 +33,7 @@ class comment_string {
 // are 32-bit offsets into `data`, or LINE::none. Lines are built
 // from text by classification (section header, entry, or filler for comments,
 // blanks and malformed lines), repairing what can be repaired.
-class LINE {
+class ZQ_EXPORT LINE {
  public:
   enum eLineTypes { SECTION = 0, ENTRY = 1, FILLER = 2 };
   typedef uint32_t position;
@@ -76,7 +78,7 @@ class LINE {
 // Config_File. Owns nothing: valid while the Config_File lives and is not
 // cleared. Entries added through add_entry() are stored in the file but not
 // appended to this object.
-class SECTION : public std::vector<LINE*> {
+class ZQ_EXPORT SECTION : public std::vector<LINE*> {
  public:
   SECTION() = default;
   SECTION(Config_File* owner, int header) : cfg(owner), startline(header) {}
@@ -107,12 +109,14 @@ class SECTION : public std::vector<LINE*> {
 // stay valid until clear(). Lines live in a deque; a sorted index of
 // (number, slot) pairs orders them, which costs 8 bytes a line instead of a
 // tree node.
-class LineTable {
+class ZQ_EXPORT LineTable {
  public:
+  // A line number and the line's index in the table's storage.
   struct Slot {
     int number;
     uint32_t index;
   };
+  // Walks the lines in ascending number order.
   class iterator {
    public:
     iterator(LineTable* table, std::vector<Slot>::iterator it) : table_(table), it_(it) {}
@@ -161,7 +165,7 @@ class LineTable {
 // get_section(), get_line() and SECTION look-ups throw std::invalid_argument
 // or std::underflow_error with fixed texts. Diagnostics go to standard error,
 // gated by DEBUG_LEVEL. Not thread-safe: read configuration at start-up.
-class Config_File {
+class ZQ_EXPORT Config_File {
  public:
   // The longest line text read; a longer one ends the parse after this many
   // characters.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "zqcommon/ew.h"
+#include "zqcommon/export.h"
 
 // Entry types as single bits, so that they combine into masks.
 enum eLog_Type {
@@ -19,7 +20,7 @@ enum eLog_Type {
 };
 
 // One log entry. A plain structure.
-struct Log_Entry {
+struct ZQ_EXPORT Log_Entry {
   // The file letter of each type value: "?PE?W???I???????D" (index 1 = P,
   // 2 = E, 4 = W, 8 = I, 16 = D, every other index '?').
   static const char eLogTypeS[18];
@@ -50,7 +51,7 @@ struct Log_Entry {
 // FlushCycle (flush every this many Add calls) and CreatePermissions (mode of
 // a new file, 0400 by default: the writing descriptor may still write).
 // A MaxMemEntries of 0 keeps no entries; a FlushCycle of 0 or less counts as 1.
-class Log_Config_Data : public zqcommon::Config_Data {
+class ZQ_EXPORT Log_Config_Data : public zqcommon::Config_Data {
  public:
   Log_Config_Data();
   // Registers the members, sets the defaults and loads `section` from `file`.
@@ -84,7 +85,7 @@ class Log_Config_Data : public zqcommon::Config_Data {
 // are silent: a file that cannot be opened leaves the log without a file (its
 // lines are dropped) until the next Next(). Once the queue is full, Add()
 // makes no heap allocation: the oldest node is reused for the newest entry.
-class Log : public std::list<Log_Entry> {
+class ZQ_EXPORT Log : public std::list<Log_Entry> {
  public:
   explicit Log(Log_Config_Data& config);
   ~Log();

@@ -10,12 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include "zqcommon/export.h"
+
 // The result of a host look-up: the official name, the aliases and the
 // addresses as dotted quads. A name that does not resolve leaves the text of
 // its inet_addr() value in the address list (255.255.255.255 for a host name).
 // Look-ups use the reentrant resolver calls, so threads may resolve at the
 // same time; hinfo points into storage this object (and its copies) share.
-class InetAddress {
+class ZQ_EXPORT InetAddress {
  public:
   // Resolves `name` (with a reverse look-up for a dotted quad).
   explicit InetAddress(const std::string& name);
@@ -47,7 +49,7 @@ class InetAddress {
 // A TCP descriptor with its peer. Owns the descriptor: Disconnect() and the
 // destructor shut it down and close it. Blocking calls; failures are the raw
 // results of send/recv or -1. One thread at a time.
-class MySocket : public InetAddress {
+class ZQ_EXPORT MySocket : public InetAddress {
  public:
   MySocket(const std::string& name, int sock, int port);
   // The same without a reverse look-up when `noreverse`.
@@ -74,7 +76,7 @@ class MySocket : public InetAddress {
 };
 
 // A socket that connects out.
-class MySocketClient : public MySocket {
+class ZQ_EXPORT MySocketClient : public MySocket {
  public:
   MySocketClient() : MySocket("", -1, 0) {}
   // Connects to the first address of `host`; the descriptor or -1.
@@ -100,7 +102,7 @@ typedef std::vector<std::pair<InetAddress*, unsigned int>> Access_Addr;
 // matched as the IPv4 address they carry, and IPv4 peers match IPv6 rules
 // through their mapped form. IPv4 rules and peers give the results they
 // always gave.
-class AccessList : public std::map<ACL_Mode, Access_Addr*> {
+class ZQ_EXPORT AccessList : public std::map<ACL_Mode, Access_Addr*> {
  public:
   AccessList();
   AccessList(ACL_Mode m, InetAddress* a, unsigned int mask);
@@ -139,7 +141,7 @@ class AccessList : public std::map<ACL_Mode, Access_Addr*> {
 // want of descriptors, null after a 10 ms pause); IsPending() polls. A returned peer
 // belongs to the caller at once (From() still shows it until the next call);
 // the server deletes only a refused peer it still holds. Not locked.
-class MySocketServer : public MySocket {
+class ZQ_EXPORT MySocketServer : public MySocket {
  public:
   explicit MySocketServer(AccessList* acl = nullptr);
   ~MySocketServer() override;
@@ -191,9 +193,9 @@ class MySocketServer : public MySocket {
 
 // The hardware address of interface `ifname` as "00:1a:2b:3c:4d:5e"; 0 on
 // success, otherwise the failing ioctl's result (and `mac` empty).
-int get_ifmac(const std::string& ifname, std::string& mac);
+ZQ_EXPORT int get_ifmac(const std::string& ifname, std::string& mac);
 // "name;mac;" for every interface of /proc/net/dev that has a hardware
 // address; 0 when at least one was listed, 1 otherwise.
-int get_allmac(std::string& list);
+ZQ_EXPORT int get_allmac(std::string& list);
 
 #endif

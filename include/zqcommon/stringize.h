@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "zqcommon/export.h"
+
 namespace zqcommon {
 
 // A value that lives as text. Configuration structures register such objects
@@ -12,7 +14,7 @@ namespace zqcommon {
 // item (for set-like values) and answer false unless a subclass supports them.
 // Copying a stringize copies nothing but the interface; subclasses copy their
 // own state.
-class stringize {
+class ZQ_EXPORT stringize {
  public:
   stringize() = default;
   stringize(const stringize&) {}

@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "zqthreads/oothread.h"
+#include "zqcommon/export.h"
 
 // An application object that records samples into a buffer of its own when
 // asked to. The manager calls these under its lock.
-class Trace {
+class ZQ_EXPORT Trace {
  public:
   explicit Trace(const std::string& name = "", unsigned int granularity = 10)
       : tracename(name), gran(granularity) {}
@@ -43,7 +44,7 @@ class Trace {
 };
 
 // One slot of a trace manager: a trace (not owned) and its recording settings.
-struct TM_TStruct {
+struct ZQ_EXPORT TM_TStruct {
   static constexpr unsigned int kEndless = 4294967295u;
 
   Trace* trace = nullptr;
@@ -56,7 +57,7 @@ struct TM_TStruct {
 };
 
 // A list of trace slots, indexed from 0. Not locked; see TTraceManager.
-class TraceManager : public std::vector<TM_TStruct> {
+class ZQ_EXPORT TraceManager : public std::vector<TM_TStruct> {
  public:
   TraceManager() = default;
   // The other manager's traces with fresh settings.
@@ -84,7 +85,7 @@ class TraceManager : public std::vector<TM_TStruct> {
 // cycle, holds the manager's recursive lock; the traces' own operations run
 // inside it. Setters ignore indexes out of range, getters answer neutral
 // values. Start the thread with Start(nullptr); the destructor stops it.
-class TTraceManager : public thread, public TraceManager {
+class ZQ_EXPORT TTraceManager : public thread, public TraceManager {
  public:
   TTraceManager() = default;
   ~TTraceManager() override;

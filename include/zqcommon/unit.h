@@ -5,6 +5,7 @@
 #include <array>
 
 #include "zqcommon/enuminfo.h"
+#include "zqcommon/export.h"
 
 enum eUnits {
   eu_num = 0,
@@ -31,7 +32,7 @@ typedef std::array<double, 8> SI;
 // unit to its row. Info is built during static initialisation and never
 // changes afterwards, so look-ups from any thread are safe. How kinds and
 // scales combine into conversions is up to the program.
-class Unit {
+class ZQ_EXPORT Unit {
  public:
   static const EnumInfo<eUnits, SI> UnitInfo[eunMax];
   static const EnumList<eUnits, SI> Info;

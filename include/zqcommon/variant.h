@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "zqcommon/export.h"
+
 enum VariantType {
   VAL_NULL = 0,
   VAL_INT = 1,
@@ -30,7 +32,7 @@ enum VariantType {
 // texts, then binary blocks, both byte by byte.
 //
 // Not thread-safe; one owner at a time.
-class Variant {
+class ZQ_EXPORT Variant {
  public:
   Variant() = default;
   Variant(long long v);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "zqcomponents/types.h"
+#include "zqcommon/export.h"
 
 namespace components {
 
@@ -13,7 +14,7 @@ namespace components {
 // thresholds by which repeated signals of one severity count as the next
 // higher one. Plain fixed-size data (no heap), no lock: the owning component
 // serialises access.
-class OneError {
+class ZQ_EXPORT OneError {
  public:
   static constexpr unsigned int kDisabled = 4294967295u;
 

@@ -8,11 +8,12 @@
 #include <vector>
 
 #include "zqcomponents/types.h"
+#include "zqcommon/export.h"
 
 namespace components {
 
 // An object whose state is recorded by a component TraceManager.
-class Traceable {
+class ZQ_EXPORT Traceable {
  public:
   // One recorded sample: the cycle and time given to Sample(), and the values
   // as text (several separated by ';').
@@ -39,7 +40,7 @@ class Traceable {
 
 // One slot of a component trace table: plain data of fixed size, so the table
 // can live in memory shared with other processes.
-struct TraceData {
+struct ZQ_EXPORT TraceData {
   unsigned int granularity = 0;  // sample every this many cycles (0 and 1: every cycle)
   bool cyclic = false;
   bool differential = false;
@@ -85,7 +86,7 @@ struct TraceData {
 // table; traces are not owned. No lock: the owning component calls Sample()
 // and Dump() from its own cycle. Out-of-range indexes and a full table are
 // programming errors (assertions; without them AddTrace answers kNone).
-class TraceManager {
+class ZQ_EXPORT TraceManager {
  public:
   static constexpr unsigned int kNone = 4294967295u;
 

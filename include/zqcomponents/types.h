@@ -7,6 +7,7 @@
 #include <string>
 
 #include "zqcommon/SuperEnum.h"
+#include "zqcommon/export.h"
 
 namespace components {
 
@@ -24,7 +25,7 @@ typedef SuperEnum<eSeverity> Severity;
 // holding it can live in shared or real-time memory. Texts are cut at 127
 // characters: the buffer always ends with a zero. The rest of the buffer is
 // zero-padded. Plain data: copy it freely.
-class fixed_string {
+class ZQ_EXPORT fixed_string {
  public:
   static constexpr size_t kCapacity = 128;
 

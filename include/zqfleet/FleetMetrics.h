@@ -28,6 +28,7 @@ namespace zqfleet {
 // two threads at once. Owned by the program.
 class ZQ_EXPORT FleetMetrics {
  public:
+  // The figures one update publishes.
   struct Figures {
     CycleStats::Snapshot cycles;
     std::vector<std::pair<std::string, int>> severities;    // error record -> severity

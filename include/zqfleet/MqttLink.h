@@ -36,12 +36,14 @@ namespace zqfleet {
 // callers own goes away. Failures are results: false with a reason.
 class ZQ_EXPORT MqttLink {
  public:
+  // A command received through the broker.
   struct Request {
     std::string identity;        // the topic's last level after cmd/, or empty
     std::string payload;
     std::string response_topic;  // empty: the requester wants no answer
     std::string correlation;     // opaque bytes, returned as given
   };
+  // The link's state and counts so far.
   struct Counters {
     bool connected = false;
     uint64_t connects = 0;       // successful connections so far

@@ -4,8 +4,10 @@
 
 #include <cmath>
 
+#include "zqcommon/export.h"
+
 // A plain value: an angle held in radians.
-class Angle {
+class ZQ_EXPORT Angle {
  public:
   static constexpr double kPi = 3.14159265358979323846;
 

@@ -81,13 +81,13 @@ class CMatrix {
 
   T& operator()(int i, int j) {
     if (i < Dim1() && j < Dim2()) return m_mat[i][j];
-    std::cerr << "Matrix Access to Element:: " << i << ", " << j << " denied:\n";
+    zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "Matrix Access to Element:: %i, %i denied:\n", i, j);
     static T dummy;
     return dummy;
   }
   const T& operator()(int i, int j) const {
     if (i < Dim1() && j < Dim2()) return m_mat[i][j];
-    std::cerr << "Matrix Access to Element:: " << i << ", " << j << " denied:\n";
+    zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "Matrix Access to Element:: %i, %i denied:\n", i, j);
     static T dummy;
     return dummy;
   }

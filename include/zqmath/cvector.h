@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <iostream>
 
+#include "zqcommon/diagnostics.h"
+
 // Elements 0 .. Dim()-1. operator[] with an index at or past the end prints
 // "Vector Access to Element:: i denied:" on standard error and returns a
 // shared dummy element (writes to it are lost); operator() asserts instead.
@@ -33,7 +35,7 @@ class CVector {
 
   T& operator[](int i) {
     if (i < m_dim) return m_v[i];
-    std::cerr << "Vector Access to Element:: " << i << " denied:\n";
+    zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "Vector Access to Element:: %i denied:\n", i);
     static T dummy;
     return dummy;
   }

@@ -29,6 +29,7 @@ class ZQ_EXPORT CycleStats {
       1000,     2000,     5000,     10000,    20000,    50000,     100000,    200000,
       500000,   1000000,  2000000,  5000000,  10000000, 20000000,  50000000,  100000000};
 
+  // The counts and figures at one moment, copied out for readers.
   struct Snapshot {
     std::array<uint64_t, kBounds + 1> buckets{};  // counts, last = above 100 ms
     uint64_t cycles = 0;

@@ -7,6 +7,7 @@
 
 #include "zqrtm/rtmailbox.h"
 #include "zqrtm/rtthread.h"
+#include "zqcommon/export.h"
 
 // Real-time tasks must not write to standard output themselves. rtdebug
 // formats into 256-byte records (texts over 255 characters end in "...") and
@@ -18,7 +19,7 @@
 // One process-wide instance: StartRTDebug() makes it (in RTDEBUG),
 // EndRTDebug() stops and deletes it. Messages are gated by `*level >= lvl`
 // and `*mask & m`, against the pointed-to variables set by init().
-class rtdebug : public rtthread {
+class ZQ_EXPORT rtdebug : public rtthread {
  public:
   static constexpr unsigned int kRecord = 256;
   static int dmylvl;
@@ -55,6 +56,6 @@ class rtdebug : public rtthread {
   bool gate(int lvl, unsigned int m) const { return *level >= lvl && (*mask & m) != 0; }
 };
 
-extern rtdebug* RTDEBUG;
+extern ZQ_EXPORT rtdebug* RTDEBUG;
 
 #endif

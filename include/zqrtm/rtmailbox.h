@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "zqcommon/export.h"
+
 // A bounded FIFO of `entries` records of `msgsize` bytes each. PutMessage and
 // GetMessage never wait: a full or empty mailbox answers false at once. Any
 // number of threads may put and get concurrently (a lock-free ring with a
@@ -13,7 +15,7 @@
 // Texts must not contain zero bytes: a record is the text padded with zeros,
 // and a text of exactly `msgsize` bytes is kept whole. The constructor throws
 // the text "Cannot create mailbox" (a const char*) when it cannot make one.
-class rtmailbox {
+class ZQ_EXPORT rtmailbox {
  public:
   rtmailbox(unsigned int msgsize, unsigned int entries);
   ~rtmailbox();

@@ -6,13 +6,14 @@
 #include <cstdint>
 
 #include "zqthreads/oothread.h"
+#include "zqcommon/export.h"
 
 typedef long long RTIME;
 
 // The number of a task or mailbox name: base 39 over at most its first six
 // characters (digits 1-10, letters of either case 11-36, '_' 37, anything
 // else 38), plus 2; an empty name gives 0xFFFFFFFF.
-uint32_t nam2num(const char* name);
+ZQ_EXPORT uint32_t nam2num(const char* name);
 
 // A thread that runs rtrun() once per period on absolute deadlines of the
 // monotonic clock, measuring each cycle. Its body locks the process memory,
@@ -26,7 +27,7 @@ uint32_t nam2num(const char* name);
 // The statistics are written by the task and read unlocked by others (each
 // read is of one 64-bit value). A derived class stops its task (SetCancel,
 // then WaitFinished()) before it is destroyed.
-class rtthread : public thread {
+class ZQ_EXPORT rtthread : public thread {
  public:
   rtthread(const char* name, long long period, bool hardrt, int sched, bool usefpu);
   ~rtthread() override;

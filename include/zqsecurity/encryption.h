@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "zqcommon/export.h"
+
 typedef struct evp_cipher_st EVP_CIPHER;
 typedef struct evp_cipher_ctx_st EVP_CIPHER_CTX;
 
@@ -20,7 +22,7 @@ namespace ZQSecurity {
 // phrase always gives the same key and vector). Failures are results: an
 // unknown name empties GetMethod(), setkey answers false, encrypt/decrypt 0.
 // Not locked: one object serves one thread at a time.
-class Cipher {
+class ZQ_EXPORT Cipher {
  public:
   explicit Cipher(const std::string& method);
   ~Cipher();

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "zqcommon/export.h"
+
 typedef struct evp_md_st EVP_MD;
 typedef struct evp_md_ctx_st EVP_MD_CTX;
 
@@ -19,7 +21,7 @@ namespace ZQSecurity {
 // mkHash answers false, mkHashText "" and blocksize() 0. Nothing throws.
 // Not locked: one object serves one thread at a time (its digest context is
 // reused by every call); distinct objects may run in parallel.
-class Hash {
+class ZQ_EXPORT Hash {
  public:
   explicit Hash(const std::string& method);
   ~Hash();

@@ -14,6 +14,8 @@ typedef struct ssl_ctx_st SSL_CTX;
 
 namespace ZQSecurity {
 
+class TLSContext;
+
 // A Connection that keeps an OpenSSL BIO on its descriptor from the start and
 // switches to TLS (1.2 at most, anonymous Diffie-Hellman, no certificates)
 // when both sides call SSL_start_TLS at an agreed point of the clear-text
@@ -24,9 +26,7 @@ namespace ZQSecurity {
 // connection in clear text (IsEncrypted() false); nothing throws, set-up
 // errors are printed unless DEBUG_LEVEL is negative. Copies share the OpenSSL
 // objects, which go with the last of them.
-class TLSContext;
-
-class SSLConnection : public Connection {
+class ZQ_EXPORT SSLConnection : public Connection {
  public:
   SSLConnection();
   SSLConnection(const SSLConnection& other);
@@ -89,9 +89,9 @@ class SSLConnection : public Connection {
 };
 
 // A new SSLConnection; the caller owns it.
-Connection* create_connection();
+ZQ_EXPORT Connection* create_connection();
 // A copy of `c` of its own class (SSLConnection when c.SSL_support()).
-Connection* create_connection(const Connection& c);
+ZQ_EXPORT Connection* create_connection(const Connection& c);
 
 }  // namespace ZQSecurity
 

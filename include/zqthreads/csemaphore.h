@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "zqcommon/export.h"
+
 // Every System V semaphore set a semaphore type of this library creates is
 // registered here, and all registered sets are removed when the library is
 // unloaded (or the process exits), so none outlives the program.
@@ -13,7 +15,7 @@
 // A semaphore type calls Register() with each new set's identifier and
 // Unregister() when it removes the set itself. At most kMaxSets sets can be
 // registered per process; Register() answers false beyond that. Thread-safe.
-class Semaphore {
+class ZQ_EXPORT Semaphore {
  public:
   static constexpr int kMaxSets = 2048;
 

@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include "zqcommon/functions.h"
+#include "zqcommon/export.h"
 
 // Base of every object guarded by a lock of its own. The lock is recursive:
 // the holder may lock again and must unlock as often. Copying copies the raw
 // mutex state as it stands (no new mutex is made): copy only unlocked objects.
-class lockable {
+class ZQ_EXPORT lockable {
  public:
   lockable() {
     pthread_mutexattr_init(&_attr);
@@ -57,7 +58,7 @@ class lockable {
 };
 
 // Holds a lockable for one scope.
-class lockable_hold {
+class ZQ_EXPORT lockable_hold {
  public:
   explicit lockable_hold(lockable& l) : l_(l) { l_.lock(); }
   ~lockable_hold() { l_.unlock(); }

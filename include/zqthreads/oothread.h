@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "zqthreads/lockable.h"
+#include "zqcommon/export.h"
 
 typedef pthread_t OOThreadHandle;
 typedef pthread_t OOThreadID;
@@ -34,7 +35,7 @@ typedef pthread_attr_t OOAttributeType;
 // asynchronous cancellation, and store their own handle in _id so that
 // ExitIfCancelled() works. Results of creation, join and cancel are kept in
 // _error (0 or a POSIX error number); nothing throws or prints.
-class thread : public lockable {
+class ZQ_EXPORT thread : public lockable {
  public:
   static const int kSuspendSignal;
   static const int kResumeSignal;

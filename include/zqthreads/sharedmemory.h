@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "zqcommon/export.h"
+
 // One named block of shared memory. The creator makes it with a size and a
 // name; other processes attach by the name alone. The name becomes the
 // numeric key mk_crc32(name), and the POSIX shared-memory object is named
@@ -24,8 +26,9 @@
 //
 // Failures are results: operator void*() answers null, GetSize() 0 and
 // GetId() "". No lock: users synchronise through their own means.
-class SharedMemory {
+class ZQ_EXPORT SharedMemory {
  public:
+  // The bytes at the start of the mapping that describe the segment.
   struct Header {
     uint32_t size;
     uint32_t key;

@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "zqcommon/bug.h"
+#include "zqcommon/diagnostics.h"
 
 namespace components {
 
@@ -70,7 +71,7 @@ void TraceManager::Dump() {
       d.fp = std::fopen(path.c_str(), "a+");
       d.column = 0;
       if (d.fp == nullptr) {
-        if (DEBUG_LEVEL >= 0) std::fprintf(stderr, "ERROR: cannot create trace-dump-file %s\n", path.c_str());
+        if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: cannot create trace-dump-file %s\n", path.c_str());
         continue;
       }
       unsigned int column = 0;

@@ -1,6 +1,8 @@
 // Downhill simplex minimiser after Nelder and Mead.
 #include "zqmath/amoeba.h"
 
+#include "zqcommon/diagnostics.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -111,7 +113,7 @@ void amoeba(void* user, CMatrix<double>& p, CVector<double>& y, int ndim, double
       return;
     }
     if (*nfunk >= kNMax) {
-      std::fputs("NMAX exceeded\n", stderr);
+      zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kError, "NMAX exceeded\n", 14);
       return;
     }
     *nfunk += 2;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "zqcommon/diagnostics.h"
 #include "zqcommon/functions.h"
 
 rtdebug* RTDEBUG = nullptr;
@@ -90,7 +91,7 @@ void* rtdebug::rtrun(void*) {
   while (!IsCancelled()) {
     bool delivered = false;
     if (mboxes[1]->GetMessage(record)) {
-      std::fputs(record.c_str(), stderr);
+      zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kError, record.c_str(), std::strlen(record.c_str()));
       delivered = true;
     }
     if (mboxes[0]->GetMessage(record)) {

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "zqcommon/bug.h"
+#include "zqcommon/diagnostics.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ long long monotonic_ns() {
 }
 
 void fatal(const char* text) {
-  if (DEBUG_LEVEL >= 0) std::fputs(text, stderr);
+  if (DEBUG_LEVEL >= 0) zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kError, text, std::strlen(text));
 }
 
 // Memory locking. Sanitizer builds map terabytes of shadow memory that can
@@ -103,8 +104,8 @@ void* rtthread::run(void* arg) {
     fatal("FATAL: Invalid realtime period specified!!!\n\n");
     return nullptr;
   }
-  std::puts("mlockall(MCL_CURRENT | MCL_FUTURE)");
-  std::fflush(stdout);
+  static const char kLocking[] = "mlockall(MCL_CURRENT | MCL_FUTURE)\n";
+  zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kOutput, kLocking, sizeof kLocking - 1);
   if (!lock_memory()) {
     fatal("FATAL: cannot initalize RT thread: mlockall usage not supported\n");
     return nullptr;
@@ -114,7 +115,7 @@ void* rtthread::run(void* arg) {
   sp.sched_priority = sched_get_priority_max(SCHED_FIFO);
   if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) != 0 && !g_sched_warned.exchange(true)) {
     if (DEBUG_LEVEL >= 0) {
-      std::fprintf(stderr, "WARNING: no real-time scheduling allowed for task %s, running with normal scheduling\n",
+      zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "WARNING: no real-time scheduling allowed for task %s, running with normal scheduling\n",
                    name != nullptr ? name : "");
     }
   }

@@ -16,6 +16,7 @@
 
 #include "security/openssl_init.h"
 #include "zqcommon/bug.h"
+#include "zqcommon/diagnostics.h"
 #include "zqthreads/oothread.h"
 
 namespace ZQSecurity {
@@ -64,7 +65,7 @@ DH* get_dh2048() { return make_dh(BN_get_rfc3526_prime_2048(nullptr)); }
 DH* get_dh4096() { return make_dh(BN_get_rfc3526_prime_4096(nullptr)); }
 
 DH* tmp_dh_callback(SSL*, int, int keylength) {
-  if (DEBUG_LEVEL >= 0) std::fprintf(stderr, "tmp_dh_callback for keylen %i called!\n", keylength);
+  if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "tmp_dh_callback for keylen %i called!\n", keylength);
   switch (keylength) {
     case 512: return cached(g_dh512, get_dh512);
     case 1024: return cached(g_dh1024, get_dh1024);
@@ -72,7 +73,7 @@ DH* tmp_dh_callback(SSL*, int, int keylength) {
     case 4096: return cached(g_dh4096, get_dh4096);
     default:
       if (DEBUG_LEVEL >= 0) {
-        std::fprintf(stderr, "tmp_dh_callback wants keylen %i, which is not provided!\n", keylength);
+        zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "tmp_dh_callback wants keylen %i, which is not provided!\n", keylength);
       }
       return cached(g_dh4096, get_dh4096);
   }

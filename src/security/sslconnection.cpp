@@ -11,6 +11,7 @@
 
 #include "security/openssl_init.h"
 #include "zqcommon/bug.h"
+#include "zqcommon/diagnostics.h"
 #include "zqcommon/functions.h"
 #include "zqsecurity/sslcommon.h"
 #include "zqsecurity/tlscontext.h"
@@ -109,13 +110,13 @@ bool SSLConnection::SSL_setup(bool, std::string, std::string, std::string) {
 bool SSLConnection::SSL_start_TLS(bool server) {
   if (!ssl_setup || session_->ctx == nullptr) {
     if (DEBUG_LEVEL >= 0) {
-      std::fprintf(stderr, "ERROR: in %s, line %i: cannot setup ssl object, since no SSL_CTX was prepared\n",
+      zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object, since no SSL_CTX was prepared\n",
                    kStartTLS, 181);
     }
     return false;
   }
   if (!new_ssl()) {
-    if (DEBUG_LEVEL >= 0) std::fprintf(stderr, "ERROR: in %s, line %i: cannot setup ssl object\n", kStartTLS, 186);
+    if (DEBUG_LEVEL >= 0) zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "ERROR: in %s, line %i: cannot setup ssl object\n", kStartTLS, 186);
     return false;
   }
   SSL* ssl = session_->ssl;
@@ -218,8 +219,14 @@ void SSLConnection::_handle_ssl_error(const char* where, int line, int ret) {
   if (session_->ssl == nullptr) return;
   const int code = SSL_get_error(session_->ssl, ret);
   if (code != 0 && DEBUG_LEVEL >= 0) {
-    std::fprintf(stderr, "SSL error %i in %s, line %i:\n", code, where, line);
-    ERR_print_errors_fp(stderr);
+    zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "SSL error %i in %s, line %i:\n", code, where, line);
+    // OpenSSL's queue, line by line as ERR_print_errors_fp would print it.
+    ERR_print_errors_cb(
+        [](const char* text, size_t length, void*) {
+          zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kError, text, length);
+          return 1;
+        },
+        nullptr);
   }
 }
 

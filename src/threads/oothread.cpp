@@ -68,8 +68,13 @@ void* thread::entry(void* object) {
   self->_id = pthread_self();
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
   pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+  // Signal handling belongs to the main thread: everything is blocked here
+  // except stop and continue (so the thread can still be stopped and
+  // continued like the process) and the library's own suspend/resume pair.
   sigset_t blocked;
   sigfillset(&blocked);
+  sigdelset(&blocked, SIGSTOP);
+  sigdelset(&blocked, SIGCONT);
   sigdelset(&blocked, kSuspendSignal);
   sigdelset(&blocked, kResumeSignal);
   pthread_sigmask(SIG_BLOCK, &blocked, nullptr);

@@ -1,0 +1,15 @@
+# Fails the docs target when Doxygen found a public class or struct without
+# documentation; other warnings (undocumented members) are listed only.
+file(STRINGS "${LOG}" warnings)
+set(failed 0)
+foreach(line IN LISTS warnings)
+  if(line MATCHES "warning: Compound .* is not documented")
+    message(SEND_ERROR "${line}")
+    set(failed 1)
+  endif()
+endforeach()
+list(LENGTH warnings count)
+message(STATUS "Doxygen: ${count} warning lines in ${LOG}")
+if(failed)
+  message(FATAL_ERROR "public classes without documentation")
+endif()
