@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "chartype.h"
+#include "details/format.h"
 #include "zqcommon/functions.h"
 
 const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";
@@ -32,7 +33,7 @@ char type_letter(eLog_Type type) {
 
 void vformat_text(std::string& text, const char* format, va_list args) {
   char buffer[kTextLimit];
-  const int n = std::vsnprintf(buffer, sizeof buffer, format, args);
+  const int n = zqdetail::vformat(buffer, sizeof buffer, format, args);  // vsnprintf's bytes
   if (n < 0) {
     text.clear();
     return;
