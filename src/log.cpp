@@ -96,11 +96,13 @@ void Log::LineFormatter::format(const Log_Entry& e, std::string& out) {
   const auto nerr = static_cast<unsigned>(e.nerr);
   for (int i = 0; i < 8; ++i) head[9 + i] = zqdetail::kHexDigits[(nerr >> (28 - 4 * i)) & 15u];
   head[17] = ';';
-  out.clear();
-  out.append(prefix, prefix_len);
-  out.append(head, 18);
-  out += e.text;
-  out += "\r\n";
+  // One copy per part into a line whose capacity stays from line to line.
+  out.resize(prefix_len + 18 + e.text.size() + 2);
+  char* p = &out[0];
+  std::memcpy(p, prefix, prefix_len);
+  std::memcpy(p + prefix_len, head, 18);
+  std::memcpy(p + prefix_len + 18, e.text.data(), e.text.size());
+  std::memcpy(p + out.size() - 2, "\r\n", 2);
 }
 
 // ------------------------------------------------------- Log_Config_Data
