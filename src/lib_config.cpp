@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "chartype.h"
+#include "details/config_index.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
 #include "zqsecurity/hash.h"
@@ -324,10 +325,12 @@ bool Config_File::find_section(const std::string& section, int& header) {
     toupper(upper);
     it = sections.find(upper);
     if (it == sections.end()) {
-      for (it = sections.begin(); it != sections.end(); ++it) {
-        ZQ_DEBUG(99, "comparing >%s< with >%s<\n", it->first.c_str(), upper.c_str());
-        if (it->first ^= upper) break;
-      }
+      // The first name in byte order that matches without regard to case.
+      const auto& folded = lookup_index().folded_sections;
+      const auto hit = folded.find(upper);
+      if (hit == folded.end()) return false;
+      header = hit->second;
+      return true;
     }
   }
   if (it == sections.end()) return false;
@@ -345,7 +348,15 @@ std::string Config_File::get_entry(const std::string& section, const std::string
     ZQ_DEBUG(99, "libconfig: section not found, returning default value\n");
     return def;
   }
-  for (auto it = data.upper_bound(header); it != data.end(); ++it) {
+  // The index names the line. A name it does not know, or a line that no
+  // longer carries the name (lines can be edited in place), is looked for by
+  // the scan of the section.
+  const int indexed = lookup_index().find(header, name);
+  auto it = indexed == INT_MIN ? data.end() : data.find(indexed);
+  if (it == data.end() || !it.line().IsEntry() || !name_is(it.line(), name, ignorecase)) {
+    it = data.upper_bound(header);
+  }
+  for (; it != data.end(); ++it) {
     LINE& l = it.line();
     if (l.IsSection()) break;
     if (!l.IsEntry() || !name_is(l, name, ignorecase)) continue;
