@@ -27,7 +27,8 @@ bool is_ws(char c) { return c != '\0' && std::strchr(kWhitespace, c) != nullptr;
 bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   if (l.name == LINE::none || l.namelen != name.size()) return false;
   const char* p = l.data.data() + l.name;
-  if (!ignorecase) return name.compare(0, name.size(), p, l.namelen) == 0;
+  if (name.compare(0, name.size(), p, l.namelen) == 0) return true;  // the same bytes match either way
+  if (!ignorecase) return false;
   for (std::string::size_type i = 0; i < name.size(); ++i) {
     if (zqdetail::upper(p[i]) != zqdetail::upper(name[i])) return false;
   }
@@ -319,12 +320,14 @@ LINE& Config_File::store(const std::string& text, int number) {
 
 bool Config_File::find_section(const std::string& section, int& header) {
   ZQ_DEBUG(100, "libconfig: searching section >%s<\n", section.c_str());
-  auto it = sections.find(section);
-  if (it == sections.end() && ignorecase) {
+  // The ordered map's content, hashed.
+  const auto& exact = lookup_index().exact_sections;
+  auto it = exact.find(section);
+  if (it == exact.end() && ignorecase) {
     std::string upper = section;
     toupper(upper);
-    it = sections.find(upper);
-    if (it == sections.end()) {
+    it = exact.find(upper);
+    if (it == exact.end()) {
       // The first name in byte order that matches without regard to case.
       const auto& folded = lookup_index().folded_sections;
       const auto hit = folded.find(upper);
@@ -333,7 +336,7 @@ bool Config_File::find_section(const std::string& section, int& header) {
       return true;
     }
   }
-  if (it == sections.end()) return false;
+  if (it == exact.end()) return false;
   header = it->second;
   return true;
 }

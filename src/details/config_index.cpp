@@ -5,10 +5,10 @@
 
 #include "chartype.h"
 
-uint64_t Config_File::LookupIndex::key(int header, const char* name, size_t n, bool fold) {
+uint64_t Config_File::LookupIndex::key(int header, const char* name, size_t n) const {
   uint64_t h = 0x9E3779B97F4A7C15ull ^ static_cast<uint32_t>(header);
   for (size_t i = 0; i < n; ++i) {
-    const char c = fold ? zqdetail::upper(name[i]) : name[i];
+    const char c = fold ? upper[static_cast<unsigned char>(name[i])] : name[i];
     h = (h ^ static_cast<unsigned char>(c)) * 0x100000001B3ull;
   }
   h ^= h >> 29;
@@ -16,7 +16,7 @@ uint64_t Config_File::LookupIndex::key(int header, const char* name, size_t n, b
 }
 
 void Config_File::LookupIndex::add(int header, const LINE& entry, int number) {
-  const uint64_t h = key(header, entry.data.data() + entry.name, entry.namelen, fold);
+  const uint64_t h = key(header, entry.data.data() + entry.name, entry.namelen);
   const size_t mask = slots.size() - 1;
   for (size_t i = h & mask;; i = (i + 1) & mask) {
     Slot& s = slots[i];
@@ -33,7 +33,7 @@ void Config_File::LookupIndex::add(int header, const LINE& entry, int number) {
 
 int Config_File::LookupIndex::find(int header, const std::string& name) const {
   if (slots.empty()) return INT_MIN;
-  const uint64_t h = key(header, name.data(), name.size(), fold);
+  const uint64_t h = key(header, name.data(), name.size());
   const size_t mask = slots.size() - 1;
   for (size_t i = h & mask;; i = (i + 1) & mask) {
     const Slot& s = slots[i];
@@ -51,6 +51,7 @@ const Config_File::LookupIndex& Config_File::lookup_index() {
   index->lines = data.size();
   index->sections = sections.size();
   index->fold = ignorecase;
+  for (int c = 0; c < 256; ++c) index->upper[c] = zqdetail::upper(static_cast<char>(c));
   size_t entries = 0;
   for (auto it = data.begin(); it != data.end(); ++it) entries += it.line().IsEntry() ? 1 : 0;
   size_t capacity = 16;
@@ -65,6 +66,7 @@ const Config_File::LookupIndex& Config_File::lookup_index() {
       index->add(header, l, it.number());
     }
   }
+  index->exact_sections.insert(sections.begin(), sections.end());
   if (ignorecase) {
     for (const auto& s : sections) {
       std::string upper = s.first;

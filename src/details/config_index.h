@@ -23,10 +23,16 @@ struct Config_File::LookupIndex {
   // Upper-case section name -> header of the first name in byte order that
   // folds to it, for look-ups that match neither exactly nor in upper case.
   std::unordered_map<std::string, int> folded_sections;
+  // Section name -> header, as the ordered map of sections holds them.
+  std::unordered_map<std::string, int> exact_sections;
+  // Byte -> upper case, taken from the locale when the index was built. A
+  // later change of locale only sends look-ups to the scan: every hit is
+  // checked by the name rule itself.
+  char upper[256];
   size_t lines = 0, sections = 0;  // the table sizes it was built for
   bool fold = true;
 
-  static uint64_t key(int header, const char* name, size_t n, bool fold);
+  uint64_t key(int header, const char* name, size_t n) const;
   void add(int header, const LINE& entry, int number);
   // The line number of the entry, or INT_MIN.
   int find(int header, const std::string& name) const;
