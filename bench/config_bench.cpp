@@ -87,6 +87,7 @@ int inih_store(void* user, const char* section, const char* name, const char* va
 }  // namespace
 
 int main() {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   const std::string path = "/tmp/zq_config_bench.ini";
   const Shape shapes[] = {{"many small sections (48 keys)", 48}, {"few large sections (10,000 keys)", 10000}};
   std::printf("Configuration, medians of %d runs\n", kRuns);

@@ -93,6 +93,7 @@ struct Row {
 }  // namespace
 
 int main() {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::vector<uint8_t> buffer(kBig);
   std::mt19937_64 rng(42);
   for (size_t i = 0; i < kBig; i += 8) {

@@ -69,6 +69,7 @@ void emit(Log& log, int i) { log.Add(elog_INFO, i, "entry number %d with some pa
 
 // Summary rows for bench/run.sh: "SUMMARY|work|peer|peer figure|ours|ratio|bound".
 int main() {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   char dir_template[] = "/tmp/zq_log_benchXXXXXX";
   const std::string dir = std::string(mkdtemp(dir_template)) + "/";
   const double values[] = {0.5, 12.25, -3.14159, 1234.5678, 1e-3};
