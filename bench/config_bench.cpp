@@ -131,6 +131,8 @@ int main() {
       const size_t before = in_use();
       auto* held = new Config_File(path);
       const double memory = static_cast<double>(in_use() - before);
+      // The look-up index is built by the first look-up: timed on its own.
+      const double build_ms = seconds([&] { held->get_entry("section0", "entry0", ""); }) * 1e3;
       std::map<std::string, std::string> map;
       for (int s = 0; s < sections; ++s) {
         for (const std::string& e : held->get_section_entries("section" + std::to_string(s))) {
@@ -144,8 +146,6 @@ int main() {
         const int keys_here = static_cast<int>(std::min<long>(shape.keys_per_section, lines));
         keys.emplace_back("section" + std::to_string(s), "entry" + std::to_string(rng() % keys_here));
       }
-      // The look-up index is built by the first look-up: timed on its own.
-      const double build_ms = seconds([&] { held->get_entry(keys[0].first, keys[0].second, ""); }) * 1e3;
       std::vector<double> ours_ns, map_ns;
       size_t found = 0;
       for (int r = 0; r < kRuns; ++r) {
