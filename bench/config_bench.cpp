@@ -7,6 +7,7 @@
 // small ones. Medians of 5 runs, alternating; memory from the allocator's
 // count of bytes in use.
 #include <malloc.h>
+#include "bench_util.h"
 #include <zqcommon/lib_config.h>
 
 #include <algorithm>
@@ -25,6 +26,9 @@
 #endif
 
 namespace {
+
+using bench::median;
+using bench::seconds;
 
 constexpr int kRuns = 5;
 
@@ -54,16 +58,7 @@ long make_file(const std::string& path, long lines, int keys, int& sections) {
   return written;
 }
 
-double seconds(const std::function<void()>& run) {
-  const auto t0 = std::chrono::steady_clock::now();
-  run();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
 std::string upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));

@@ -9,6 +9,7 @@
 // alternate. The bound at 64 MiB is the read bandwidth, measured here.
 #include <immintrin.h>
 #include <zlib.h>
+#include "bench_util.h"
 #include <zqsecurity/crc16.h>
 #include <zqsecurity/crc32.h>
 
@@ -28,6 +29,9 @@
 #endif
 
 namespace {
+
+using bench::median;
+using bench::seconds;
 
 constexpr size_t kBig = 64u << 20;
 constexpr size_t kWindow = 1u << 20;
@@ -79,10 +83,6 @@ __attribute__((target("avx512f"))) uint64_t read_all(const uint8_t* p, size_t n)
   return static_cast<uint64_t>(_mm512_reduce_add_epi64(_mm512_xor_si512(_mm512_xor_si512(a, b), _mm512_xor_si512(c, d))));
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
 struct Row {
   const char* name;

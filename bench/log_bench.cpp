@@ -8,6 +8,7 @@
 // /proc/self/io). The bound is the write() rate for chunks of 50 lines.
 #include <fcntl.h>
 #include <unistd.h>
+#include "bench_util.h"
 #include <zqcommon/log.h>
 
 #include <algorithm>
@@ -28,19 +29,13 @@
 
 namespace {
 
+using bench::median;
+using bench::seconds;
+
 constexpr int kEntries = 500000;
 constexpr int kRuns = 5;
 
-double seconds(const std::function<void()>& run) {
-  const auto t0 = std::chrono::steady_clock::now();
-  run();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
 long long write_calls() {
   std::ifstream io("/proc/self/io");

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
+#include "bench_util.h"
 #include <zqrtm/rtmailbox.h>
 
 #include <algorithm>
@@ -19,6 +20,9 @@
 #include <vector>
 
 namespace {
+
+using bench::median;
+using bench::seconds;
 
 constexpr int kRecords = 200000;  // per producer
 constexpr unsigned int kSize = 64, kEntries = 1024;
@@ -61,10 +65,6 @@ double run(int producers, Put put, Get get) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
 }  // namespace
 

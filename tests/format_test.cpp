@@ -13,17 +13,11 @@
 #include <random>
 #include <string>
 
-#include "details/format.h"
+#include "support/format_call.h"
 
 namespace {
 
-int ours(char* out, size_t size, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int n = zqdetail::vformat(out, size, format, args);
-  va_end(args);
-  return n;
-}
+constexpr auto ours = format_call;
 
 template <typename... Args>
 void expect_same(size_t size, const char* format, Args... args) {

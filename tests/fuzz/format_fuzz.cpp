@@ -10,17 +10,9 @@
 #include <cstring>
 #include <string>
 
-#include "details/format.h"
+#include "support/format_call.h"
 
 namespace {
-
-int ours(char* out, size_t size, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int n = zqdetail::vformat(out, size, format, args);
-  va_end(args);
-  return n;
-}
 
 // Well-formed conversions only: the sanitizers' own printf checks stop on
 // malformed ones before the C library sees them.
@@ -60,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::memset(got, 1, sizeof got);
   const long i1 = static_cast<long>(data[0]) << 24 | data[1], i2 = -static_cast<long>(data[2]);
   const int n_want = std::snprintf(want, limit, format.c_str(), i1, i2, i1, i2, d, d, d, d);
-  const int n_got = ours(got, limit, format.c_str(), i1, i2, i1, i2, d, d, d, d);
+  const int n_got = format_call(got, limit, format.c_str(), i1, i2, i1, i2, d, d, d, d);
   if (n_want != n_got || std::memcmp(want, got, sizeof want) != 0) std::abort();
   return 0;
 }
