@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|format [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|format [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|format [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|format [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -34,6 +34,19 @@ case "$target" in
   cli)
     printf 'echo $VERSION x\nset a=1\necho $a$$?\nhe\t\nec\t hi\n\x1b[A\x1b[A\x1b[B\n' > "$corpus/seed1"
     printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2" ;;
+  subst)
+    printf 'set a=1\nset ab=XY\nset $a=D\nrun x $a y $ab$a$$?\nset z=zz\necho $z$z$z$z$HOME\n' > "$corpus/seed1"
+    { printf 'set a='; head -c 2000 /dev/zero | tr '\0' x; printf '\nset b='
+      for _ in $(seq 100); do printf '$a'; done; printf '\necho $bbbb\n'; } > "$corpus/seed2" ;;
+  acl)
+    printf '[hosts]\nallow = 127.0.0.1 10.0.0.0/8 192.168.1.0/255.255.255.0\ndeny = 10.1.2.3\n' > "$corpus/seed1"
+    printf '[hosts]\nallow = 0.0.0.0/0 localhost ::1 999.1.1.1/33 /\n' > "$corpus/seed2" ;;
+  station)
+    printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
+    printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2" ;;
+  cfgentry)
+    printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
+    printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
 esac
 
 cd "$build"

@@ -25,6 +25,8 @@ import tempfile
 import time
 import zlib
 
+from station_client import read_until
+
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-e2e-")
 checks = 0
@@ -47,13 +49,7 @@ class Client:
         self.sock.connect(("127.0.0.1", port))
 
     def until(self, marker):
-        data = b""
-        while not data.endswith(marker):
-            chunk = self.sock.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-        return data.decode(errors="replace")
+        return read_until(self.sock, marker)
 
     def ask(self, line):
         self.sock.sendall(line.encode() + b"\n")

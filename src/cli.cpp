@@ -5,7 +5,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <exception>
 
 #include "zqcommon/functions.h"
 
@@ -13,8 +15,35 @@ namespace {
 constexpr size_t kMaxWords = 100;
 }
 
+namespace zqdetail {
+
+// The shortest name in `names` (sorted) of at least `min` characters that
+// `text` holds at `at`, within the text; null when there is none. Names that
+// share the first d characters of the text form one range of the sorted list,
+// the one of exactly d characters first; each character narrows that range
+// by a binary search on the names' character d.
+const std::string* shortest_name_at(const std::vector<const std::string*>& names,
+                                    const std::string& text, size_t at, size_t min) {
+  auto lo = names.begin(), hi = names.end();
+  for (size_t d = 0; lo != hi; ++d) {
+    if (d >= min && d > 0 && (*lo)->size() == d) return *lo;
+    if (at + d >= text.size()) return nullptr;
+    if ((*lo)->size() == d) ++lo;  // shorter than wanted: past it
+    const auto c = static_cast<unsigned char>(text[at + d]);
+    auto char_at = [d](const std::string* s) { return static_cast<unsigned char>((*s)[d]); };
+    lo = std::lower_bound(lo, hi, c, [&](const std::string* s, unsigned char v) { return char_at(s) < v; });
+    hi = std::upper_bound(lo, hi, c, [&](unsigned char v, const std::string* s) { return v < char_at(s); });
+  }
+  return nullptr;
+}
+
+}  // namespace zqdetail
+
 CLI::CLI(FILE* in, FILE* out, FILE* err, unsigned int) : _stdin(in), _stdout(out), _stderr(err) {
-  if (tcgetattr(fileno(_stdin), &old_termio) == 0) {
+  // Without its streams (fopen() failing when descriptors run out) the
+  // session is ended from the start: update() answers 4 and touches nothing.
+  if (_stdin == nullptr || _stdout == nullptr || _stderr == nullptr) status = kEnded;
+  if (_stdin != nullptr && tcgetattr(fileno(_stdin), &old_termio) == 0) {
     termio_saved_ = true;
     new_termio = old_termio;
     new_termio.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
@@ -131,6 +160,28 @@ void CLI::remember(const std::string& text) {
   if (history_limit_ == 0) return;
   history.push_front(text);
   while (history.size() > history_limit_) history.pop_back();
+  if (session_limit_ == 0) return;
+  size_t total = SessionBytes();
+  while (total > session_limit_ && history.size() > 1) {  // the oldest go first
+    total -= history.back().size();
+    history.pop_back();
+  }
+}
+
+void CLI::SetLimits(size_t line_bytes, size_t session_bytes) {
+  line_limit_ = line_bytes;
+  session_limit_ = session_bytes;
+}
+
+size_t CLI::SessionBytes() const {
+  size_t total = 0;
+  for (const auto& v : vars) total += v.first.size() + v.second.size();
+  for (const auto& h : history) total += h.size();
+  return total;
+}
+
+bool CLI::FitsSession(size_t more) const {
+  return session_limit_ == 0 || SessionBytes() + more <= session_limit_;
 }
 
 // ------------------------------------------------------- prompt and lines
@@ -160,14 +211,27 @@ void CLI::update_internal() {
 // The long-standing substitution rules, quirks included: the shortest prefix
 // naming a variable wins, matching goes on with the same length after a
 // substitution, and the character after the last name (or, for an unknown
-// name, after the '$') is dropped.
+// name, after the '$') is dropped. The names are searched by narrowing a
+// sorted range one character at a time, so each '$' costs the length of the
+// longest name it could match, not the rest of the line.
 void CLI::substitute_vars() {
-  std::string out;
+  overflow_ = false;
   const std::string::size_type len = line.size();
+  if (line.find('$') == std::string::npos) {
+    overflow_ = line_limit_ != 0 && len > line_limit_;
+    return;
+  }
+  std::vector<const std::string*> names;
+  names.reserve(vars.size());
+  for (const auto& v : vars) names.push_back(&v.first);
+  std::string out;
   std::string::size_type i = 0;
-  while (i < len) {
+  auto full = [&out, this] { return line_limit_ != 0 && out.size() > line_limit_; };
+  while (i < len && !full()) {
     if (line[i] != '$') {
-      out += line[i++];
+      const auto next = std::min(line.find('$', i), len);
+      out.append(line, i, next - i);
+      i = next;
       continue;
     }
     if (i + 1 >= len) break;
@@ -182,17 +246,15 @@ void CLI::substitute_vars() {
       continue;
     }
     std::string::size_type p = i + 1, n = 1;
-    while (p + n <= len) {
-      auto it = vars.find(line.substr(p, n));
-      if (it != vars.end()) {
-        out += it->second;
-        p += n;
-      } else {
-        ++n;
-      }
+    while (!full()) {
+      const std::string* name = zqdetail::shortest_name_at(names, line, p, n);
+      if (name == nullptr) break;
+      out += vars.find(*name)->second;
+      p += n = name->size();
     }
     i = p + 1;
   }
+  overflow_ = full();
   line = out;
 }
 
@@ -200,6 +262,12 @@ bool CLI::parse(std::string& text) {
   chop(text);
   line = text;
   substitute_vars();
+  if (overflow_) {
+    std::fprintf(_stderr, "line refused: longer than %zu bytes after substitution\r\n", line_limit_);
+    line.clear();
+    text.clear();
+    return false;
+  }
   trim(line);
   text = line;
   if (line.empty()) return true;
@@ -229,7 +297,15 @@ bool CLI::parse(std::string& text) {
   }
   if (!e->cmap.empty()) cmap = &e->cmap;
   curr_cmd = e;
-  const int r = e->cb(e->arg, static_cast<int>(words.size()), argv.data());
+  int r = 1;
+  // A command that throws answers with one line; the session goes on.
+  try {
+    r = e->cb(e->arg, static_cast<int>(words.size()), argv.data());
+  } catch (const std::exception& x) {
+    std::fprintf(_stderr, "%s: failed: %s\r\n", words[0].c_str(), x.what());
+  } catch (...) {
+    std::fprintf(_stderr, "%s: failed\r\n", words[0].c_str());
+  }
   if (!e->internal) retcode = r;
   return true;
 }
@@ -401,7 +477,7 @@ unsigned int CLI::print_in_columns(const std::vector<std::string>& items, unsign
 
 void CLI::get_winsize() {
   winsize ws{};
-  if (ioctl(fileno(_stdout), TIOCGWINSZ, &ws) == 0 && ws.ws_col != 0) {
+  if (_stdout != nullptr && ioctl(fileno(_stdout), TIOCGWINSZ, &ws) == 0 && ws.ws_col != 0) {
     rows = ws.ws_row;
     cols = ws.ws_col;
   } else {

@@ -56,6 +56,10 @@ int CLI::cmd_set(void* object, int argc, const char** argv) {
   }
   for (int i = 1; i < argc; ++i) {
     const char* eq = std::strchr(argv[i], '=');
+    if (!cli->FitsSession(std::strlen(argv[i]))) {
+      std::fprintf(cli->_stderr, "set: refused, the session's variables and history are full\r\n");
+      return 1;
+    }
     if (eq == nullptr) {
       cli->vars[argv[i]] = "";
     } else {

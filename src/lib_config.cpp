@@ -8,8 +8,10 @@
 #include <fstream>
 #include <istream>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 
+#include "atomic_file.h"
 #include "chartype.h"
 #include "details/config_index.h"
 #include "zqcommon/bug.h"
@@ -473,9 +475,10 @@ bool Config_File::write(std::ostream& out, const std::string& header) {
   return out.good();
 }
 
+// The file is replaced as one step: a failed write leaves the original whole.
 bool Config_File::write(const std::string& filename, const std::string& header) {
-  std::ofstream out(filename, std::ios::out | std::ios::trunc | std::ios::binary);
-  return out.is_open() && write(out, header);
+  std::ostringstream out;
+  return write(out, header) && zqdetail::write_file_atomically(filename, out.str());
 }
 
 void Config_File::clear() {

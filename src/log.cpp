@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
@@ -137,14 +138,14 @@ Log::Log(Log_Config_Data& config) : cfg(&config) {}
 
 Log::~Log() {
   if (f != nullptr) {
-    std::fflush(f);
+    write_pending();
     std::fclose(f);
   }
 }
 
 void Log::Next() {
   if (f != nullptr) {
-    std::fflush(f);
+    write_pending();
     std::fclose(f);
     f = nullptr;
   }
@@ -164,21 +165,21 @@ void Log::Next() {
   }
   fname = name;
   ++lcount;
-  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (cfg->strictsync ? O_SYNC : 0);
-  const int fd = ::open(name, flags, static_cast<mode_t>(cfg->create_perm));
+  // Never through a symbolic link; a new name is created, never taken over.
+  const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | (cfg->strictsync ? O_SYNC : 0);
+  int fd = ::open(name, flags | O_CREAT | O_EXCL, static_cast<mode_t>(cfg->create_perm));
+  if (fd < 0 && errno == EEXIST) fd = ::open(name, flags);
   if (fd < 0) return;
   f = fdopen(fd, "a");
   if (f == nullptr) {
     ::close(fd);
     return;
   }
-  // Strict syncing writes every line straight through; otherwise lines
-  // collect in a buffer until the flush cycle.
-  if (cfg->strictsync) {
-    std::setvbuf(f, nullptr, _IONBF, 0);
-  } else {
-    std::setvbuf(f, nullptr, _IOFBF, kFileBuffer);
-  }
+  // Whole lines collect in pending_ and reach the descriptor in one write
+  // at the flush cycle (at every line with strict syncing); the stream
+  // itself buffers nothing.
+  std::setvbuf(f, nullptr, _IONBF, 0);
+  pending_.reserve(kFileBuffer);
   struct stat st {};
   if (fstat(fd, &st) == 0) cfsize += static_cast<unsigned int>(st.st_size);
 }
@@ -216,13 +217,14 @@ void Log::Add(Log_Entry& e) {
   formatter_.format(e, line_);
   if (echo) std::fwrite(line_.data(), 1, line_.size(), stderr);
   if (!to_file) return;
-  if (cfg->maxsize != 0 && cfsize + line_.size() > cfg->maxsize) Next();
+  if (cfg->maxsize != 0 && cfsize + pending_.size() + line_.size() > cfg->maxsize) Next();
   if (f == nullptr) return;
-  std::fwrite(line_.data(), 1, line_.size(), f);
-  cfsize += static_cast<unsigned int>(line_.size());
+  if (pending_.size() + line_.size() > kFileBuffer) write_pending();
+  pending_ += line_;
+  ++pending_lines_;
   const int cycle = cfg->flushcycle > 0 ? cfg->flushcycle : 1;
-  if (flushcycle % cycle == 0 || e.type == elog_PANIC) {
-    std::fflush(f);
+  if (flushcycle % cycle == 0 || e.type == elog_PANIC || cfg->strictsync) {
+    write_pending();
     flushcycle = 0;
   }
 }
@@ -239,7 +241,34 @@ void Log::Add(eLog_Type type, int nerr, const char* format, ...) {
 }
 
 void Log::Flush() {
-  if (f != nullptr) std::fflush(f);
+  if (f != nullptr) write_pending();
+}
+
+// Writes the waiting lines. What a short write left of a torn line is cut
+// off again, and every line that did not arrive whole is counted as lost.
+void Log::write_pending() {
+  if (pending_.empty()) return;
+  const int fd = f != nullptr ? fileno(f) : -1;
+  size_t done = 0;
+  while (fd >= 0 && done < pending_.size()) {
+    const ssize_t n = ::write(fd, pending_.data() + done, pending_.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  if (done < pending_.size()) {
+    const size_t whole = done == 0 ? 0 : pending_.rfind('\n', done - 1) + 1;  // npos + 1 == 0
+    if (whole < done && fd >= 0 && ftruncate(fd, static_cast<off_t>(cfsize + whole)) != 0) {
+      // The torn tail stays; the count below still tells the truth.
+    }
+    unsigned int kept = 0;
+    for (size_t i = 0; i < whole; ++i) kept += pending_[i] == '\n';
+    lost_ += pending_lines_ - kept;
+    done = whole;
+  }
+  cfsize += static_cast<unsigned int>(done);
+  pending_.clear();
+  pending_lines_ = 0;
 }
 
 void Log::Clear() {

@@ -10,8 +10,6 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "station.h"
 
@@ -54,9 +52,9 @@ int cmd_status(void* arg, int, const char**) {
         w.error.count != 0 ? sev.Description() : "NONE", w.error.count, w.error.total_count);
   }
   Log& log = st.log;
-  say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes",
+  say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes, %llu lines lost",
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
-      log.Name().c_str(), log.LogSize());
+      log.Name().c_str(), log.LogSize(), log.WriteFailures());
   say(s, "clients %u", st.clients);
   return 0;
 }
@@ -152,14 +150,6 @@ int cmd_fit(void* arg, int, const char**) {
   return 0;
 }
 
-// The whole file, or false when it cannot be read.
-bool slurp(const char* path, std::string& data) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
-}
-
 int cmd_hash(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   if (argc != 3) return usage(s, "hash METHOD FILE (sha256, md5, ripemd160, crc32, ...)");
@@ -168,9 +158,9 @@ int cmd_hash(void* arg, int argc, const char** argv) {
     say(s, "hash: unknown method %s", argv[1]);
     return 1;
   }
-  std::string data;
-  if (!slurp(argv[2], data)) {
-    say(s, "hash: cannot read %s", argv[2]);
+  std::string data, why;
+  if (!read_file(s, argv[2], data, why)) {
+    say(s, "hash: cannot read %s: %s", argv[2], why.c_str());
     return 1;
   }
   say(s, "%s (%s) = %s", argv[1], argv[2],
@@ -181,9 +171,9 @@ int cmd_hash(void* arg, int argc, const char** argv) {
 int cmd_crc(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   if (argc != 2) return usage(s, "crc FILE");
-  std::string data;
-  if (!slurp(argv[1], data)) {
-    say(s, "crc: cannot read %s", argv[1]);
+  std::string data, why;
+  if (!read_file(s, argv[1], data, why)) {
+    say(s, "crc: cannot read %s: %s", argv[1], why.c_str());
     return 1;
   }
   const auto n = static_cast<unsigned int>(data.size());
@@ -209,8 +199,17 @@ int cmd_config(void* arg, int argc, const char** argv) {
     // Values may contain blanks: the rest of the line is the value.
     std::string value = argv[3];
     for (int i = 4; i < argc; ++i) value += std::string(" ") + argv[i];
-    if (e == nullptr || !(*e = value)) {
+    if (e == nullptr) {
       say(s, "config: cannot set %s", argv[2]);
+      return 1;
+    }
+    if (s.network && operator_only(argv[2])) {
+      say(s, "config: %s changes only in the file or at the station's terminal", argv[2]);
+      return 1;
+    }
+    std::string why;
+    if (!setting_rules().Assign(*e, argv[2], value, &why)) {
+      say(s, "config: cannot set %s", why.c_str());
       return 1;
     }
     st.log.Add(elog_INFO, 0, "config %s = %s by %s", argv[2], e->Value().c_str(), s.peer.c_str());

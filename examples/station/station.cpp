@@ -105,7 +105,7 @@ bool serve(Client& c, Log& log) {
       c.conn->close();
       break;
     }
-    log.Add(elog_INFO, 0, "%s: %s", c.session.peer.c_str(), text.c_str());
+    log.Add(elog_INFO, 0, "%s: %s", c.session.peer.c_str(), station::escape_controls(text).c_str());
     if (!word.empty() && c.cli->find_command(word) == nullptr) {
       std::fprintf(c.out, "%s: command not found\r\n", word.c_str());
     } else {
@@ -135,8 +135,12 @@ bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
     if (name.find('.') == std::string::npos) continue;
     const std::string value = cfg.get_entry("@@Argline", name, "");
     zqcommon::Config_Data_Entry* e = station::find_setting(all, name);
-    if (e == nullptr || !(*e = value)) {
+    std::string why;
+    if (e == nullptr) {
       std::fprintf(stderr, "station: cannot set %s to '%s'\n", name.c_str(), value.c_str());
+      ok = false;
+    } else if (!station::setting_rules().Assign(*e, name, value, &why)) {
+      std::fprintf(stderr, "station: cannot set %s\n", why.c_str());
       ok = false;
     }
   }
@@ -190,16 +194,25 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   bool terminal_ready = terminal != nullptr;  // shows the first prompt
   while (!g_stop) {
     st.Drain();
+    station::report_log_losses(st, GetUTC());
     while (MySocket* peer = srv[0]) {
       srv.Remove(peer, false);
       auto c = std::make_unique<Client>();
       c->socket.reset(peer);
+      if (c->in == nullptr || c->out == nullptr) {  // out of descriptors or memory
+        const std::string refusal = "station: out of resources, try again later\r\n";
+        const ssize_t ignored = ::write(peer->sock, refusal.data(), refusal.size());
+        (void)ignored;
+        log.Add(elog_WARN, 0, "%s refused: out of resources", peer->Name().c_str());
+        continue;
+      }
       c->conn->SetSocket(&c->socket->sock);
       c->session.station = &st;
       c->session.out = c->out;
       c->session.network = true;
       c->session.peer = peer->IPList().empty() ? peer->Name() : peer->IPList().front();
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
+      c->cli->SetLimits(128 * 1024, 1024 * 1024);
       station::register_commands(*c->cli, c->session);
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());
       c->reply = "station ready, type help\r\n";
@@ -262,6 +275,11 @@ int main(int argc, char** argv) {
   station::StationSettings settings;
   station::ServerSettings server;
   Log_Config_Data logcfg;
+  std::string why;
+  if (!station::setting_rules().CheckFile(cfg, &why)) {
+    std::fprintf(stderr, "station: %s\n", why.c_str());
+    return 2;
+  }
   settings.Load(cfg, "Station");
   server.Load(cfg, "Server");
   logcfg.Load(cfg, "Log");

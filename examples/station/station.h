@@ -11,6 +11,7 @@
 #include <zqcommon/iocontrol.h>
 #include <zqcommon/lib_config.h>
 #include <zqcommon/log.h>
+#include <zqcommon/setting_check.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
 #include <zqrtm/rtmailbox.h>
@@ -35,6 +36,8 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DumpPath = ".";   // where trace dumps go
   int TraceDepth = 10000;       // samples kept per trace
   int FitPoints = 1000;         // the recorded curve handed to the fitter
+  std::string DataDir = ".";    // the only files network clients may read
+  long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
 };
 
 // [Server]: the TCP side.
@@ -149,6 +152,8 @@ class Station {
   components::TraceData slots[2];
   components::TraceManager traces;
   unsigned int clients = 0;
+  unsigned long long log_lost_told = 0;  // the log's lost lines already reported
+  double log_lost_checked = 0;           // when they were last looked at
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -175,6 +180,20 @@ SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Con
 inline SettingsList sections(Station& st) { return sections(st.settings, st.server, st.logcfg); }
 // The setting "Section.Key" (names without regard to case), or null.
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path);
+
+// The type and range of every setting; values outside are refused.
+const zqcommon::Setting_Check& setting_rules();
+// Whether the setting names files, folders, addresses or ports (or is a log
+// mask): network clients may not change those.
+bool operator_only(const std::string& path);
+// A regular file of at most Station.MaxFileBytes, for a network session only
+// inside Station.DataDir and never through a symbolic link; false with the
+// reason in `why`.
+bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
+// Once a minute: when the log lost lines since the last report, says so in it.
+void report_log_losses(Station& st, double now);
+// Control bytes (and the backslash) as \xNN: client text fit for the log.
+std::string escape_controls(const std::string& text);
 
 }  // namespace station
 

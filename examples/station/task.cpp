@@ -18,6 +18,9 @@ StationSettings::StationSettings() {
   Register("DumpPath", DumpPath, zqcommon::Config_Data_INIT.FULL, "", "trace dump folder");
   Register("TraceDepth", TraceDepth, zqcommon::Config_Data_INIT.FULL, "", "samples per trace");
   Register("FitPoints", FitPoints, zqcommon::Config_Data_INIT.FULL, "", "points of the fitted curve");
+  Register("DataDir", DataDir, zqcommon::Config_Data_INIT.FULL, "", "files network clients may read");
+  Register("MaxFileBytes", MaxFileBytes, zqcommon::Config_Data_INIT.FULL, "", "largest file read",
+           zqcommon::cfg_STORAGE);
 }
 
 ServerSettings::ServerSettings() {

@@ -45,6 +45,7 @@ class CLI {
   // Status bits of the polling state machine.
   enum { kPrompt = 1, kReading = 2, kExecute = 4, kEscape = 8, kEnded = 16 };
 
+  // A null stream (fopen() failing) gives an ended session: update() returns 4.
   CLI(FILE* in, FILE* out, FILE* err, unsigned int unused = 0);
   ~CLI();
   CLI(const CLI&) = delete;
@@ -66,9 +67,21 @@ class CLI {
   void SetAppName(const std::string& name) { appname = name; }
   // Keeps at most `n` history entries (the newest).
   void SetHistoryLimit(size_t n);
+  // Optional bounds for a session with an untrusted peer (0: none, the
+  // default). A line longer than `line_bytes` after substitution is refused
+  // with one line on the error stream (parse() returns false); `set` refuses
+  // what would take the variables and the history beyond `session_bytes`,
+  // and the oldest history entries are dropped to stay within it.
+  void SetLimits(size_t line_bytes, size_t session_bytes);
+  // The bytes held by the variables (names and values) and the history.
+  size_t SessionBytes() const;
+  // Whether `more` bytes still fit within the session bound.
+  bool FitsSession(size_t more) const;
 
   // Runs one line: variables substituted, words split at single blanks (at
-  // most 100), the command called. False for an unknown command.
+  // most 100), the command called. False for an unknown command. An
+  // exception from the command is answered with one line on the error
+  // stream and the command counts as failed (result 1).
   bool parse(std::string& text);
   void substitute_vars();
   void update_internal();
@@ -120,6 +133,9 @@ class CLI {
   CLI_cmd_map_entry* owner_of(cmd_map* map, cmd_map* within);
 
   bool termio_saved_ = false;
+  bool overflow_ = false;     // the last substitution went beyond line_limit_
+  size_t line_limit_ = 0;
+  size_t session_limit_ = 0;
   size_t history_limit_ = 1000;
   std::vector<std::unique_ptr<CLI_cmd_map_entry>> entries_;
 };

@@ -115,7 +115,13 @@ class Log : public std::list<Log_Entry> {
   unsigned int PanicCount() const { return pcount; }
   // The types present in the queue as a mask of eLog_Type bits.
   unsigned int GetStat() const;
-  unsigned int LogSize() const { return cfsize; }
+  // Bytes in the current file: those there at opening plus those written
+  // (and those of whole lines waiting for the flush cycle).
+  unsigned int LogSize() const { return cfsize + static_cast<unsigned int>(pending_.size()); }
+  // Lines lost because the file could not take them (a full disk, an I/O
+  // error). A line reaches the file whole or not at all: after a short
+  // write the file is cut back to the end of its last whole line.
+  unsigned long long WriteFailures() const { return lost_; }
   unsigned int LogCount() const { return lcount; }
   const std::string& Name() const { return fname; }
 
@@ -140,7 +146,12 @@ class Log : public std::list<Log_Entry> {
   void count(eLog_Type type, int delta);
 
   LineFormatter formatter_;
+  void write_pending();
+
   std::string line_;      // reused for every line
+  std::string pending_;   // whole lines not yet written, up to the file buffer's size
+  unsigned int pending_lines_ = 0;
+  unsigned long long lost_ = 0;
   Log_Entry scratch_;     // reused by the printf-style Add
 };
 

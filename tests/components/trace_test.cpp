@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -77,6 +78,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   tm.GetTraceData(2).SetFileCount(0);
   tm.Dump();  // nothing has a file count now
   EXPECT_EQ(read_file(std::string(path.c_str()) + "/shared.csv"), text);
+  std::filesystem::remove_all(path.c_str());
 }
 
 TEST(ComponentTrace, DumpPathsAndFailures) {
@@ -107,4 +109,5 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   Values c(0);
   EXPECT_EQ(tm.AddTrace(c, "full"), TraceManager::kNone);
 #endif
+  std::filesystem::remove_all(dir);
 }

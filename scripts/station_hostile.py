@@ -1,0 +1,164 @@
+#!/usr/bin/env python3
+"""The station against a hostile client, one finding at a time.
+
+    station_hostile.py STATION_BINARY STATION_SOURCE_DIR
+
+Starts the station on a free port in a scratch folder and, from loopback
+clients, tries what an attacker would: settings that redirect the log, files
+outside the data folder, directories, devices and FIFOs, memory
+amplification through variables, super-linear substitution, out-of-range
+settings, terminal escapes for the log. After every attempt the station must
+answer a plain command. Bounded: every wait has a time-out.
+"""
+import os
+import re
+import resource
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+from station_client import Checks, read_until
+
+PROMPT = b"station> "
+WORK = tempfile.mkdtemp(prefix="station-hostile-")
+check = Checks()
+
+
+class Client:
+    def __init__(self, port):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
+        self.until(PROMPT)
+
+    def until(self, marker):
+        return read_until(self.sock, marker)
+
+    def ask(self, line):
+        self.sock.sendall(line.encode(errors="surrogateescape") + b"\n")
+        answer = self.until(PROMPT)
+        check(answer.endswith(PROMPT.decode()), "an answer to " + line[:60], repr(answer[-200:]))
+        return answer[: -len(PROMPT)]
+
+
+def start(binary, *args):
+    out = open(os.path.join(WORK, "stdout.txt"), "w+")
+    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0"] + list(args), cwd=WORK,
+                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+    deadline = time.time() + 30
+    while time.time() < deadline:
+        m = re.search(r"tcp port (\d+)", open(out.name).read())
+        if m:
+            return proc, int(m.group(1))
+        check(proc.poll() is None, "the station starts", open(out.name).read())
+        time.sleep(0.05)
+    check(False, "the station prints its port")
+
+
+def rss_mb(pid):
+    for line in open("/proc/%d/status" % pid):
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1]) / 1024.0
+    return 0.0
+
+
+def alive(c, proc, what):
+    check(proc.poll() is None, "the station lives after " + what)
+    check(c.ask("echo alive").strip() == "alive", "the station answers after " + what)
+
+
+def hostile(binary, proc, port):
+    c = Client(port)
+    # Settings that name files, folders, addresses or ports: not from the network.
+    for key, value in (("Log.FileBase", "/root/"), ("Log.Extension", "bashrc"), ("Log.AutoDate", "0"),
+                       ("Log.MaxFileSize", "1"), ("Log.FileMask", "0"), ("Station.DumpPath", "/etc"),
+                       ("Station.DataDir", "/"), ("Server.ListenPort", "22")):
+        s = c.ask("config set %s %s" % (key, value))
+        check("changes only in the file or at the station's terminal" in s, "config set " + key + " refused", s)
+    # Files: only regular files inside the data folder, never through links.
+    os.mkfifo(os.path.join(WORK, "fifo"))
+    os.symlink("/etc/passwd", os.path.join(WORK, "out-link"))
+    os.mkdir(os.path.join(WORK, "sub"))
+    for name, reason in (("/", "outside"), ("/tmp", "outside"), ("/dev/zero", "outside"), ("../x", "no such"),
+                         ("/etc/passwd", "outside"), ("out-link", "outside"), ("fifo", "not a regular"),
+                         ("sub", "not a regular"), (".", "outside"), ("sub/" + "../" * 12 + "etc/passwd", "outside")):
+        for command in ("crc " + name, "hash sha256 " + name):
+            s = c.ask(command)
+            check("cannot read" in s and reason in s and s.count("\n") == 1, command + " refused", s)
+        alive(c, proc, "crc " + name)
+    # Hostile words for every command.
+    for word in ("", "x" * 100000, "a\0b", "%n%s%n%s", "$$$$", "\x1b[2J"):
+        for command in ("status", "io", "io set", "trace", "fit", "hash", "crc", "config", "config set",
+                        "echo", "set", "history", "help", "bogus"):
+            c.sock.sendall(("%s %s\n" % (command, word)).encode(errors="surrogateescape"))
+            if not c.until(PROMPT):  # an answer beyond the write buffer ends that session
+                c = Client(port)
+        alive(c, proc, "hostile words")
+    # Amplification: a 100 KB variable used 1000 times in one line.
+    before = rss_mb(proc.pid)
+    c.ask("set a=" + "x" * 100000)
+    t0 = time.time()
+    s = c.ask("set b=" + "$a" * 1000)
+    amplify = time.time() - t0
+    check("line refused" in s, "an amplified line refused", s)
+    s = c.ask("set c0=$bbbbb")
+    check(rss_mb(proc.pid) - before < 100, "memory stays bounded", rss_mb(proc.pid) - before)
+    alive(c, proc, "amplification")
+    # Substitution: 8,000 names (16 KB), then a line at the 128 KiB limit.
+    c.ask("set z=1")
+    times = []
+    for n in (8000, 65000):
+        t0 = time.time()
+        s = c.ask("echo " + "$z" * n)
+        times.append(time.time() - t0)
+        check(len(s.strip()) >= n, "the substituted line", len(s))
+    check(max(times) < 2.0, "substitution answers in time", times)
+    # Checked settings: refused with the range; a saved file starts again.
+    for value in ("abc", "12x", "-5", "99999999999"):
+        s = c.ask("config set Station.PeriodUs " + value)
+        check("not an integer in 100..1000000" in s, "Station.PeriodUs " + value + " refused", s)
+    check(c.ask("config set Station.HighLimit 85").strip() == "Station.HighLimit = 85", "a good value is taken")
+    check(c.ask("config save").strip() == "saved station.cfg", "config save")
+    # Terminal escapes from a client reach the log escaped.
+    c.ask("echo \x1b[31mred")
+    s = c.ask("status")
+    check("lines lost" in s, "status shows the log's losses", s)
+    c.sock.close()
+    print("hostile: amplified line refused in %.1f ms, 16 KB substitution %.1f ms, 128 KiB %.1f ms"
+          % (amplify * 1000, times[0] * 1000, times[1] * 1000))
+
+
+def main():
+    binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
+    for name in ("station.cfg", "station.acl"):
+        shutil.copy(os.path.join(source, name), WORK)
+    procs = []
+    try:
+        bad = subprocess.run([binary, "-f", "station.cfg", "Station.PeriodUs=-5"], cwd=WORK,
+                             capture_output=True, text=True, timeout=30)
+        check(bad.returncode == 2 and "not an integer in 100..1000000" in bad.stderr,
+              "a bad value on the command line", bad.stderr)
+        proc, port = start(binary)
+        procs.append(proc)
+        hostile(binary, proc, port)
+        proc.send_signal(signal.SIGTERM)
+        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station")
+        log = "".join(open(os.path.join(WORK, p), "rb").read().decode(errors="replace")
+                      for p in os.listdir(WORK) if p.endswith(".log"))
+        check("\x1b" not in log and "echo \\x1b[31mred" in log, "client escapes are logged escaped")
+        again, _ = start(binary)  # the saved file starts again
+        procs.append(again)
+        again.send_signal(signal.SIGTERM)
+        check(again.wait(timeout=30) == 0, "the saved file starts again")
+        print("station hostile: %d checks passed" % check.count)
+    finally:
+        for p in procs:
+            if p.poll() is None:
+                p.kill()
+                p.wait()
+        shutil.rmtree(WORK, ignore_errors=True)
+
+
+main()
