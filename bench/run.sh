@@ -13,9 +13,11 @@ cmake --build "$build" -j"$(nproc)" >/dev/null
 
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
-for bench in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench; do
+for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10"; do
+  read -r bench args <<<"$run"
   if [ -x "$build/$bench" ]; then
-    "$build/$bench" | tee -a "$results" | grep -v '^SUMMARY|' || true
+    # shellcheck disable=SC2086
+    "$build/$bench" $args | tee -a "$results" | grep -v '^SUMMARY|' || true
   else
     echo "$bench: not built (its peer library is missing)"
   fi

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|format [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|format [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -47,6 +47,9 @@ case "$target" in
   cfgentry)
     printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
     printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
+  fleetcmd)
+    printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
+    printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
 esac
 
 cd "$build"

@@ -114,7 +114,8 @@ def hostile(binary, proc, port):
         s = c.ask("echo " + "$z" * n)
         times.append(time.time() - t0)
         check(len(s.strip()) >= n, "the substituted line", len(s))
-    check(max(times) < 2.0, "substitution answers in time", times)
+    # Generous: the machine is shared, and sanitizers slow the connection's reading.
+    check(max(times) < (10.0 if os.environ.get("ZQ_SANITIZE") else 2.0), "substitution answers in time", times)
     # Checked settings: refused with the range; a saved file starts again.
     for value in ("abc", "12x", "-5", "99999999999"):
         s = c.ask("config set Station.PeriodUs " + value)

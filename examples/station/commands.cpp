@@ -44,6 +44,9 @@ int cmd_status(void* arg, int, const char**) {
   say(s, "cycles %lld, period %lld us, cycle length min/avg/max %.1f/%.1f/%.1f us",
       t.CycleCount(), t.CyclePeriod() / 1000, us(t.MinCycleLength()), us(t.AvgCycleLength()),
       us(t.MaxCycleLength()));
+  const CycleStats::Snapshot late = t.cycle_stats.Read();
+  say(s, "start lateness max %.1f us, %llu overruns (last at cycle %lld)", us(late.lateness_max_ns),
+      static_cast<unsigned long long>(late.overruns), late.last_overrun_cycle);
   say(s, "reading %.4f at %.3f s of the run, io 0x%02x, %lld records", st.last.value, st.last.x,
       st.last.io, st.records_seen);
   for (Watch& w : st.watches) {

@@ -24,6 +24,7 @@
 #include <memory>
 #include <vector>
 
+#include "fleet.h"
 #include "station.h"
 
 namespace {
@@ -177,6 +178,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   log.Add(elog_INFO, 0, "listening on %s:%d, access list %s", server.Interface.c_str(), srv.LocalPort(),
           server.ACL.empty() ? "none" : server.ACL.c_str());
 
+  station::Fleet fleet(st);
+  if (!fleet.Start()) return 1;
+
   std::unique_ptr<CLI> terminal;
   Session console;
   console.station = &st;
@@ -195,6 +199,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   while (!g_stop) {
     st.Drain();
     station::report_log_losses(st, GetUTC());
+    fleet.Poll();
     while (MySocket* peer = srv[0]) {
       srv.Remove(peer, false);
       auto c = std::make_unique<Client>();
@@ -283,6 +288,8 @@ int main(int argc, char** argv) {
   settings.Load(cfg, "Station");
   server.Load(cfg, "Server");
   logcfg.Load(cfg, "Log");
+  station::fleet_settings().mqtt.Load(cfg, "MQTT");
+  station::fleet_settings().metrics.Load(cfg, "Metrics");
   if (!apply_overrides(cfg, station::sections(settings, server, logcfg))) return 2;
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");

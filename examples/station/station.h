@@ -14,11 +14,13 @@
 #include <zqcommon/setting_check.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
+#include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rtthread.h>
 
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -72,6 +74,8 @@ class SensorTask : public rtthread {
   void Stop();
   // Written by the main thread between cycles' reads: single values.
   std::atomic<double> low{0.0}, high{80.0}, setpoint{40.0};
+  // Lateness and overruns, recorded by the task, read by anyone.
+  CycleStats cycle_stats;
 
  protected:
   void start(void* arg) override;
@@ -154,6 +158,9 @@ class Station {
   unsigned int clients = 0;
   unsigned long long log_lost_told = 0;  // the log's lost lines already reported
   double log_lost_checked = 0;           // when they were last looked at
+  // Observers of every record and of every change of a watch's severity.
+  std::function<void(const Record&)> on_record;
+  std::function<void(const Watch&, double value)> on_severity;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);

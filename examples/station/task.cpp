@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "fleet.h"
 #include "station.h"
 
 namespace station {
@@ -75,6 +76,7 @@ void SensorTask::apply(const char* command) {
 }
 
 void* SensorTask::rtrun(void*) {
+  cycle_stats.Observe(*this);
   io_.ReadAll();  // inputs, mirrored into the outputs
   while (commands_.GetMessage(command_)) apply(command_.c_str());
   double x = 0;
@@ -160,6 +162,7 @@ void Station::check(Watch& w, bool bad, components::TIME t, double value) {
             w.error.count, value);
   }
   w.reported = now;
+  if (on_severity) on_severity(w, value);
 }
 
 void Station::Drain() {
@@ -176,6 +179,7 @@ void Station::Drain() {
     }
     ++records_seen;
     last = r;
+    if (on_record) on_record(r);
     const components::TIME now = static_cast<components::TIME>(GetUTC() * 1e6);
     check(watches[0], r.value > settings.HighLimit, now, r.value);
     check(watches[1], r.value < settings.LowLimit, now, r.value);
@@ -199,7 +203,8 @@ void Station::Settle(long long cycles) {
 }
 
 SettingsList sections(StationSettings& settings, ServerSettings& server, Log_Config_Data& logcfg) {
-  return {{"Station", &settings}, {"Server", &server}, {"Log", &logcfg}};
+  return {{"Station", &settings}, {"Server", &server}, {"Log", &logcfg},
+          {"MQTT", &fleet_settings().mqtt}, {"Metrics", &fleet_settings().metrics}};
 }
 
 zqcommon::Config_Data_Entry* find_setting(const SettingsList& all, const std::string& path) {

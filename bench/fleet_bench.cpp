@@ -1,0 +1,279 @@
+// N simulated stations publishing to one mosquitto: the library's MqttLink
+// against the same load from mosquitto_pub (libmosquitto's C client, one
+// process per station fed line by line).
+//
+//   fleet_bench [STATIONS=200] [SECONDS=10]
+//
+// Each station publishes a status record every second and 10 sample batches
+// a second at QoS 1. A subscriber in this process counts what arrives per
+// station, checks every sequence number, and measures end-to-end latency
+// from a send time in each payload. CPU per station is the publishing
+// processes' user+system time divided by the stations. Needs mosquitto and
+// mosquitto_pub on PATH; starts its own broker on a free loopback port.
+#include <dirent.h>
+#include <mosquitto.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+#include <zqfleet/JsonFields.h>
+#include <zqfleet/MqttLink.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+long long now_ns() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+int free_port() {
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  close(s);
+  return ntohs(a.sin_port);
+}
+
+// CPU time of the processes' threads in seconds, from /proc/PID/task/*/schedstat (nanosecond
+// resolution), so that their start-up can be left out.
+double cpu_of(const std::vector<pid_t>& pids) {
+  long long ns = 0;
+  for (pid_t p : pids) {
+    const std::string tasks = "/proc/" + std::to_string(p) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    if (dir == nullptr) continue;
+    while (dirent* e = readdir(dir)) {
+      if (e->d_name[0] == '.') continue;
+      FILE* f = std::fopen((tasks + "/" + e->d_name + "/schedstat").c_str(), "r");
+      if (f == nullptr) continue;
+      long long run = 0;
+      if (std::fscanf(f, "%lld", &run) == 1) ns += run;
+      std::fclose(f);
+    }
+    closedir(dir);
+  }
+  return static_cast<double>(ns) * 1e-9;
+}
+
+double cpu_seconds(const rusage& r) {
+  return static_cast<double>(r.ru_utime.tv_sec + r.ru_stime.tv_sec) +
+         static_cast<double>(r.ru_utime.tv_usec + r.ru_stime.tv_usec) * 1e-6;
+}
+
+// Counts records per station and their latency; payloads carry "n" (the
+// station), "seq" or "k" (a number per station and topic) and "t" (send time).
+struct Subscriber {
+  std::mutex mu;
+  std::vector<std::vector<long long>> seen;  // per station: samples numbers seen
+  std::vector<long long> latency_us;
+  long long received = 0;
+
+  static long long field(const char* text, const char* name) {
+    const char* p = std::strstr(text, name);
+    return p != nullptr ? std::atoll(p + std::strlen(name)) : -1;
+  }
+  static void on_message(mosquitto*, void* self, const mosquitto_message* m) {
+    auto& s = *static_cast<Subscriber*>(self);
+    const std::string text(static_cast<const char*>(m->payload), static_cast<size_t>(m->payloadlen));
+    const long long t = field(text.c_str(), "\"t\":"), n = field(text.c_str(), "\"n\":");
+    const long long k = field(text.c_str(), "\"k\":");
+    std::lock_guard<std::mutex> lock(s.mu);
+    ++s.received;
+    if (t > 0) s.latency_us.push_back((now_ns() - t) / 1000);
+    if (n >= 0 && n < static_cast<long long>(s.seen.size()) && k >= 0) s.seen[static_cast<size_t>(n)].push_back(k);
+  }
+};
+
+struct Result {
+  double cpu = 0, rate = 0, p99_ms = 0;
+  long long lost = 0, dup = 0, sent = 0;
+};
+
+Result measure(Subscriber& sub, int stations, int seconds, double cpu, long long sent) {
+  Result r;
+  r.cpu = cpu;
+  r.sent = sent;
+  std::lock_guard<std::mutex> lock(sub.mu);
+  r.rate = static_cast<double>(sub.received) / seconds;
+  for (auto& v : sub.seen) {
+    std::sort(v.begin(), v.end());
+    const long long distinct = std::unique(v.begin(), v.end()) - v.begin();
+    r.dup += static_cast<long long>(v.size()) - distinct;
+  }
+  long long got = 0;
+  for (auto& v : sub.seen) got += static_cast<long long>(std::unique(v.begin(), v.end()) - v.begin());
+  r.lost = sent - got;
+  std::sort(sub.latency_us.begin(), sub.latency_us.end());
+  if (!sub.latency_us.empty()) r.p99_ms = sub.latency_us[sub.latency_us.size() * 99 / 100] / 1000.0;
+  (void)stations;
+  return r;
+}
+
+// One run: `publish` drives the load for `seconds` and returns CPU seconds
+// and the number of sample records sent.
+template <typename F>
+Result run(int port, int stations, int seconds, const char* prefix, F publish) {
+  Subscriber sub;
+  sub.seen.resize(static_cast<size_t>(stations));
+  mosquitto* m = mosquitto_new(nullptr, true, &sub);
+  mosquitto_message_callback_set(m, &Subscriber::on_message);
+  mosquitto_connect(m, "127.0.0.1", port, 30);
+  mosquitto_subscribe(m, nullptr, (std::string(prefix) + "/#").c_str(), 1);
+  mosquitto_loop_start(m);
+  usleep(300000);
+  long long sent = 0;
+  const double cpu = publish(sent);
+  usleep(2000000);  // the last records arrive
+  mosquitto_disconnect(m);
+  mosquitto_loop_stop(m, false);
+  mosquitto_destroy(m);
+  return measure(sub, stations, seconds, cpu, sent);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int stations = argc > 1 ? std::atoi(argv[1]) : 200;
+  const int seconds = argc > 2 ? std::atoi(argv[2]) : 10;
+  signal(SIGPIPE, SIG_IGN);
+  mosquitto_lib_init();
+  const int port = free_port();
+  char conf[] = "/tmp/fleet-bench-XXXXXX";
+  const int fd = mkstemp(conf);
+  const std::string text = "listener " + std::to_string(port) + " 127.0.0.1\nallow_anonymous true\nmax_queued_messages 100000\n";
+  if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return 1;
+  close(fd);
+  const pid_t broker = fork();
+  if (broker == 0) {
+    execlp("mosquitto", "mosquitto", "-c", conf, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  usleep(500000);
+  std::printf("fleet: %d stations, %d s, status 1/s + samples 10/s each at QoS 1, one mosquitto\n", stations, seconds);
+
+  // The library: one MqttLink per station in a child process, whose CPU is measured.
+  const Result lib = run(port, stations, seconds, "zq", [&](long long& sent) {
+    int pipefd[2];
+    if (pipe(pipefd) != 0) return 0.0;
+    const pid_t child = fork();
+    if (child == 0) {
+      std::vector<std::unique_ptr<zqfleet::MqttLink>> links;
+      for (int i = 0; i < stations; ++i) {
+        zqfleet::MqttSettings s;
+        s.Host = "127.0.0.1";
+        s.Port = port;
+        std::string error;
+        s.Resolve("b" + std::to_string(i), error);
+        links.push_back(std::make_unique<zqfleet::MqttLink>(s, "b" + std::to_string(i)));
+        links.back()->Start("", error);
+      }
+      usleep(1000000);  // every link connected
+      rusage before{};
+      getrusage(RUSAGE_SELF, &before);
+      long long count = 0;
+      for (int tick = 0; tick < seconds * 10; ++tick) {
+        for (int i = 0; i < stations; ++i) {
+          zqfleet::JsonFields f;
+          f.Add("n", i).Add("k", static_cast<long long>(tick)).Add("t", now_ns()).AddRaw("samples", "[[1,20.5,1],[2,20.6,1]]");
+          links[static_cast<size_t>(i)]->Publish("samples", f.Text());
+          ++count;
+          if (tick % 10 == 0) links[static_cast<size_t>(i)]->Publish("status", zqfleet::JsonFields().Add("cycles", tick).Text());
+        }
+        usleep(100000);
+      }
+      for (auto& l : links) l->Stop(2000);
+      rusage after{};
+      getrusage(RUSAGE_SELF, &after);
+      const double cpu = cpu_seconds(after) - cpu_seconds(before);
+      const long long msg[2] = {static_cast<long long>(cpu * 1e6), count};
+      if (write(pipefd[1], msg, sizeof msg) != sizeof msg) _exit(1);
+      _exit(0);
+    }
+    close(pipefd[1]);
+    long long msg[2] = {0, 0};
+    if (read(pipefd[0], msg, sizeof msg) != sizeof msg) std::fprintf(stderr, "library run failed\n");
+    close(pipefd[0]);
+    waitpid(child, nullptr, 0);
+    sent = msg[1];
+    return static_cast<double>(msg[0]) * 1e-6;
+  });
+
+  // The same load from mosquitto_pub -l, one process per station and topic
+  // kind, fed line by line; its CPU is the children's.
+  const Result pub = run(port, stations, seconds, "mp", [&](long long& sent) {
+    std::vector<FILE*> feeds;
+    std::vector<pid_t> kids;
+    for (int i = 0; i < stations; ++i) {
+      for (const char* topic : {"samples", "status"}) {
+        int p[2];
+        if (pipe(p) != 0) break;
+        const pid_t kid = fork();
+        if (kid == 0) {
+          dup2(p[0], 0);
+          close(p[0]);
+          close(p[1]);
+          const std::string t = "mp/b" + std::to_string(i) + "/" + topic;
+          const std::string portText = std::to_string(port);
+          execlp("mosquitto_pub", "mosquitto_pub", "-h", "127.0.0.1", "-p", portText.c_str(), "-q", "1",
+                 "-V", "5", "-t", t.c_str(), "-l", static_cast<char*>(nullptr));
+          _exit(127);
+        }
+        close(p[0]);
+        kids.push_back(kid);
+        feeds.push_back(fdopen(p[1], "w"));
+      }
+    }
+    usleep(1000000);
+    const double before = cpu_of(kids);
+    long long count = 0;
+    for (int tick = 0; tick < seconds * 10; ++tick) {
+      for (int i = 0; i < stations; ++i) {
+        std::fprintf(feeds[static_cast<size_t>(2 * i)],
+                     "{\"station\":\"b%d\",\"seq\":%d,\"time\":\"2026-01-01T00:00:00.000Z\",\"n\":%d,\"k\":%d,\"t\":%lld,"
+                     "\"samples\":[[1,20.5,1],[2,20.6,1]]}\n", i, tick, i, tick, now_ns());
+        std::fflush(feeds[static_cast<size_t>(2 * i)]);
+        ++count;
+        if (tick % 10 == 0) {
+          std::fprintf(feeds[static_cast<size_t>(2 * i + 1)], "{\"station\":\"b%d\",\"seq\":%d,\"cycles\":%d}\n", i, tick / 10, tick);
+          std::fflush(feeds[static_cast<size_t>(2 * i + 1)]);
+        }
+      }
+      usleep(100000);
+    }
+    usleep(2000000);  // the last records go out
+    const double after = cpu_of(kids);
+    for (FILE* f : feeds) std::fclose(f);  // end of input: each publisher exits
+    for (pid_t k : kids) waitpid(k, nullptr, 0);
+    sent = count;
+    return after - before;
+  });
+
+  kill(broker, SIGTERM);
+  waitpid(broker, nullptr, 0);
+  unlink(conf);
+  const auto show = [&](const char* name, const Result& r) {
+    std::printf("%-22s %8.0f msg/s delivered, p99 %7.1f ms, CPU %6.3f ms per station per second, samples lost %lld, duplicated %lld of %lld\n",
+                name, r.rate, r.p99_ms, r.cpu * 1000.0 / stations / seconds, r.lost, r.dup, r.sent);
+  };
+  show("MqttLink", lib);
+  show("mosquitto_pub -l", pub);
+  std::printf("CPU per station, MqttLink / mosquitto_pub: %.2f\n", pub.cpu > 0 ? lib.cpu / pub.cpu : 0.0);
+  return 0;
+}

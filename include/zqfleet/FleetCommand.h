@@ -1,0 +1,32 @@
+// A command request that arrived through the broker.
+#ifndef ZQFLEET_FLEETCOMMAND_H
+#define ZQFLEET_FLEETCOMMAND_H
+
+#include <zqcommon/export.h>
+
+#include <string>
+
+namespace zqfleet {
+
+// The payload of a request on <prefix>/cmd is one flat JSON object:
+//   {"cmd": "status", "station": "s1"}
+// "cmd" (required) is the command line; "station" (optional) must then be
+// this station's id. Other string, number, true/false/null members are
+// ignored; nested objects and arrays, duplicate "cmd", text after the object,
+// invalid escapes and payloads over kMaxPayload bytes are refused.
+// Parse never throws; it is a value type.
+struct ZQ_EXPORT FleetCommand {
+  static constexpr size_t kMaxPayload = 4096;
+
+  std::string line;     // the command line to run
+  std::string station;  // as the request named it, or empty
+
+  // False, with a one-line reason in `error`, when the payload is refused or
+  // names another station than `station_id`.
+  static bool Parse(const std::string& payload, const std::string& station_id, FleetCommand& out,
+                    std::string& error);
+};
+
+}  // namespace zqfleet
+
+#endif

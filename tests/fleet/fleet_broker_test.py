@@ -1,0 +1,350 @@
+#!/usr/bin/python3
+"""The station in a fleet, against a real mosquitto on a free loopback port.
+
+    fleet_broker_test.py STATION_BINARY STATION_SOURCE_DIR
+
+The broker gets a generated configuration (password file, access list,
+persistence, TLS listeners with a test CA, one requiring client
+certificates); paho-mqtt subscribers check the
+retained birth, the schema of every topic, a command round trip with
+correlation data, refused requests, the will after kill -9, every sequence
+number once across a broker restart, drops with a tiny queue, the metrics
+(parsed with prometheus_client), a broker that never answers and a wrong CA.
+"""
+import glob
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import urllib.request
+
+import paho.mqtt.client as mqtt
+from paho.mqtt.packettypes import PacketTypes
+from paho.mqtt.properties import Properties
+from prometheus_client.parser import text_string_to_metric_families
+
+STATION, SOURCE = sys.argv[1], sys.argv[2]
+SLOW = 3 if os.environ.get("ZQ_SANITIZE") else 1  # sanitizer builds run slower
+WORK = tempfile.mkdtemp(prefix="fleet-test-")
+USERS = {"station": "st-pw", "viewer": "vw-pw", "watch": "wa-pw"}
+TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+SCHEMA = {"state": {"state"}, "samples": {"samples"}, "errors": {"record", "severity", "count"},
+          "log": {"type", "text"},
+          "status": {"cycles", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
+                     "dropped", "queued"}}
+procs = []
+
+
+def fail(what, detail=""):
+    for path in sorted(glob.glob(os.path.join(WORK, "*", "station*.log"))):
+        sys.stderr.write("---- %s\n%s" % (path, open(path, errors="replace").read()[-2500:]))
+    sys.exit("FAIL: %s %s" % (what, detail))
+
+
+def check(ok, what, detail=""):
+    if not ok:
+        fail(what, detail)
+
+
+def wait_for(done, seconds, step=0.05):
+    end = time.time() + seconds * SLOW
+    while time.time() < end:
+        if done():
+            return True
+        time.sleep(step)
+    return done()
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def run(*args):
+    subprocess.run(args, check=True, capture_output=True, cwd=WORK)
+
+
+def make_certificates():
+    """A test CA with a server certificate for 127.0.0.1, and a second, unrelated CA."""
+    for ca in ("ca", "other-ca"):
+        run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=" + ca,
+            "-keyout", ca + ".key", "-out", ca + ".pem")
+    run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", "server.key",
+        "-out", "server.csr")
+    with open(os.path.join(WORK, "san.ext"), "w") as f:
+        f.write("subjectAltName=IP:127.0.0.1\n")
+    run("openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
+        "-days", "2", "-extfile", "san.ext", "-out", "server.pem")
+    # The station's own certificate: its name is the broker user "station".
+    run("openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=station", "-keyout", "client.key",
+        "-out", "client.csr")
+    run("openssl", "x509", "-req", "-in", "client.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial",
+        "-days", "2", "-out", "client.pem")
+
+
+class Broker:
+    def __init__(self):
+        self.port, self.tls_port, self.mtls_port = free_port(), free_port(), free_port()
+        self.conf = os.path.join(WORK, "mosquitto.conf")
+        pw = os.path.join(WORK, "passwords")
+        open(pw, "w").close()
+        for user, password in USERS.items():
+            run("mosquitto_passwd", "-b", pw, user, password)
+        with open(os.path.join(WORK, "acl"), "w") as f:
+            f.write("user station\ntopic readwrite zq/#\ntopic write reply/#\n"
+                    "user viewer\ntopic read zq/#\ntopic write zq/+/cmd/viewer\ntopic read reply/viewer/#\n"
+                    "user watch\ntopic read zq/#\n")
+        with open(self.conf, "w") as f:
+            if os.geteuid() == 0:
+                f.write("user root\n")  # root would switch to the mosquitto user, who cannot read WORK
+            f.write("per_listener_settings false\nallow_anonymous false\npassword_file %s\nacl_file %s\n"
+                    "persistence true\npersistence_location %s/\nautosave_interval 1\n"
+                    "listener %d 127.0.0.1\nlistener %d 127.0.0.1\ncafile %s/ca.pem\ncertfile %s/server.pem\n"
+                    "keyfile %s/server.key\n" % (pw, os.path.join(WORK, "acl"), WORK, self.port, self.tls_port,
+                                                WORK, WORK, WORK))
+            f.write("listener %d 127.0.0.1\ncafile %s/ca.pem\ncertfile %s/server.pem\nkeyfile %s/server.key\n"
+                    "require_certificate true\nuse_identity_as_username true\n" % (self.mtls_port, WORK, WORK, WORK))
+        self.proc = None
+
+    def start(self):
+        self.proc = subprocess.Popen(["mosquitto", "-c", self.conf], stdout=subprocess.DEVNULL,
+                                     stderr=open(os.path.join(WORK, "mosquitto.log"), "a"))
+        procs.append(self.proc)
+        check(wait_for(lambda: self.listening(), 10), "mosquitto listens")
+
+    def listening(self):
+        try:
+            socket.create_connection(("127.0.0.1", self.port), 0.2).close()
+            return True
+        except OSError:
+            return False
+
+    def stop(self):
+        os.kill(self.proc.pid, signal.SIGTERM)
+        self.proc.wait(20)
+
+
+class Station:
+    def __init__(self, name, *settings):
+        self.dir = os.path.join(WORK, name)
+        os.makedirs(self.dir)
+        for f in ("station.cfg", "station.acl"):
+            shutil.copy(os.path.join(SOURCE, f), self.dir)
+        with open(os.path.join(self.dir, "pw"), "w") as f:
+            f.write(USERS["station"] + "\n")
+        args = [STATION, "Server.ListenPort=0", "MQTT.ClientId=" + name, "MQTT.User=station",
+                "MQTT.PasswordFile=pw", "MQTT.KeepAlive=5"] + list(settings)
+        self.proc = subprocess.Popen(args, cwd=self.dir, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT)
+        procs.append(self.proc)
+        self.ports = {}
+        expect = {"tcp"} | ({"metrics"} if any(a.startswith("Metrics.") for a in settings) else set())
+        while not expect <= set(self.ports):
+            line = self.proc.stdout.readline().decode(errors="replace")
+            check(line, "the station starts", name)
+            m = re.match(r"(tcp|metrics) port (\d+)", line)
+            if m:
+                self.ports[m.group(1)] = int(m.group(2))
+
+    def log(self):
+        return "".join(open(p, errors="replace").read() for p in sorted(glob.glob(self.dir + "/station*.log")))
+
+    def ask(self, line):
+        with socket.create_connection(("127.0.0.1", self.ports["tcp"]), 10 * SLOW) as s:
+            s.sendall(line.encode() + b"\nexit\n")
+            data = b""
+            while not data.endswith(b"bye\r\n"):
+                chunk = s.recv(65536)
+                if not chunk:
+                    break
+                data += chunk
+            return data.decode(errors="replace")
+
+    def metrics(self):
+        text = urllib.request.urlopen("http://127.0.0.1:%d/metrics" % self.ports["metrics"], timeout=10).read()
+        return {f.name: f for f in text_string_to_metric_families(text.decode())}
+
+    def stop(self, sig=signal.SIGTERM):
+        os.kill(self.proc.pid, sig)
+        rc = self.proc.wait(30)
+        check(sig == signal.SIGKILL or rc == 0, "the station stops cleanly", rc)
+
+
+class Client:
+    """A paho MQTT 5 client that keeps every message it receives."""
+
+    def __init__(self, user, port, topics=(), persistent=None):
+        self.messages, self.lock = [], threading.Lock()
+        self.c = mqtt.Client(client_id=persistent or "", protocol=mqtt.MQTTv5)
+        self.c.username_pw_set(user, USERS[user])
+        self.c.reconnect_delay_set(1, 2)
+        self.topics = topics
+        self.c.on_connect = lambda c, u, f, rc, p=None: [c.subscribe(t, qos=1) for t in self.topics]
+        self.c.on_message = self.on_message
+        props = None
+        if persistent:
+            props = Properties(PacketTypes.CONNECT)
+            props.SessionExpiryInterval = 600
+        self.c.connect("127.0.0.1", port, 30, clean_start=not persistent, properties=props)
+        self.c.loop_start()
+
+    def on_message(self, c, u, msg):
+        with self.lock:
+            self.messages.append(msg)
+
+    def take(self, topic_end):
+        with self.lock:
+            return [m for m in self.messages if m.topic.endswith(topic_end)]
+
+    def records(self, topic_end):
+        return [json.loads(m.payload) for m in self.take(topic_end)]
+
+    def close(self):
+        self.c.loop_stop()
+        self.c.disconnect()
+
+
+def check_schema(client, station):
+    for topic, keys in SCHEMA.items():
+        recs = client.records("/" + topic)
+        check(recs, "records on " + topic)
+        for r in recs:
+            check(r["station"] == station and TIME.match(r["time"]) and isinstance(r["seq"], int),
+                  "the envelope on " + topic, r)
+            check(keys <= set(r), "the fields of " + topic, r)
+        if topic != "state":
+            seqs = [r["seq"] for r in recs]
+            check(seqs == list(range(seqs[0], seqs[0] + len(seqs))), "consecutive numbers on " + topic, seqs)
+
+
+def request(client, station, payload, corr):
+    props = Properties(PacketTypes.PUBLISH)
+    props.ResponseTopic = "reply/viewer/" + corr.hex()
+    props.CorrelationData = corr
+    client.c.publish("zq/%s/cmd/viewer" % station, payload, qos=1, properties=props)
+    check(wait_for(lambda: client.take("/" + corr.hex()), 10), "an answer to", payload[:60])
+    answer = client.take("/" + corr.hex())[0]
+    check(answer.properties.CorrelationData == corr, "the correlation data returned", answer.properties)
+    return json.loads(answer.payload)
+
+
+def main():
+    make_certificates()
+    broker = Broker()
+    broker.start()
+
+    # Birth, schema, commands, metrics and the will.
+    s1 = Station("s1", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.port, "MQTT.StatusPeriod=1",
+                 "Station.HighLimit=22", "Metrics.Listen=127.0.0.1:0")
+    watch = Client("watch", broker.port, ["zq/s1/#"])
+    check(wait_for(lambda: watch.take("/state"), 10), "the birth")
+    late = Client("watch", broker.port, ["zq/s1/state"])
+    check(wait_for(lambda: late.take("/state"), 10), "the retained birth")
+    late.close()
+    birth = late.take("/state")[0]
+    check(birth.retain and json.loads(birth.payload)["state"] == "online", "a retained online birth", birth.payload)
+    check({"version", "start", "settings"} <= set(json.loads(birth.payload)), "the birth's fields", birth.payload)
+    check(wait_for(lambda: len(watch.take("/status")) >= 2 and watch.take("/errors"), 10), "status and errors")
+    check_schema(watch, "s1")
+    viewer = Client("viewer", broker.port, ["reply/viewer/#"])
+    time.sleep(0.3)
+    answer = request(viewer, "s1", json.dumps({"cmd": "status", "station": "s1"}), b"\x00\x01ok")
+    check(answer["result"] == 0 and "cycles" in answer["output"], "status through the broker", answer)
+    refused = [(json.dumps({"cmd": "io set 4"}), 403), ('{"cmd": "status"', 400),
+               (json.dumps({"cmd": "status", "pad": "x" * 5000}), 400),
+               (json.dumps({"cmd": "status", "station": "s2"}), 400)]
+    for i, (payload, code) in enumerate(refused):
+        answer = request(viewer, "s1", payload, b"bad%d" % i)
+        check(answer["result"] == code, "refused with %d" % code, answer)
+    check(s1.log().count("MQTT request from viewer refused") == len(refused), "each refusal logged once")
+    m = s1.metrics()
+    buckets = [s for s in m["zq_cycle_lateness_seconds"].samples if s.name.endswith("_bucket")]
+    check(len(buckets) == 17 and buckets[-1].labels["le"] == "+Inf", "the lateness histogram", buckets)
+    check(m["zq_mqtt_connected"].samples[0].value == 1, "connected in the metrics")
+    check(m["process_cpu_seconds"].samples[0].value > 0, "process metrics")
+    check(any(s.labels.get("type") == "warning" and s.value > 0 for s in m["zq_log_entries"].samples),
+          "log entries by type")
+    s1.stop(signal.SIGKILL)
+    check(wait_for(lambda: json.loads(watch.take("/state")[-1].payload)["state"] == "offline", 10),
+          "offline after kill -9")
+    watch.close()
+    viewer.close()
+
+    # A broker restart: a persistent QoS 1 subscriber sees every number once.
+    persist = Client("watch", broker.port, ["zq/s2/samples", "zq/s2/status"], persistent="persist")
+    time.sleep(0.5)
+    s2 = Station("s2", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.port, "MQTT.StatusPeriod=1",
+                 "MQTT.QueueDir=queue")
+    time.sleep(1.5)
+    broker.stop()
+    time.sleep(2)
+    broker.start()
+    # Back-off doubles from 1 s: the link is back within about 4 s.
+    check(wait_for(lambda: len(persist.take("/status")) >= 6, 15), "status after the restart")
+    s2.stop()
+    time.sleep(1)
+    for topic in ("samples", "status"):
+        # Every number arrives; a second copy only as the broker's own
+        # redelivery (DUP set), which QoS 1 permits across its restart.
+        msgs = [(json.loads(m.payload)["seq"], m.dup) for m in persist.take("/" + topic)]
+        seqs = sorted({n for n, _ in msgs})
+        fresh = sorted(n for n, dup in msgs if not dup)
+        check(seqs and seqs == list(range(seqs[-1] + 1)) and len(fresh) == len(set(fresh)),
+              "every %s number once" % topic, "%d distinct, max %s, sent twice %s" % (
+                  len(seqs), seqs[-1] if seqs else None, [n for n in set(fresh) if fresh.count(n) > 1]))
+        print("%s: %d records across the broker restart, each once (%d redelivered by the broker)"
+              % (topic, len(seqs), len(msgs) - len(fresh)))
+    persist.close()
+
+    # A tiny queue while the broker is away: the drops are counted and reported.
+    dead = free_port()
+    s3 = Station("s3", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % dead, "MQTT.QueueLimit=1024",
+                 "MQTT.StatusPeriod=1", "Metrics.Listen=127.0.0.1:0")
+    check(wait_for(lambda: s3.metrics()["zq_mqtt_dropped"].samples[0].value > 0, 10, 0.5), "drops counted")
+    s3.stop()
+
+    # A peer that accepts and never answers CONNECT, and a broker with another CA.
+    silent = socket.socket()
+    silent.bind(("127.0.0.1", 0))
+    silent.listen(8)
+    s4 = Station("s4", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % silent.getsockname()[1])
+    s5 = Station("s5", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.tls_port, "MQTT.CAFile=%s/other-ca.pem" % WORK)
+    s6 = Station("s6", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.mtls_port, "MQTT.CAFile=%s/ca.pem" % WORK,
+                 "MQTT.CertificateFile=%s/client.pem" % WORK, "MQTT.KeyFile=%s/client.key" % WORK)
+    tls = Client("watch", broker.port, ["zq/s6/state"])
+    check(wait_for(lambda: tls.take("/state"), 10), "a birth over TLS with the station's certificate")
+    time.sleep(3)
+    for st in (s4, s5):
+        text = st.ask("status")
+        check("cycles" in text, "the station answers while its broker does not", text)
+        overruns = int(re.search(r"(\d+) overruns", text).group(1))
+        cycles = int(re.search(r"cycles (\d+)", text).group(1))
+        check(overruns < cycles / 20 + 20, "the task stays on time", text)
+    check(s5.log().count("MQTT:") == 1, "the TLS failure logged once", s5.log().count("MQTT:"))
+    # No CONNACK: libmosquitto gives up after the keep-alive (5 s) and says so.
+    check(wait_for(lambda: "MQTT:" in s4.log(), 10), "the silent broker logged")
+    check(s4.log().count("MQTT:") == 1, "the silent broker logged once", s4.log().count("MQTT:"))
+    for st in (s4, s5, s6):
+        st.stop()
+    tls.close()
+    silent.close()
+    broker.stop()
+    print("fleet broker test passed")
+
+
+try:
+    main()
+finally:
+    for p in procs:
+        if p.poll() is None:
+            p.kill()
+            p.wait()
+    if not os.environ.get("FLEET_KEEP"): shutil.rmtree(WORK, ignore_errors=True)
