@@ -1,15 +1,16 @@
-// Configuration parsing: Config_File against inih (into a std::map), Poco's
-// IniFileConfiguration and Boost.PropertyTree's read_ini on one generated
-// 200,000-line file, in one run. Then get_entry look-ups and the memory the
-// parsed file takes.
-#include <ini.h>
+// Configuration: parsing generated files of 10 k, 100 k and 1 M lines into
+// Config_File against inih with a handler that stores nothing (the parse
+// alone: Config_File does more, it keeps every line) and inih filling a
+// std::map (labelled as such); then get_entry against a look-up in a
+// std::map<std::string, std::string> of "SECTION.ENTRY" keys folded to upper
+// case (the same case rule), in two shapes: few large sections and many
+// small ones. Medians of 5 runs, alternating; memory from the allocator's
+// count of bytes in use.
 #include <malloc.h>
+#include "bench_util.h"
 #include <zqcommon/lib_config.h>
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Util/IniFileConfiguration.h>
-#include <boost/property_tree/ini_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -19,103 +20,155 @@
 #include <string>
 #include <vector>
 
+#if __has_include(<ini.h>)
+#include <ini.h>
+#define ZQ_HAVE_INIH 1
+#endif
+
 namespace {
 
-constexpr int kSections = 2000;
-constexpr int kEntries = 95;  // plus a comment, a header and blanks: about 100 lines
+using bench::median;
+using bench::seconds;
 
-std::string make_file(const std::string& path, long& lines) {
+constexpr int kRuns = 5;
+
+struct Shape {
+  const char* name;
+  int keys_per_section;
+};
+
+// A file of about `lines` lines: a comment and a header per section, entries
+// with some comments, a blank line after each section.
+long make_file(const std::string& path, long lines, int keys, int& sections) {
   std::ofstream out(path);
-  lines = 0;
-  for (int s = 0; s < kSections; ++s) {
-    out << "# section " << s << " of the generated test file\n[section" << s << "]\n";
-    lines += 2;
-    for (int e = 0; e < kEntries; ++e) {
-      out << "entry" << e << " = value_" << s << "_" << e;
+  long written = 0;
+  sections = 0;
+  while (written < lines) {
+    out << "# section " << sections << " of the generated file\n[section" << sections << "]\n";
+    written += 2;
+    for (int e = 0; e < keys && written < lines; ++e, ++written) {
+      out << "entry" << e << " = value_" << sections << "_" << e;
       if (e % 5 == 0) out << "   # a comment";
       out << "\n";
-      ++lines;
-      if (e % 40 == 39) {
-        out << "\n";
-        ++lines;
-      }
     }
     out << "\n";
-    ++lines;
+    ++written;
+    ++sections;
   }
-  return path;
+  return written;
 }
 
-double best_seconds(int passes, const std::function<void()>& run) {
-  double best = 1e30;
-  for (int i = 0; i < passes; ++i) {
-    const auto t0 = std::chrono::steady_clock::now();
-    run();
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
-  }
-  return best;
+
+
+std::string upper(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
 }
 
+size_t in_use() {
+  const struct mallinfo2 m = mallinfo2();
+  return m.uordblks + m.hblkhd;
+}
+
+#ifdef ZQ_HAVE_INIH
+int inih_nothing(void*, const char*, const char*, const char*) { return 1; }
 int inih_store(void* user, const char* section, const char* name, const char* value) {
   auto* map = static_cast<std::map<std::string, std::string>*>(user);
-  (*map)[std::string(section) + "." + name] = value;
+  (*map)[upper(std::string(section) + "." + name)] = value;
   return 1;
 }
+#endif
 
 }  // namespace
 
 int main() {
-  long lines = 0;
-  const std::string path = make_file("/tmp/zq_config_bench.ini", lines);
-  std::ifstream probe(path, std::ios::ate | std::ios::binary);
-  const double file_bytes = static_cast<double>(probe.tellg());
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  const std::string path = "/tmp/zq_config_bench.ini";
+  const Shape shapes[] = {{"many small sections (48 keys)", 48}, {"few large sections (10,000 keys)", 10000}};
+  std::printf("Configuration, medians of %d runs\n", kRuns);
+  for (const Shape& shape : shapes) {
+    std::printf(" %s\n", shape.name);
+    for (long target : {10000L, 100000L, 1000000L}) {
+      int sections = 0;
+      const long lines = make_file(path, target, shape.keys_per_section, sections);
+      std::ifstream probe(path, std::ios::ate | std::ios::binary);
+      const double bytes = static_cast<double>(probe.tellg());
 
-  const double ours = best_seconds(5, [&] { Config_File cfg(path); });
-  const double inih = best_seconds(5, [&] {
-    std::map<std::string, std::string> map;
-    ini_parse(path.c_str(), inih_store, &map);
-  });
-  const double poco = best_seconds(5, [&] {
-    Poco::AutoPtr<Poco::Util::IniFileConfiguration> cfg(new Poco::Util::IniFileConfiguration(path));
-  });
-  const double boost = best_seconds(5, [&] {
-    boost::property_tree::ptree tree;
-    boost::property_tree::ini_parser::read_ini(path, tree);
-  });
+      std::vector<double> ours, nothing, into_map;
+      for (int r = 0; r < kRuns; ++r) {
+        ours.push_back(seconds([&] { Config_File cfg(path); }));
+#ifdef ZQ_HAVE_INIH
+        nothing.push_back(seconds([&] { ini_parse(path.c_str(), inih_nothing, nullptr); }));
+        into_map.push_back(seconds([&] {
+          std::map<std::string, std::string> map;
+          ini_parse(path.c_str(), inih_store, &map);
+        }));
+#endif
+      }
+      const double o = lines / median(ours) / 1e6;
+      std::printf("  %8ld lines  parse: Config_File %5.2f M lines/s", lines, o);
+      if (!nothing.empty()) {
+        const double n = lines / median(nothing) / 1e6, m = lines / median(into_map) / 1e6;
+        std::printf("  inih no-op %5.2f (%.2fx)  inih into std::map %5.2f (%.2fx)", n, o / n, m, o / m);
+        std::printf("\nSUMMARY|config parse %ld lines, %s|inih, no-op handler (parses only; we keep every line)|"
+                    "%.2f M lines/s|%.2f M lines/s|%.2f|-\n",
+                    lines, shape.name, n, o, o / n);
+        std::printf("SUMMARY|config parse %ld lines, %s|inih into std::map (stores entries only)|%.2f M lines/s|"
+                    "%.2f M lines/s|%.2f|-\n",
+                    lines, shape.name, m, o, o / m);
+      } else {
+        std::printf("  inih: not installed (libinih-dev)\n");
+        std::printf("SUMMARY|config parse %ld lines, %s|inih: not installed|n/a|%.2f M lines/s|n/a|-\n", lines,
+                    shape.name, o);
+      }
 
-  auto rate = [&](double s) { return static_cast<double>(lines) / s / 1e6; };
-  std::printf("Parsing %ld lines (%.1f MB), best of 5 (million lines per second)\n", lines,
-              file_bytes / 1e6);
-  std::printf("  Config_File          %6.2f\n", rate(ours));
-  std::printf("  inih into std::map   %6.2f   Config_File/inih  = %5.2f\n", rate(inih), inih / ours);
-  std::printf("  Poco IniFileConfig   %6.2f   Config_File/Poco  = %5.2f\n", rate(poco), poco / ours);
-  std::printf("  Boost read_ini       %6.2f   Config_File/Boost = %5.2f\n", rate(boost), boost / ours);
-
-  // Memory held by a parsed file, from the allocator's count of bytes in use
-  // (heap chunks and separately mapped large blocks).
-  auto in_use = [] {
-    const struct mallinfo2 m = mallinfo2();
-    return m.uordblks + m.hblkhd;
-  };
-  const size_t before = in_use();
-  auto* held = new Config_File(path);
-  const size_t after = in_use();
-  std::printf("Memory for the parsed file: %.1f MB, %.2f times the file's size\n",
-              static_cast<double>(after - before) / 1e6, static_cast<double>(after - before) / file_bytes);
-
-  std::mt19937 rng(7);
-  std::vector<std::pair<std::string, std::string>> keys;
-  for (int i = 0; i < 100000; ++i) {
-    keys.emplace_back("section" + std::to_string(rng() % kSections),
-                      "entry" + std::to_string(rng() % kEntries));
+      // Memory and look-ups on one parsed copy.
+      const size_t before = in_use();
+      auto* held = new Config_File(path);
+      const double memory = static_cast<double>(in_use() - before);
+      // The look-up index is built by the first look-up: timed on its own.
+      const double build_ms = seconds([&] { held->get_entry("section0", "entry0", ""); }) * 1e3;
+      std::map<std::string, std::string> map;
+      for (int s = 0; s < sections; ++s) {
+        for (const std::string& e : held->get_section_entries("section" + std::to_string(s))) {
+          map.emplace(upper("section" + std::to_string(s) + "." + e), held->get_entry("section" + std::to_string(s), e, ""));
+        }
+      }
+      std::mt19937 rng(7);
+      std::vector<std::pair<std::string, std::string>> keys;
+      for (int i = 0; i < 100000; ++i) {
+        const int s = static_cast<int>(rng() % sections);
+        const int keys_here = static_cast<int>(std::min<long>(shape.keys_per_section, lines));
+        keys.emplace_back("section" + std::to_string(s), "entry" + std::to_string(rng() % keys_here));
+      }
+      std::vector<double> ours_ns, map_ns;
+      size_t found = 0;
+      for (int r = 0; r < kRuns; ++r) {
+        ours_ns.push_back(seconds([&] {
+          for (const auto& k : keys) found += held->get_entry(k.first, k.second, "").size();
+        }) / keys.size() * 1e9);
+        map_ns.push_back(seconds([&] {
+          for (const auto& k : keys) {
+            const auto it = map.find(upper(k.first + "." + k.second));
+            const std::string value = it == map.end() ? std::string() : it->second;
+            found += value.size();
+          }
+        }) / keys.size() * 1e9);
+      }
+      const double on = median(ours_ns), mn = median(map_ns);
+      std::printf("  %8s         get_entry %6.0f ns, std::map %6.0f ns (%.2fx); %d sections; memory %.2fx the file;"
+                  " first look-up (builds the index) %.1f ms\n",
+                  "", on, mn, mn / on, sections, memory / bytes, build_ms);
+      std::printf("SUMMARY|get_entry, %ld lines, %s|std::map<string,string> find, upper-case keys|%.0f ns|%.0f ns|%.2f|-\n",
+                  lines, shape.name, mn, on, mn / on);
+      if (target == 1000000L) {
+        std::printf("SUMMARY|config memory, 1 M lines, %s|(goal: 3x the file)|-|%.2fx the file|-|-\n", shape.name,
+                    memory / bytes);
+      }
+      delete held;
+      if (found == 0) return 1;
+    }
   }
-  size_t found = 0;
-  const double lookups = best_seconds(3, [&] {
-    for (const auto& k : keys) found += held->get_entry(k.first, k.second, "").size();
-  });
-  std::printf("get_entry: %.0f ns per look-up (100,000 random existing entries)\n",
-              lookups / keys.size() * 1e9);
-  delete held;
   std::remove(path.c_str());
-  return found == 0;
+  return 0;
 }

@@ -1,78 +1,109 @@
-// Mailbox speed: records per second from one thread to another through
-// rtmailbox against a mutex-protected std::deque of strings, in one run.
+// Mailbox speed: records per second through rtmailbox against Boost.Lockfree's
+// queue (bounded, 1024 nodes, records of 64 bytes held by value), one
+// producer and one consumer, then two producers. Both start from a
+// std::string and end in one, so both copy the text in and out. Threads are
+// pinned (producers on CPU 0 and 1, the consumer on the last CPU); medians of
+// 5 alternating runs, with the spread (min-max).
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+#include "bench_util.h"
 #include <zqrtm/rtmailbox.h>
 
-#include <atomic>
+#include <algorithm>
+#include <boost/lockfree/queue.hpp>
 #include <chrono>
 #include <cstdio>
-#include <deque>
-#include <mutex>
+#include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
-constexpr int kRecords = 2000000;
+using bench::median;
+using bench::seconds;
+
+constexpr int kRecords = 200000;  // per producer
 constexpr unsigned int kSize = 64, kEntries = 1024;
 
-// A bounded queue of records under one mutex, refusing when full (like the mailbox).
-class LockedQueue {
- public:
-  bool put(const std::string& s) {
-    std::lock_guard<std::mutex> hold(m_);
-    if (q_.size() >= kEntries) return false;
-    q_.push_back(s);
-    return true;
-  }
-  bool get(std::string& s) {
-    std::lock_guard<std::mutex> hold(m_);
-    if (q_.empty()) return false;
-    s = std::move(q_.front());
-    q_.pop_front();
-    return true;
-  }
-
- private:
-  std::mutex m_;
-  std::deque<std::string> q_;
+struct Record {
+  char text[kSize];
 };
 
+void pin(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu % static_cast<int>(std::thread::hardware_concurrency()), &set);
+  pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
+
 template <typename Put, typename Get>
-double run(Put put, Get get) {
+double run(int producers, Put put, Get get) {
+  const int cpus = static_cast<int>(std::thread::hardware_concurrency());
   const auto t0 = std::chrono::steady_clock::now();
-  std::thread producer([&] {
-    const std::string record = "a record of a real-time task, cycle 123456";
-    for (int i = 0; i < kRecords; ++i) {
-      while (!put(record)) std::this_thread::yield();
-    }
-  });
+  std::vector<std::thread> threads;
+  for (int p = 0; p < producers; ++p) {
+    threads.emplace_back([&, p] {
+      pin(p);
+      const std::string record = "a record of a real-time task, cycle 123456";
+      for (int i = 0; i < kRecords; ++i) {
+        while (!put(record)) std::this_thread::yield();
+      }
+    });
+  }
+  pin(cpus - 1);
   std::string out;
-  for (int got = 0; got < kRecords;) {
+  for (int got = 0; got < kRecords * producers;) {
     if (get(out)) {
       ++got;
     } else {
       std::this_thread::yield();
     }
   }
-  producer.join();
+  for (auto& t : threads) t.join();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
+
 
 }  // namespace
 
 int main() {
-  double box_best = 1e30, queue_best = 1e30;
-  for (int pass = 0; pass < 3; ++pass) {
-    rtmailbox box(kSize, kEntries);
-    box_best = std::min(box_best, run([&](const std::string& s) { return box.PutMessage(s); },
-                                      [&](std::string& s) { return box.GetMessage(s); }));
-    LockedQueue queue;
-    queue_best = std::min(queue_best, run([&](const std::string& s) { return queue.put(s); },
-                                          [&](std::string& s) { return queue.get(s); }));
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  std::printf("Mailbox, records of %u bytes, %d per producer, medians of 5 pinned runs (M records/s)\n", kSize,
+              kRecords);
+  for (int producers : {1, 2}) {
+    std::vector<double> ours, peer;
+    for (int pass = 0; pass < 5; ++pass) {
+      rtmailbox box(kSize, kEntries);
+      ours.push_back(kRecords * producers / 1e6 /
+                     run(producers, [&](const std::string& s) { return box.PutMessage(s); },
+                         [&](std::string& s) { return box.GetMessage(s); }));
+      boost::lockfree::queue<Record, boost::lockfree::capacity<kEntries>> queue;
+      peer.push_back(kRecords * producers / 1e6 /
+                     run(
+                         producers,
+                         [&](const std::string& s) {
+                           Record r;
+                           std::memcpy(r.text, s.data(), s.size());
+                           std::memset(r.text + s.size(), 0, kSize - s.size());
+                           return queue.bounded_push(r);
+                         },
+                         [&](std::string& s) {
+                           Record r;
+                           if (!queue.pop(r)) return false;
+                           s.assign(r.text, strnlen(r.text, kSize));
+                           return true;
+                         }));
+    }
+    const double o = median(ours), p = median(peer);
+    std::printf("  %d producer(s): rtmailbox %6.2f (%.2f-%.2f)   Boost.Lockfree queue %6.2f (%.2f-%.2f)   ratio %.2f\n",
+                producers, o, *std::min_element(ours.begin(), ours.end()), *std::max_element(ours.begin(), ours.end()),
+                p, *std::min_element(peer.begin(), peer.end()), *std::max_element(peer.begin(), peer.end()), o / p);
+    std::printf("SUMMARY|mailbox %d producer(s), 1 consumer, pinned|Boost.Lockfree queue<64-byte record>|"
+                "%.2f M/s (%.2f-%.2f)|%.2f M/s (%.2f-%.2f)|%.2f|-\n",
+                producers, p, *std::min_element(peer.begin(), peer.end()), *std::max_element(peer.begin(), peer.end()),
+                o, *std::min_element(ours.begin(), ours.end()), *std::max_element(ours.begin(), ours.end()), o / p);
   }
-  std::printf("Mailbox, %d records of %u bytes between two threads, best of 3\n", kRecords, kSize);
-  std::printf("  rtmailbox            %10.0f records/s\n", kRecords / box_best);
-  std::printf("  mutex + std::deque   %10.0f records/s   rtmailbox/mutex = %4.2f\n",
-              kRecords / queue_best, queue_best / box_best);
   return 0;
 }

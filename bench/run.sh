@@ -1,24 +1,31 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release mode and runs them. Installs the peer
-# libraries they compare with (zlib, Boost, inih, Poco, spdlog, rt-tests, GSL). Not part of the tests.
+# libraries they compare with (ISA-L, zlib, Boost, inih, spdlog, rt-tests, GSL);
+# a bench whose peer is missing prints its own figures and says so. Ends with
+# one summary table: work, strongest peer, peer's figure, ours, ratio (ours
+# over the peer: above 1 is better for us), physical bound. Not part of the tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-bench}
-bash "$root/scripts/deps.sh" zlib1g-dev libboost-dev libinih-dev libpoco-dev libspdlog-dev rt-tests libgsl-dev
+bash "$root/scripts/deps.sh" zlib1g-dev libboost-dev libisal-dev libinih-dev libspdlog-dev rt-tests libgsl-dev
 cmake -S "$root/bench" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$(nproc)" >/dev/null
-"$build/crc_bench"
-echo
-"$build/config_bench"
-echo
-"$build/log_bench"
-echo
-"$build/echo_bench"
-echo
-"$build/mailbox_bench"
-echo
-"$build/fit_bench"
-echo
-"$build/latency_bench"
-echo
-"$build/fleet_bench" 200 10
+
+results=$(mktemp)
+trap 'rm -f "$results"' EXIT
+for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10"; do
+  read -r bench args <<<"$run"
+  if [ -x "$build/$bench" ]; then
+    # shellcheck disable=SC2086
+    "$build/$bench" $args | tee -a "$results" | grep -v '^SUMMARY|' || true
+  else
+    echo "$bench: not built (its peer library is missing)"
+  fi
+  echo
+done
+
+echo "== Summary ($(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end: figures from a loaded machine are noisy)"
+{
+  echo "work|strongest peer|peer|ours|ours/peer|physical bound"
+  grep '^SUMMARY|' "$results" | cut -d'|' -f2-
+} | if command -v column >/dev/null; then column -t -s '|'; else tr '|' '\t'; fi

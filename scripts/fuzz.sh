@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -28,6 +28,9 @@ case "$target" in
   readln)
     printf 'abc\r\n\r\ndef\nset x 1 # note\nab\bc\n\bz\n\n\rlast' > "$corpus/seed1"
     printf '\0\0\n\r\r\n#\n\b\b\bq\n' > "$corpus/seed2" ;;
+  format)  # 8 bytes of a double, a buffer size / 2, then the format
+    printf '\x9a\x99\x99\x99\x99\x99\xf1\x3f\x80sensor %%d out of range: %%.3f' > "$corpus/seed1"
+    printf '\x00\x00\x00\x00\x00\x00\xf0\x7f\x03%%-#012.4g|%%+x|%%5.1e|%%lu' > "$corpus/seed2" ;;
   cli)
     printf 'echo $VERSION x\nset a=1\necho $a$$?\nhe\t\nec\t hi\n\x1b[A\x1b[A\x1b[B\n' > "$corpus/seed1"
     printf 'app 1 2\nsub\nhelp app\nhistory\nquit\n\x1b[1~\x7f\x08\x0cexit\n' > "$corpus/seed2"

@@ -13,6 +13,7 @@
 
 #include "atomic_file.h"
 #include "chartype.h"
+#include "details/config_index.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
 #include "zqsecurity/hash.h"
@@ -28,7 +29,8 @@ bool is_ws(char c) { return c != '\0' && std::strchr(kWhitespace, c) != nullptr;
 bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   if (l.name == LINE::none || l.namelen != name.size()) return false;
   const char* p = l.data.data() + l.name;
-  if (!ignorecase) return name.compare(0, name.size(), p, l.namelen) == 0;
+  if (name.compare(0, name.size(), p, l.namelen) == 0) return true;  // the same bytes match either way
+  if (!ignorecase) return false;
   for (std::string::size_type i = 0; i < name.size(); ++i) {
     if (zqdetail::upper(p[i]) != zqdetail::upper(name[i])) return false;
   }
@@ -320,19 +322,23 @@ LINE& Config_File::store(const std::string& text, int number) {
 
 bool Config_File::find_section(const std::string& section, int& header) {
   ZQ_DEBUG(100, "libconfig: searching section >%s<\n", section.c_str());
-  auto it = sections.find(section);
-  if (it == sections.end() && ignorecase) {
+  // The ordered map's content, hashed.
+  const auto& exact = lookup_index().exact_sections;
+  auto it = exact.find(section);
+  if (it == exact.end() && ignorecase) {
     std::string upper = section;
     toupper(upper);
-    it = sections.find(upper);
-    if (it == sections.end()) {
-      for (it = sections.begin(); it != sections.end(); ++it) {
-        ZQ_DEBUG(99, "comparing >%s< with >%s<\n", it->first.c_str(), upper.c_str());
-        if (it->first ^= upper) break;
-      }
+    it = exact.find(upper);
+    if (it == exact.end()) {
+      // The first name in byte order that matches without regard to case.
+      const auto& folded = lookup_index().folded_sections;
+      const auto hit = folded.find(upper);
+      if (hit == folded.end()) return false;
+      header = hit->second;
+      return true;
     }
   }
-  if (it == sections.end()) return false;
+  if (it == exact.end()) return false;
   header = it->second;
   return true;
 }
@@ -347,7 +353,15 @@ std::string Config_File::get_entry(const std::string& section, const std::string
     ZQ_DEBUG(99, "libconfig: section not found, returning default value\n");
     return def;
   }
-  for (auto it = data.upper_bound(header); it != data.end(); ++it) {
+  // The index names the line. A name it does not know, or a line that no
+  // longer carries the name (lines can be edited in place), is looked for by
+  // the scan of the section.
+  const int indexed = lookup_index().find(header, name);
+  auto it = indexed == INT_MIN ? data.end() : data.find(indexed);
+  if (it == data.end() || !it.line().IsEntry() || !name_is(it.line(), name, ignorecase)) {
+    it = data.upper_bound(header);
+  }
+  for (; it != data.end(); ++it) {
     LINE& l = it.line();
     if (l.IsSection()) break;
     if (!l.IsEntry() || !name_is(l, name, ignorecase)) continue;

@@ -12,6 +12,7 @@
 
 #include "chartype.h"
 #include "journal_priority.h"
+#include "details/format.h"
 #include "zqcommon/functions.h"
 
 const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";
@@ -34,7 +35,7 @@ char type_letter(eLog_Type type) {
 
 void vformat_text(std::string& text, const char* format, va_list args) {
   char buffer[kTextLimit];
-  const int n = std::vsnprintf(buffer, sizeof buffer, format, args);
+  const int n = zqdetail::vformat(buffer, sizeof buffer, format, args);  // vsnprintf's bytes
   if (n < 0) {
     text.clear();
     return;
@@ -97,11 +98,13 @@ void Log::LineFormatter::format(const Log_Entry& e, std::string& out) {
   const auto nerr = static_cast<unsigned>(e.nerr);
   for (int i = 0; i < 8; ++i) head[9 + i] = zqdetail::kHexDigits[(nerr >> (28 - 4 * i)) & 15u];
   head[17] = ';';
-  out.clear();
-  out.append(prefix, prefix_len);
-  out.append(head, 18);
-  out += e.text;
-  out += "\r\n";
+  // One copy per part into a line whose capacity stays from line to line.
+  out.resize(prefix_len + 18 + e.text.size() + 2);
+  char* p = &out[0];
+  std::memcpy(p, prefix, prefix_len);
+  std::memcpy(p + prefix_len, head, 18);
+  std::memcpy(p + prefix_len + 18, e.text.data(), e.text.size());
+  std::memcpy(p + out.size() - 2, "\r\n", 2);
 }
 
 // ------------------------------------------------------- Log_Config_Data

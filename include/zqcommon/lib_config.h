@@ -244,6 +244,15 @@ class ZQ_EXPORT Config_File {
   std::string magix;
   std::string rmagix;
   bool ignorecase = true;
+
+ private:
+  // Hashed index of the entries and the case-folded section names, built on
+  // the first look-up and rebuilt when lines are added or cleared, so a
+  // look-up costs the same whatever the number of sections or lines. Copies
+  // share it read-only.
+  struct LookupIndex;
+  std::shared_ptr<const LookupIndex> index_;
+  const LookupIndex& lookup_index();
 };
 
 #endif

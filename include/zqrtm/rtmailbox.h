@@ -38,6 +38,7 @@ class ZQ_EXPORT rtmailbox {
   char* data(size_t i) const;
 
   std::unique_ptr<char[]> storage_;  // per slot: the sequence, then the record
+  char* base_;                       // the first slot, cache-line aligned in storage_
   size_t stride_;
   alignas(64) std::atomic<size_t> put_pos_{0};
   alignas(64) std::atomic<size_t> get_pos_{0};

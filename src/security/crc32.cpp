@@ -61,13 +61,14 @@ uint32_t crc32_slice8(uint32_t r, const uint8_t* p, size_t n) {
 }
 
 bool crc32_clmul_available() {
-  static const bool available = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
+  static const bool available = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3") &&
+                                __builtin_cpu_supports("sse4.1");
   return available;
 }
 
 namespace {
 
-#define ZQ_CLMUL __attribute__((target("pclmul,sse4.1")))
+#define ZQ_CLMUL __attribute__((target("pclmul,ssse3,sse4.1")))
 
 ZQ_CLMUL inline __m128i load(const uint8_t* q) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
@@ -101,7 +102,8 @@ constexpr long long kFold384Lo = 0x003db1ecdc, kFold384Hi = 0x0174359406;
 constexpr long long kFold256Lo = 0x00f1da05aa, kFold256Hi = 0x015a546366;
 
 // Folds the remaining 16-byte blocks (fewer than 64 bytes) onto the lane `x`,
-// reduces it to 32 bits and finishes the last bytes with slicing-by-8.
+// then the last 0-15 bytes, and reduces the lane to 32 bits. At least 16 bytes
+// of the message lie before `p`.
 ZQ_CLMUL uint32_t fold_finish(__m128i x, const uint8_t* p, size_t n) {
   const __m128i k3k4 = _mm_set_epi64x(kFold128Hi, kFold128Lo);
   const __m128i k5k0 = _mm_set_epi64x(0, kFold64);
@@ -111,6 +113,20 @@ ZQ_CLMUL uint32_t fold_finish(__m128i x, const uint8_t* p, size_t n) {
     x = fold(x, k3k4, load(p));
     p += 16;
     n -= 16;
+  }
+  if (n > 0) {
+    // The lane and the tail are the message's last 16 + n bytes. Split them
+    // into the first n bytes (below 16 - n leading zeros, which change
+    // nothing) and the last 16, read from the buffer where they overlap the
+    // bytes already folded, and fold the first onto the last.
+    const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const auto shift = static_cast<char>(n);
+    __m128i down = _mm_add_epi8(iota, _mm_set1_epi8(shift));  // byte i from i + n; past 15: zero
+    down = _mm_or_si128(down, _mm_cmpgt_epi8(down, _mm_set1_epi8(15)));
+    const __m128i up = _mm_sub_epi8(iota, _mm_set1_epi8(static_cast<char>(16 - shift)));  // negative: zero
+    const __m128i top = _mm_cmpgt_epi8(iota, _mm_set1_epi8(static_cast<char>(15 - shift)));
+    const __m128i last = _mm_or_si128(_mm_shuffle_epi8(x, down), _mm_and_si128(load(p + n - 16), top));
+    x = fold(_mm_shuffle_epi8(x, up), k3k4, last);
   }
   // 128 bits to 64 bits.
   __m128i t = _mm_clmulepi64_si128(x, k3k4, 0x10);
@@ -125,7 +141,7 @@ ZQ_CLMUL uint32_t fold_finish(__m128i x, const uint8_t* p, size_t n) {
   t = _mm_and_si128(t, mask32);
   t = _mm_clmulepi64_si128(t, poly, 0x00);
   x = _mm_xor_si128(x, t);
-  return zqdetail::crc32_slice8(static_cast<uint32_t>(_mm_extract_epi32(x, 1)), p, n);
+  return static_cast<uint32_t>(_mm_extract_epi32(x, 1));
 }
 
 #define ZQ_VCLMUL __attribute__((target("avx512f,vpclmulqdq,pclmul,sse4.1")))
@@ -142,7 +158,8 @@ ZQ_VCLMUL inline __m512i fold512(__m512i x, __m512i k, __m512i next) {
 
 // Four 128-bit lanes folded in parallel over 64-byte blocks.
 ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 64) return crc32_slice8(r, p, n);
+  if (n < 16) return crc32_slice8(r, p, n);
+  if (n < 64) return fold_finish(_mm_xor_si128(load(p), _mm_cvtsi32_si128(static_cast<int>(r))), p + 16, n - 16);
   const __m128i k1k2 = _mm_set_epi64x(kFold512Hi, kFold512Lo);
   const __m128i k3k4 = _mm_set_epi64x(kFold128Hi, kFold128Lo);
   __m128i x1 = _mm_xor_si128(load(p), _mm_cvtsi32_si128(static_cast<int>(r)));
@@ -213,11 +230,19 @@ ZQ_VCLMUL uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n) {
   return fold_finish(x, p, n);
 }
 
+unsigned crc32_features() {
+  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u);
+}
+
+Crc32Engine crc32_engine(unsigned features) {
+  if ((features & kCrcVclmul) != 0) return crc32_vclmul;
+  if ((features & kCrcClmul) != 0) return crc32_clmul;
+  return crc32_slice8;
+}
+
 }  // namespace zqdetail
 
 uint32_t mk_crc32(const void* data, unsigned int length) {
-  const auto* p = static_cast<const uint8_t*>(data);
-  if (zqdetail::crc32_vclmul_available()) return zqdetail::crc32_vclmul(0, p, length);
-  if (zqdetail::crc32_clmul_available()) return zqdetail::crc32_clmul(0, p, length);
-  return zqdetail::crc32_slice8(0, p, length);
+  static const zqdetail::Crc32Engine engine = zqdetail::crc32_engine(zqdetail::crc32_features());
+  return engine(0, static_cast<const uint8_t*>(data), length);
 }

@@ -17,6 +17,13 @@ bool crc32_clmul_available();
 uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n);
 bool crc32_vclmul_available();
 
+// The engine mk_crc32 uses on a processor with the given instruction sets
+// (a mask of the bits below); crc32_features() is this processor's mask.
+using Crc32Engine = uint32_t (*)(uint32_t r, const uint8_t* p, size_t n);
+enum : unsigned { kCrcClmul = 1, kCrcVclmul = 2 };
+unsigned crc32_features();
+Crc32Engine crc32_engine(unsigned features);
+
 // The 32-bit CRC-16 register update exactly as mk_crc16 defines it.
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
 // The 16-bit CRC-16/CCITT state update, eight bytes at a time.

@@ -1,0 +1,101 @@
+// Config_File look-ups through its index against a plain scan of the text:
+// duplicate sections and entries, names that differ only in case, entries
+// added after the first look-up and a name edited in place.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "zqcommon/lib_config.h"
+
+namespace {
+
+std::string fold(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The value get_entry must give, by the rules of the file format: the first
+// section of that name (exactly, else upper case, else the first in byte
+// order without regard to case), then its first entry of that name.
+struct Reference {
+  std::vector<std::pair<std::string, std::vector<std::pair<std::string, std::string>>>> sections;
+
+  const std::vector<std::pair<std::string, std::string>>* section(const std::string& name, bool nocase) const {
+    const std::vector<std::string> tries = nocase ? std::vector<std::string>{name, fold(name)}
+                                                  : std::vector<std::string>{name};
+    for (const std::string& t : tries) {
+      for (const auto& s : sections) {
+        if (s.first == t) return &s.second;
+      }
+    }
+    if (!nocase) return nullptr;
+    const decltype(sections)::value_type* best = nullptr;
+    for (const auto& s : sections) {
+      if (fold(s.first) == fold(name) && (best == nullptr || s.first < best->first)) best = &s;
+    }
+    return best == nullptr ? nullptr : &best->second;
+  }
+  std::string get(const std::string& sec, const std::string& key, bool nocase) const {
+    const auto* entries = section(sec, nocase);
+    if (entries == nullptr) return "<def>";
+    for (const auto& e : *entries) {
+      if (nocase ? fold(e.first) == fold(key) : e.first == key) return e.second;
+    }
+    return "<def>";
+  }
+};
+
+}  // namespace
+
+TEST(ConfigLookup, IndexGivesWhatTheScanGives) {
+  struct Shape {
+    int sections, entries;
+    bool nocase;
+  } const shapes[] = {{3, 400, true}, {300, 4, true}, {40, 30, false}};
+  std::mt19937 rng(99);
+  const char* const variants[] = {"Key", "KEY", "key", "kEy"};
+  for (const Shape& shape : shapes) {
+    Reference ref;
+    std::ostringstream text;
+    for (int s = 0; s < shape.sections; ++s) {
+      // Some names repeat, some differ only in case.
+      const std::string name = (rng() % 4 == 0 ? "sec" : "Sec") + std::to_string(rng() % (shape.sections / 2 + 1));
+      text << "# comment\n[" << name << "]\n";
+      ref.sections.push_back({name, {}});
+      for (int e = 0; e < shape.entries; ++e) {
+        const std::string key = variants[rng() % 4] + std::to_string(rng() % (shape.entries + 1));
+        const std::string value = "v" + std::to_string(s) + "_" + std::to_string(e);
+        text << key << " = " << value << (e % 3 == 0 ? " # note\n" : "\n");
+        ref.sections.back().second.push_back({key, value});
+      }
+    }
+    std::istringstream in(text.str());
+    Config_File cfg(in, "", shape.nocase);
+    for (int i = 0; i < 3000; ++i) {
+      const std::string sec = (rng() % 3 == 0 ? "SEC" : rng() % 2 ? "sec" : "Sec") +
+                              std::to_string(rng() % (shape.sections / 2 + 2));
+      const std::string key = variants[rng() % 4] + std::to_string(rng() % (shape.entries + 2));
+      ASSERT_EQ(cfg.get_entry(sec, key, "<def>"), ref.get(sec, key, shape.nocase)) << sec << "." << key;
+    }
+  }
+}
+
+TEST(ConfigLookup, LaterEditsAreSeen) {
+  std::istringstream in("[A]\nx = 1\ny = 2\n[B]\nx = 3");  // no final line end: line 6 is free
+  Config_File cfg(in);
+  EXPECT_EQ(cfg.get_entry("a", "X", "d"), "1");
+  cfg.get_section("B").add_entry("z", std::string("4"));  // after the index was built
+  EXPECT_EQ(cfg.get_entry("B", "z", "d"), "4");
+  cfg.add_section("C");
+  cfg.get_section("C").add_entry("w", std::string("5"));
+  EXPECT_EQ(cfg.get_entry("c", "w", "d"), "5");
+  // A name changed in place is found under its new name only.
+  cfg.get_line(2).data[0] = 'q';
+  EXPECT_EQ(cfg.get_entry("A", "q", "d"), "1");
+  EXPECT_EQ(cfg.get_entry("A", "x", "d"), "d");
+  cfg.clear();
+  EXPECT_EQ(cfg.get_entry("A", "y", "d"), "d");
+}
