@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <zqcommon/connserv.h>
 #include <zqcommon/functions.h>
+#include <zqcommon/library_info.h>
 
 #include <cerrno>
 #include <chrono>
@@ -18,9 +19,6 @@
 
 #ifndef ZQ_STATION_VERSION
 #define ZQ_STATION_VERSION "unknown"
-#endif
-#ifndef ZQ_LIBRARY_VERSION
-#define ZQ_LIBRARY_VERSION "unknown"
 #endif
 
 namespace station {
@@ -69,7 +67,9 @@ std::string assign(const SettingsList& all, const std::string& path, const std::
 int service_command_line(Config_File& cfg, const std::string& default_file) {
   const std::string version = cfg.get_entry(kArgline, "show_version", "");
   if (!version.empty() && version != "0") {
-    std::printf("station %s\nlibzqcommon %s\n", ZQ_STATION_VERSION, ZQ_LIBRARY_VERSION);
+    // The library's lines come from the library loaded now, not the headers.
+    std::printf("station %s\n", ZQ_STATION_VERSION);
+    for (const char* const* line = zqcommon_LIBRARYINFO; *line != nullptr; ++line) std::printf("%s\n", *line);
     return 0;
   }
   std::string name = cfg.get_entry(kArgline, "config_file", "");

@@ -27,7 +27,7 @@ for deb in "${debs[@]}"; do dpkg-deb -x "$deb" "$tmp"; done
 programs=$(ls "$tmp/usr/bin")
 [[ $programs == station ]] || { echo "programs in /usr/bin: $programs"; exit 1; }
 version=$(LD_LIBRARY_PATH="$tmp/usr/lib" "$tmp/usr/bin/station" --version)
-[[ $version == *"libzqcommon "* ]] || { echo "--version: $version"; exit 1; }
+[[ $version == *"zqcommon 1."* ]] || { echo "--version: $version"; exit 1; }
 for f in etc/station/station.cfg etc/logrotate.d/station lib/systemd/system/station.service \
          usr/share/man/man1/station.1.gz; do
   [[ -f $tmp/$f ]] || { echo "missing $f"; exit 1; }
