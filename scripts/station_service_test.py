@@ -208,6 +208,61 @@ def socket_activation():
     print("socket activation: served port %d from systemd-socket-activate" % port)
 
 
+def unwritable_log_folder():
+    """The log folder replaced by a plain file (which binds root too): the
+    reopen on SIGHUP fails, the station keeps serving, the lost lines are
+    reported at most once per report period, and writing resumes once the
+    folder is back."""
+    global proc
+    folder, away = os.path.join(WORK, "logs"), os.path.join(WORK, "logs.away")
+    os.mkdir(folder)
+    write_cfg([])
+    errors = open(os.path.join(WORK, "stderr"), "w+")
+    period = 1
+    proc = subprocess.Popen([STATION, "-f", "station.cfg", "Station.UsersFile=none", "Server.RequireTLS=0",
+                             "Server.ListenPort=0", "Log.AutoDate=0", "Log.FileBase=logs/station", "Log.Pmask=7",
+                             "Station.LogLossReportS=%d" % period],
+                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
+    for _ in range(20):
+        m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
+        if m:
+            break
+    client = Client(int(m.group(1)) if m else fail("no tcp port line"))
+    os.rename(folder, away)
+    open(folder, "w").close()
+    os.kill(proc.pid, signal.SIGHUP)
+    start = time.monotonic()
+    served = 0
+    while time.monotonic() - start < 4 * period * slow:
+        if "lost-%d" % served not in client.ask("echo lost-%d" % served):
+            fail("the station serves while its log folder is gone")
+        served += 1
+        time.sleep(0.02)
+    window = time.monotonic() - start
+    errors.seek(0)
+    echoed = errors.read()
+    reports = echoed.count("could not take")
+    os.remove(folder)
+    os.rename(away, folder)
+    back = os.path.join(folder, "station.log")
+    for _ in range(100):
+        client.ask("echo back")
+        text = open(back, errors="replace").read() if os.path.exists(back) else ""
+        if "echo back" in text and "could not take" in text:
+            break
+        time.sleep(0.1)
+    else:
+        fail("writing resumes when the folder is back", text[-500:])
+    client.sock.close()
+    proc.send_signal(signal.SIGTERM)
+    proc.wait(timeout=30 * slow)
+    errors.close()
+    if "cannot be opened" not in echoed or not 1 <= reports <= window / period + 1:
+        fail("lost lines reported once per period", (reports, window))
+    print("unwritable log folder: %d commands served in %.1f s, %d loss reports (period %d s), "
+          "writing resumed" % (served, window, reports, period))
+
+
 def main():
     global proc
     shutil.copy(os.path.join(SOURCE, "station.acl"), WORK)
@@ -288,6 +343,7 @@ def main():
     print("notifications: " + " ".join(k if n == 1 else "%s x%d" % (k, n) for k, n in kinds))
     print("first status: " + status)
     socket_activation()
+    unwritable_log_folder()
 
 
 try:

@@ -213,14 +213,20 @@ void Log::Add(Log_Entry& e) {
     count(e.type, +1);
   }
   const bool echo = (e.type & cfg->pmask) != 0;
-  const bool to_file = f != nullptr && (e.type & cfg->fmask) != 0;
+  // A line meant for a file that could not be opened is a lost line.
+  const bool for_file = !fname.empty() && (e.type & cfg->fmask) != 0;
+  const bool to_file = f != nullptr && for_file;
+  if (for_file && !to_file) ++lost_;
   if (!echo && !to_file) return;
   formatter_.format(e, line_);
   if (echo && journal_prefix) std::fputs(zqdetail::journal_priority(e.type), stderr);
   if (echo) std::fwrite(line_.data(), 1, line_.size(), stderr);
   if (!to_file) return;
   if (cfg->maxsize != 0 && cfsize + pending_.size() + line_.size() > cfg->maxsize) Next();
-  if (f == nullptr) return;
+  if (f == nullptr) {
+    ++lost_;
+    return;
+  }
   if (pending_.size() + line_.size() > kFileBuffer) write_pending();
   pending_ += line_;
   ++pending_lines_;

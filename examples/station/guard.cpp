@@ -29,6 +29,7 @@ const zqcommon::Setting_Check& setting_rules() {
         .Integer("Station.FitPoints", 20, 100000)
         .Text("Station.DataDir", PATH_MAX)
         .Size("Station.MaxFileBytes", 1, 1LL << 30)
+        .Integer("Station.LogLossReportS", 1, 86400)
         .Integer("Server.ListenPort", 0, 65535)
         .Integer("Server.MaxConnections", 1, 100000)
         .Text("Server.Interface", 64)
@@ -75,7 +76,8 @@ bool operator_only(const std::string& path) {
   if ((section ^= "TLS") || (section ^= "Login") || (section ^= "Access")) return true;
   // Where the station listens and whom it reports to.
   if ((section ^= "Network") || (section ^= "MQTT") || (section ^= "Metrics")) return true;
-  for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile"}) {
+  for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile",
+                          "Station.LogLossReportS"}) {
     if (path ^= key) return true;
   }
   return false;
@@ -168,7 +170,14 @@ bool read_file(const Session& s, const std::string& name, std::string& data, std
 }
 
 void report_log_losses(Station& st, double now) {
-  if (now - st.log_lost_checked < 60.0) return;
+  // A file that could not be created (its folder gone or read-only) is
+  // tried again every second, so writing resumes once the folder is back.
+  if (!st.log.FileOpen() && !st.log.Name().empty() && now - st.log_reopen_tried >= 1.0) {
+    st.log_reopen_tried = now;
+    st.log.Next();
+    if (st.log.FileOpen()) st.log.Add(elog_INFO, 0, "the log file %s is written again", st.log.Name().c_str());
+  }
+  if (now - st.log_lost_checked < st.settings.LogLossReportS) return;
   st.log_lost_checked = now;
   const unsigned long long lost = st.log.WriteFailures();
   if (lost == st.log_lost_told) return;

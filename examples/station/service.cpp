@@ -2,6 +2,8 @@
 // notifications, reload on SIGHUP, log retention.
 #include "service.h"
 
+#include "fleet.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -173,7 +175,11 @@ void Service::Stopping() { notifier_.Send("STOPPING=1"); }
 bool Service::Reload(Station& st) {
   notifier_.Send("RELOADING=1");
   log_.Next();  // after logrotate renamed the file: a new one under the name
-  log_.Add(elog_INFO, 0, "SIGHUP: log file %s reopened", log_.Name().c_str());
+  if (log_.FileOpen()) {
+    log_.Add(elog_INFO, 0, "SIGHUP: log file %s reopened", log_.Name().c_str());
+  } else {
+    log_.Add(elog_ERROR, 5, "SIGHUP: log file %s cannot be opened: %s", log_.Name().c_str(), std::strerror(errno));
+  }
   retention_.Poll();
   std::string report;
   const bool ok = reload_settings(st, report);
@@ -200,12 +206,14 @@ bool Service::reload_settings(Station& st, std::string& report) {
   ServerSettings server;
   Log_Config_Data logcfg;
   LogRetention_Config_Data retention;
-  // Only the structures made here: sections() may also list shared ones
-  // (the fleet's), which a reload must not write into.
-  SettingsList fresh;
-  for (const auto& section : sections(station_settings, server, logcfg)) {
-    const zqcommon::Config_Data* d = section.second;
-    if (d == &station_settings || d == &server || d == &logcfg) fresh.push_back(section);
+  // Only the structures made here: sections() also lists the fleet's shared
+  // ones, which a reload must not write into; fresh copies stand in for
+  // them, so that their changes are reported as needing a restart.
+  FleetSettings fleet;
+  SettingsList fresh = sections(station_settings, server, logcfg);
+  for (auto& section : fresh) {
+    if (section.second == &fleet_settings().mqtt) section.second = &fleet.mqtt;
+    if (section.second == &fleet_settings().metrics) section.second = &fleet.metrics;
   }
   fresh.emplace_back("LogRetention", &retention);
   // The file's values, then the command line's Section.Key=VALUE over them.

@@ -44,6 +44,7 @@ struct StationSettings : zqcommon::Config_Data {
   std::string UsersFile = "station.users";  // network users; "none": no login asked
   std::string DataDir = ".";    // the only files network clients may read
   long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
+  int LogLossReportS = 60;      // at most one report of lost log lines per period
 };
 
 // [Server]: the TCP side.
@@ -168,6 +169,7 @@ class Station {
   std::function<void(const std::string&)> announce;
   unsigned long long log_lost_told = 0;  // the log's lost lines already reported
   double log_lost_checked = 0;           // when they were last looked at
+  double log_reopen_tried = 0;           // when a missing log file was last tried
   // Observers of every record and of every change of a watch's severity.
   std::function<void(const Record&)> on_record;
   std::function<void(const Watch&, double value)> on_severity;

@@ -24,6 +24,8 @@ StationSettings::StationSettings() {
   Register("DataDir", DataDir, zqcommon::Config_Data_INIT.FULL, "", "files network clients may read");
   Register("MaxFileBytes", MaxFileBytes, zqcommon::Config_Data_INIT.FULL, "", "largest file read",
            zqcommon::cfg_STORAGE);
+  Register("LogLossReportS", LogLossReportS, zqcommon::Config_Data_INIT.FULL, "s",
+           "one report of lost log lines per period");
 }
 
 ServerSettings::ServerSettings() {

@@ -121,8 +121,11 @@ class ZQ_EXPORT Log : public std::list<Log_Entry> {
   unsigned int LogSize() const { return cfsize + static_cast<unsigned int>(pending_.size()); }
   // Lines lost because the file could not take them (a full disk, an I/O
   // error). A line reaches the file whole or not at all: after a short
-  // write the file is cut back to the end of its last whole line.
+  // write the file is cut back to the end of its last whole line. Lines for
+  // a file that could not be opened (after Start() or Next()) count too.
   unsigned long long WriteFailures() const { return lost_; }
+  // Whether a file is open to take the lines now.
+  bool FileOpen() const { return f != nullptr; }
   unsigned int LogCount() const { return lcount; }
   const std::string& Name() const { return fname; }
 
