@@ -307,7 +307,8 @@ def main():
     manager.until(r"^RELOADING=1$", 5)
     manager.until(r"^READY=1$", 5)
 
-    changes = [(r"^Setpoint = 40", "Setpoint = 45"), (r"^MaxConnections = 64", "MaxConnections = 8")]
+    changes = [(r"^Setpoint = 40", "Setpoint = 45"), (r"^MaxConnections = 64", "MaxConnections = 8"),
+               (r"\Z", "\n[Metrics]\nListen = 127.0.0.1:0\n")]
     write_cfg(changes)
     os.kill(proc.pid, signal.SIGHUP)
     manager.until(r"^READY=1$", 5)
@@ -316,7 +317,7 @@ def main():
     manager.until(r"^READY=1$", 5)
     shown = client.ask("config show")
     log = log_text()
-    for pattern in (r"changed Station\.Setpoint 40\S* -> 45", r"needing a restart \(not applied\): Server\.MaxConnections",
+    for pattern in (r"changed Station\.Setpoint 40\S* -> 45", r"needing a restart \(not applied\): Server\.MaxConnections, Metrics\.Listen\r",
                     r";E;00000004;reload: station\.cfg\S* Station\.HighLimit: 'hot' is not a number.*; running settings kept"):
         if not re.search(pattern, log):
             fail("the reload's report", pattern)
