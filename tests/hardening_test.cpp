@@ -214,4 +214,11 @@ TEST(Hardening, LogCountsLostLinesAndNeverFollowsALink) {
   log.Flush();
   EXPECT_EQ(log.f, nullptr);
   EXPECT_EQ(slurp(victim), "keep\n");
+  EXPECT_EQ(log.WriteFailures(), 1u);  // the line had no file to go to
+  ASSERT_EQ(unlink((cfg.base + ".log").c_str()), 0);
+  log.Next();  // writing resumes once the file can be made
+  log.Add(elog_INFO, 0, "lands");
+  EXPECT_TRUE(log.FileOpen());
+  EXPECT_NE(slurp(cfg.base + ".log").find("lands"), std::string::npos);
+  EXPECT_EQ(log.WriteFailures(), 1u);
 }
