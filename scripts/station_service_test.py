@@ -212,7 +212,7 @@ def unwritable_log_folder():
     """The log folder replaced by a plain file (which binds root too): the
     reopen on SIGHUP fails, the station keeps serving, the lost lines are
     reported at most once per report period, and writing resumes once the
-    folder is back."""
+    folder is back, and again after the file is deleted."""
     global proc
     folder, away = os.path.join(WORK, "logs"), os.path.join(WORK, "logs.away")
     os.mkdir(folder)
@@ -253,6 +253,14 @@ def unwritable_log_folder():
         time.sleep(0.1)
     else:
         fail("writing resumes when the folder is back", text[-500:])
+    os.remove(back)  # deleted under the station: a new file under the name
+    for _ in range(100):
+        client.ask("echo again")
+        if os.path.exists(back) and "echo again" in open(back, errors="replace").read():
+            break
+        time.sleep(0.1)
+    else:
+        fail("a new file after the log file was deleted")
     client.sock.close()
     proc.send_signal(signal.SIGTERM)
     proc.wait(timeout=30 * slow)
@@ -260,7 +268,7 @@ def unwritable_log_folder():
     if "cannot be opened" not in echoed or not 1 <= reports <= window / period + 1:
         fail("lost lines reported once per period", (reports, window))
     print("unwritable log folder: %d commands served in %.1f s, %d loss reports (period %d s), "
-          "writing resumed" % (served, window, reports, period))
+          "writing resumed, also after the file was deleted" % (served, window, reports, period))
 
 
 def main():

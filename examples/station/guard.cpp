@@ -171,11 +171,16 @@ bool read_file(const Session& s, const std::string& name, std::string& data, std
 
 void report_log_losses(Station& st, double now) {
   // A file that could not be created (its folder gone or read-only) is
-  // tried again every second, so writing resumes once the folder is back.
-  if (!st.log.FileOpen() && !st.log.Name().empty() && now - st.log_reopen_tried >= 1.0) {
+  // tried again every second, so writing resumes once the folder is back;
+  // so is a file deleted under the station, whose lines would reach no name.
+  if (!st.log.Name().empty() && now - st.log_reopen_tried >= 1.0) {
     st.log_reopen_tried = now;
-    st.log.Next();
-    if (st.log.FileOpen()) st.log.Add(elog_INFO, 0, "the log file %s is written again", st.log.Name().c_str());
+    struct stat file {};
+    const bool deleted = st.log.FileOpen() && fstat(fileno(st.log.f), &file) == 0 && file.st_nlink == 0;
+    if (!st.log.FileOpen() || deleted) {
+      st.log.Next();
+      if (st.log.FileOpen()) st.log.Add(elog_INFO, 0, "the log file %s is written again", st.log.Name().c_str());
+    }
   }
   if (now - st.log_lost_checked < st.settings.LogLossReportS) return;
   st.log_lost_checked = now;
