@@ -17,7 +17,7 @@
 #include <string>
 
 #include "../../examples/station/access.h"
-#include "../../examples/station/station.h"
+#include "station_parts.h"
 
 namespace {
 
@@ -25,17 +25,9 @@ const char kUsers[] =
     "[users]\nop = viewer:scrypt$16$1$1$000102030405060708090a0b0c0d0e0f$"
     "f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f\n";
 
-struct World {
+struct World : StationParts {
   std::string users;
-  std::istringstream text{"[Station]\nPeriodUs = 1000\n"};
-  Config_File cfg{text};
-  station::StationSettings settings;
-  station::ServerSettings server;
-  Log_Config_Data logcfg;
-  Log log{logcfg};
-  std::unique_ptr<station::Station> st;
   std::unique_ptr<station::Gate> gate;
-  FILE* out = std::fopen("/dev/null", "w");
   Connection conn;  // not connected, not encrypted
 
   World() {
@@ -48,15 +40,13 @@ struct World {
     settings.DataDir = settings.DumpPath = "/nonexistent";
     server.access_cfg.tls.CertificateFile = "none";
     server.access_cfg.login.MaxFailures = 1 << 30;  // no lockout: keep the checks reachable
-    logcfg.pmask = 0;
-    st = std::make_unique<station::Station>(cfg, settings, server, logcfg, log);
+    Start();
     gate = std::make_unique<station::Gate>(settings, server, log);
     if (!gate->Prepare()) std::abort();
   }
   ~World() {
     gate.reset();
     st.reset();
-    std::fclose(out);
     unlink(users.c_str());
   }
 };
