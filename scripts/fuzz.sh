@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -49,6 +49,13 @@ case "$target" in
   station)
     printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
     printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2" ;;
+  users)  # the first line is the password, the rest the users file
+    h='scrypt$16$1$1$000102030405060708090a0b0c0d0e0f$f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f'
+    printf 'secret\n# operators\n[users]\nop = viewer:%s\nroot = admin:%s ; x\n' "$h" "$h" > "$corpus/seed1"
+    printf 'pw\n[users]\na = admin:scrypt$1048576$16$16$00$00\n[other]\nx\n[users\nb=operator:scrypt$4$1$1$$\n' > "$corpus/seed2" ;;
+  login)  # the users file names op (viewer, password secret)
+    printf 'login\nop\nsecret\nstatus\nconfig set Station.PeriodUs 5\nhelp\nconfig\n' > "$corpus/seed1"
+    printf 'status\nlogin op\nwrong\nlogin nobody\nstarttls\nlogin op extra\nsecret\ntrace dump\nset a=b\n' > "$corpus/seed2" ;;
   cfgentry)
     printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
     printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;

@@ -82,7 +82,8 @@ def hostile(binary, proc, port):
     os.mkfifo(os.path.join(WORK, "fifo"))
     os.symlink("/etc/passwd", os.path.join(WORK, "out-link"))
     os.mkdir(os.path.join(WORK, "sub"))
-    for name, reason in (("/", "outside"), ("/tmp", "outside"), ("/dev/zero", "outside"), ("../x", "no such"),
+    for name, reason in (("/", "outside"), ("/tmp", "outside"), ("/dev/zero", "outside"),
+                         ("../" + os.path.basename(WORK) + "-absent", "no such"),
                          ("/etc/passwd", "outside"), ("out-link", "outside"), ("fifo", "not a regular"),
                          ("sub", "not a regular"), (".", "outside"), ("sub/" + "../" * 12 + "etc/passwd", "outside")):
         for command in ("crc " + name, "hash sha256 " + name):

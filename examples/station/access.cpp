@@ -177,6 +177,25 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
   return false;
 }
 
+void Gate::LineTooLong(Session& s, Connection& conn, FILE* out) {
+  // What is buffered holds no line end: all of it belongs to the long line.
+  std::string rest;
+  conn.read(rest, static_cast<int>(conn.ReadPending()), false, 0);
+  if (s.access.discarding) return;
+  s.access.discarding = true;
+  s.access.step = AccessState::kCommand;
+  s.access.user = s.level == ZQSecurity::kNoAccess ? "" : s.access.user;
+  s.access.active_ms = NowMs();
+  std::fputs("line too long\r\n", out);
+  log_.Add(elog_WARN, 0, "%s: a line beyond the limit refused", s.peer.c_str());
+}
+
+bool Gate::Dropped(Session& s, int r) {
+  if (!s.access.discarding || r <= 0) return false;  // 0: no line end yet
+  s.access.discarding = false;
+  return true;
+}
+
 void Gate::login_done(CLI& cli, Session& s, const std::string& user, AccessLevel level, const char* how,
                       FILE* out) {
   s.level = level;

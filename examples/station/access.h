@@ -45,6 +45,7 @@ struct AccessState {
   std::string held;             // the answer that waits
   long long active_ms = 0;      // the last line's time
   long long handshake_until_ms = 0;  // a handshake is under way until then
+  bool discarding = false;      // the rest of a refused long line is being dropped
 };
 
 // The station's gate: owned by run(), used by the main thread only.
@@ -59,6 +60,13 @@ class Gate {
   // Before a line reaches the interpreter: true when the gate took it (a
   // login step, or a refusal written to `out`).
   bool Screen(CLI& cli, Session& s, Connection& conn, const std::string& line, FILE* out);
+  // A line beyond the connection's limit (readln gave -3): refused with one
+  // line (a login step under way ends) and its rest dropped as it arrives.
+  void LineTooLong(Session& s, Connection& conn, FILE* out);
+  // Whether the line just read (its readln result `r`) ends a refused long
+  // line, and is dropped with it. Only a line with text counts: an empty one
+  // cannot be told from "no line end yet".
+  bool Dropped(Session& s, int r);
   // After the interpreter ran a line: the audit record.
   void Audit(const Session& s, const std::string& line, int result);
   // Starts the handshake after "OK starting TLS"; false when there is no TLS.

@@ -130,8 +130,13 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     // A password is taken as typed ('#' is no comment in it).
     c.conn->Set_Modify(c.session.access.step == station::AccessState::kCommand);
     const int r = c.conn->readln(line, false, 0);
-    if (r == -3) c.conn->close();  // a line beyond the limit: drop the client
+    if (r == -3) {  // a line beyond the limit: refused, the session kept
+      gate.LineTooLong(c.session, *c.conn, c.out);
+      answer(c, false);
+      continue;
+    }
     if (r < 0 || (r == 0 && !c.conn->IsConnected())) break;
+    if (gate.Dropped(c.session, r)) continue;  // the end of that line
     if (r == 0) continue;
     const std::string text = Trim(line);
     const std::string word = text.substr(0, text.find(' '));

@@ -122,7 +122,8 @@ class ZQ_EXPORT CLI {
   // line whose leading words are `words` ("io", "io set") needs `level`; the
   // rule with the most matching words counts, and a command without any rule
   // needs none. Once a rule exists, parse() refuses a line the session's
-  // level does not reach, with one line on StdErr(), and sets $? to 1.
+  // level does not reach, with one line on StdErr(), and sets $? to 1; the
+  // built-in help's list then leaves out the commands it does not reach.
   void SetCommandLevel(const std::string& words, int level);
   void SetSessionLevel(int level) { session_level_ = level; }
   int SessionLevel() const { return session_level_; }

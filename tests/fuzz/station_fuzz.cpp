@@ -13,21 +13,13 @@
 #include <sstream>
 #include <string>
 
-#include "../../examples/station/station.h"
+#include "station_parts.h"
 
 namespace {
 
-struct World {
+struct World : StationParts {
   std::string dir;
-  std::istringstream text{"[Station]\nPeriodUs = 1000\n"};
-  Config_File cfg{text};
-  station::StationSettings settings;
-  station::ServerSettings server;
-  Log_Config_Data logcfg;
-  Log log{logcfg};
-  std::unique_ptr<station::Station> st;
   std::string reply;
-  FILE* out = std::fopen("/dev/null", "w");
   station::Session session;
   std::unique_ptr<CLI> cli;
 
@@ -42,8 +34,7 @@ struct World {
     symlink("/etc/passwd", (dir + "/out").c_str());
     settings.DataDir = dir;
     settings.DumpPath = dir;
-    logcfg.pmask = 0;
-    st = std::make_unique<station::Station>(cfg, settings, server, logcfg, log);
+    Start();
     session.station = st.get();
     session.out = out;
     session.network = true;
@@ -55,7 +46,6 @@ struct World {
   ~World() {
     cli.reset();
     st.reset();
-    std::fclose(out);
     std::system(("rm -rf " + dir).c_str());
   }
 };

@@ -181,6 +181,8 @@ TEST(CLI, SessionStreamsAndCommandLevels) {
   cli.Register([](void*, int, const char**) { return ++runs, 0; }, nullptr, "io", nullptr, "io");
   cli.SetCommandLevel("io", 1);
   cli.SetCommandLevel("io  set", 2);
+  cli.Register([](void*, int, const char**) { return 0; }, nullptr, "wipeall", nullptr, "wipeall");
+  cli.SetCommandLevel("wipeall", 3);
   cli.SetSessionLevel(1);
   struct Case {
     const char* line;
@@ -202,6 +204,15 @@ TEST(CLI, SessionStreamsAndCommandLevels) {
   EXPECT_NE(text.find("io: not permitted for this session"), std::string::npos) << text;
   EXPECT_NE(text.find("Possible commands"), std::string::npos);
   EXPECT_NE(text.find("Unknown command: nosuch"), std::string::npos);
+  EXPECT_EQ(text.find("wipeall"), std::string::npos) << text;
+  cli.SetSessionLevel(3);
+  line = "help";
+  cli.parse(line);
+  std::fflush(out);
+  std::fseek(out, static_cast<long>(text.size()), SEEK_SET);
+  std::fill(buf, buf + sizeof buf, 0);
+  std::fread(buf, 1, sizeof buf - 1, out);
+  EXPECT_NE(std::string(buf).find("wipeall"), std::string::npos) << buf;
   std::fclose(out);
   std::fclose(in);
 }

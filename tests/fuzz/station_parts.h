@@ -1,0 +1,33 @@
+// The station's parts in-process for its fuzz targets: its settings, a quiet
+// log, a Station whose task does not run and an output that discards.
+#ifndef ZQ_FUZZ_STATION_PARTS_H
+#define ZQ_FUZZ_STATION_PARTS_H
+
+#include <cstdio>
+#include <memory>
+#include <sstream>
+
+#include "../../examples/station/station.h"
+
+struct StationParts {
+  std::istringstream text{"[Station]\nPeriodUs = 1000\n"};
+  Config_File cfg{text};
+  station::StationSettings settings;
+  station::ServerSettings server;
+  Log_Config_Data logcfg;
+  Log log{logcfg};
+  std::unique_ptr<station::Station> st;
+  FILE* out = std::fopen("/dev/null", "w");
+
+  // Makes the Station once the settings are filled in.
+  void Start() {
+    logcfg.pmask = 0;
+    st = std::make_unique<station::Station>(cfg, settings, server, logcfg, log);
+  }
+  ~StationParts() {
+    st.reset();
+    std::fclose(out);
+  }
+};
+
+#endif
