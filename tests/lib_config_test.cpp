@@ -1,5 +1,6 @@
 // Configuration file: classification and repairs, queries, editing, output.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "support/exception_text.h"
 
@@ -253,7 +254,8 @@ TEST(ConfigFile, HugeOddAndUnreadableInput) {
   EXPECT_EQ(cr.get_line(1).data, "[s]\rk=v");
 
   // A 100 MB file of 1000-character entries is read completely.
-  const std::string path = ::testing::TempDir() + "zq_huge.cfg";
+  // Named by process, so two runs of the suite at once do not share it.
+  const std::string path = ::testing::TempDir() + "zq_huge" + std::to_string(getpid()) + ".cfg";
   const int kLines = 100000;
   {
     std::ofstream out(path, std::ios::binary);
