@@ -33,6 +33,29 @@ size_t cells(const std::string& s, size_t from = 0, size_t to = std::string::npo
   return n;
 }
 
+// `s` as the editor may hold it: well-formed UTF-8 only (a byte that does
+// not begin a complete character of C2..F4 lead and continuation bytes is
+// dropped) and at most `max` bytes. Text from outside the keys (history
+// entries, completions) passes here, so the line keeps the typed line's rule.
+std::string editable(const std::string& s, size_t max) {
+  std::string r;
+  r.reserve(std::min(s.size(), max));
+  for (size_t i = 0; i < s.size();) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const size_t n = c < 0x80 ? 1 : c > 0xF4 ? 0 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
+    bool ok = n != 0 && i + n <= s.size();
+    for (size_t k = 1; ok && k < n; ++k) ok = continuation(static_cast<unsigned char>(s[i + k]));
+    if (!ok) {
+      ++i;
+      continue;
+    }
+    if (r.size() + n > max) break;
+    r.append(s, i, n);
+    i += n;
+  }
+  return r;
+}
+
 size_t prev_char(const std::string& s, size_t p) {
   if (p == 0) return 0;
   do --p;
@@ -436,7 +459,8 @@ void CLI_Editor::control(unsigned char c) {
 
 // ----------------------------------------------------------- line changes
 
-void CLI_Editor::insert(const std::string& text) {
+void CLI_Editor::insert(const std::string& typed) {
+  const std::string text = editable(typed, kMaxLine);
   if (text.empty()) return;
   if (buf_.size() + text.size() > kMaxLine) {
     if (!rang_) out("\a");  // once for a run of refused keys
@@ -472,7 +496,7 @@ void CLI_Editor::move_to(size_t p) {
 }
 
 void CLI_Editor::set_line(const std::string& text) {
-  buf_ = text;
+  buf_ = editable(text, kMaxLine);
   pos_ = buf_.size();
   refresh();
 }
@@ -501,8 +525,9 @@ void CLI_Editor::search(int direction, bool skip_current) {
     const size_t at = entry.find(query_);
     if (at != std::string::npos) {
       search_idx_ = i;
-      buf_ = entry;
-      pos_ = at;
+      buf_ = editable(entry, kMaxLine);
+      pos_ = std::min(at, buf_.size());  // dropped bytes may have moved it: a character boundary
+      while (pos_ > 0 && pos_ < buf_.size() && continuation(static_cast<unsigned char>(buf_[pos_]))) --pos_;
       search_failed_ = false;
       return;
     }

@@ -120,6 +120,16 @@ TEST(CLIEditor, HistoryAndSearch) {
   EXPECT_EQ(e.ed->Line(), "echo oXne");
   e.type("\x03\x12one\r");  // Enter runs the match
   EXPECT_EQ(e.cli->vars["cmdline"], "echo one");
+
+  // A history entry that is not valid UTF-8 (put there by the program, or by
+  // the specified editing model) is recalled and found without its stray bytes.
+  Editing raw;
+  raw.cli->history.push_front("ha\xe1\xc3\xadS\x80z");
+  raw.type("\x1b[A");
+  EXPECT_EQ(raw.ed->Line(), "ha\xc3\xadSz");
+  raw.type("\x03\x12z");
+  EXPECT_EQ(raw.ed->Line(), "ha\xc3\xadSz");
+  EXPECT_LE(raw.ed->Cursor(), raw.ed->Line().size());
 }
 
 TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
