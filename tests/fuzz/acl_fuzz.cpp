@@ -25,6 +25,14 @@ extern "C" int gethostbyaddr_r(const void*, socklen_t, int, hostent*, char*, siz
   return 0;
 }
 
+extern "C" int getnameinfo(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int) {
+  return EAI_NONAME;
+}
+extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo** result) {
+  *result = nullptr;
+  return EAI_NONAME;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = [] {
     char name[] = "/tmp/zqaclfuzzXXXXXX";
