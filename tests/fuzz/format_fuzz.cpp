@@ -3,6 +3,7 @@
 // Conversions that take pointers (%s, %n, %p) are turned into %d first, since
 // the argument list cannot follow an arbitrary format.
 #include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -15,12 +16,19 @@
 namespace {
 
 // Well-formed conversions only: the sanitizers' own printf checks stop on
-// malformed ones before the C library sees them.
+// malformed ones before the C library sees them. Widths and precisions stay
+// below a million: the C library builds a conversion of that many digits in
+// memory, so a larger one (which no program's format holds) measures malloc.
 bool well_formed(const std::string& f) {
   for (size_t i = 0; i < f.size(); ++i) {
     if (f[i] != '%') continue;
     ++i;
-    while (i < f.size() && std::strchr("-+ #0123456789.hlzjt", f[i]) != nullptr) ++i;
+    size_t digits = 0;
+    while (i < f.size() && std::strchr("-+ #0123456789.hlzjt", f[i]) != nullptr) {
+      digits = std::isdigit(static_cast<unsigned char>(f[i])) ? digits + 1 : 0;
+      if (digits > 6) return false;
+      ++i;
+    }
     if (i == f.size() || std::strchr("diuxXocfFeEgG%", f[i]) == nullptr) return false;
   }
   return true;
