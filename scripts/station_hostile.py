@@ -7,7 +7,7 @@ Starts the station on a free port in a scratch folder and, from loopback
 clients, tries what an attacker would: settings that redirect the log, files
 outside the data folder, directories, devices and FIFOs, memory
 amplification through variables, super-linear substitution, out-of-range
-settings, terminal escapes for the log. After every attempt the station must
+settings, terminal escapes for the log, a full disk. After every attempt the station must
 answer a plain command. Bounded: every wait has a time-out.
 """
 import os
@@ -43,10 +43,10 @@ class Client:
         return answer[: -len(PROMPT)]
 
 
-def start(binary, *args):
-    out = open(os.path.join(WORK, "stdout.txt"), "w+")
+def start(binary, *args, cwd=WORK):
+    out = open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(cwd)), "w+")
     proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0",
-                             "Station.UsersFile=none", "Server.RequireTLS=0"] + list(args), cwd=WORK,
+                             "Station.UsersFile=none", "Server.RequireTLS=0"] + list(args), cwd=cwd,
                             stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
     deadline = time.time() + 30
     while time.time() < deadline:
@@ -133,6 +133,78 @@ def hostile(binary, proc, port):
           % (amplify * 1000, times[0] * 1000, times[1] * 1000))
 
 
+def fill(folder):
+    """Fills the file system of folder to the last byte; returns the filler's path."""
+    path = os.path.join(folder, "filler")
+    with open(path, "wb", buffering=0) as f:
+        for size in (65536, 4096, 512, 1):
+            try:
+                while True:
+                    f.write(b"f" * size)
+            except OSError:
+                pass
+    return path
+
+
+def lost_lines(status):
+    m = re.search(r"(\d+) bytes, (\d+) lines lost", status)
+    check(m is not None, "status shows the log's byte count and losses", status)
+    return int(m.group(1)), int(m.group(2))
+
+
+def disk_full(binary, source):
+    """The station on a full file system: a save keeps the original, the log
+    counts what it could not write and never leaves half a line."""
+    disk = tempfile.mkdtemp(prefix="station-full-")
+    if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", disk],
+                      stderr=subprocess.DEVNULL).returncode != 0:
+        print("disk full: skipped (cannot mount a tmpfs here)")
+        os.rmdir(disk)
+        return
+    proc = None
+    try:
+        for name in ("station.cfg", "station.acl"):
+            shutil.copy(os.path.join(source, name), disk)
+        proc, port = start(binary, "Station.LogLossReportS=1", cwd=disk)
+        c = Client(port)
+        original = open(os.path.join(disk, "station.cfg"), "rb").read()
+        filler = fill(disk)
+        check(c.ask("config set Station.HighLimit 86").strip() == "Station.HighLimit = 86", "a value to save")
+        s = c.ask("config save")
+        check("cannot write" in s, "config save on a full disk fails", s)
+        check(open(os.path.join(disk, "station.cfg"), "rb").read() == original, "station.cfg kept whole")
+        for i in range(200):  # every line is logged: far more than the disk holds
+            c.ask("echo %d %s" % (i, "L" * 200))
+        _, lost = lost_lines(c.ask("status"))
+        check(lost > 0, "status counts the lines the full disk lost", lost)
+        os.unlink(filler)
+        deadline = time.time() + 20
+        while time.time() < deadline and "could not take" not in "".join(
+                open(os.path.join(disk, p), errors="replace").read() for p in os.listdir(disk) if p.endswith(".log")):
+            c.ask("echo waiting for the report")
+            time.sleep(0.2)
+        check(c.ask("config save").strip() == "saved station.cfg", "config save once there is room")
+        written, _ = lost_lines(c.ask("status"))
+        c.sock.close()
+        proc.send_signal(signal.SIGTERM)
+        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station on the full disk")
+        logs = [os.path.join(disk, p) for p in os.listdir(disk) if p.endswith(".log")]
+        text = b"".join(open(p, "rb").read() for p in logs)
+        check(b"could not take" in text, "the losses are logged once the disk has room")
+        check(all(open(p, "rb").read().endswith(b"\n") for p in logs), "no torn last line in the log")
+        check(written <= sum(os.path.getsize(p) for p in logs), "the byte count is of bytes written",
+              (written, [os.path.getsize(p) for p in logs]))
+        check(not [p for p in os.listdir(disk) if p.startswith("station.cfg") and p != "station.cfg"],
+              "no temporary file left", os.listdir(disk))
+        print("disk full: %d lines lost and reported, station.cfg kept" % lost)
+    finally:
+        if proc is not None and proc.poll() is None:
+            proc.kill()
+            proc.wait()
+        subprocess.run(["umount", disk])
+        os.rmdir(disk)
+
+
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
     for name in ("station.cfg", "station.acl"):
@@ -155,6 +227,7 @@ def main():
         procs.append(again)
         again.send_signal(signal.SIGTERM)
         check(again.wait(timeout=30) == 0, "the saved file starts again")
+        disk_full(binary, source)
         print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:
