@@ -36,7 +36,10 @@ class ZQ_EXPORT SessionLimits {
   }
 
   // Sends "busy: WHY\r\n" without waiting (what does not fit the socket's
-  // buffer is dropped) and closes `fd`; -1 and a closed descriptor are ignored.
+  // buffer is dropped) and closes `fd` without lingering: the kernel delivers
+  // the line and the end of stream after the call returns, so a crowd of
+  // refused peers never holds up the caller. -1 and a closed descriptor are
+  // ignored.
   static void Refuse(int fd, const std::string& why);
 
  private:
