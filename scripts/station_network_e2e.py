@@ -110,7 +110,9 @@ def idle_crowd(binary, work, n):
         times.sort()
         p99 = times[int(len(times) * 0.99)]
         check(p99 < 0.25, "the working client's p99 stays short", "%.1f ms" % (p99 * 1000))
-        check(fds <= 2 * cap + 64, "descriptors stay within the session cap", fds)
+        # Each session holds its socket and a stream; the listener's queue holds
+        # up to the cap of accepted peers more until the main loop takes them.
+        check(fds <= 3 * cap + 64, "descriptors stay within the session cap", fds)
     finally:
         for s in crowd:
             s.close()

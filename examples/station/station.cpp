@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <zqcommon/bug.h>
 #include <zqcommon/cli.h>
@@ -83,6 +84,13 @@ struct Client {
   std::unique_ptr<CLI> cli;
   station::NetClock net;  // its place in the session caps and its time limits
   ~Client() {
+    // Accepted sockets linger up to a second on close while the peer does not
+    // take what is left to send; a session that ends must not hold up the
+    // others, so the kernel finishes its close in the background.
+    if (socket != nullptr && socket->sock >= 0) {
+      const linger off{0, 0};
+      setsockopt(socket->sock, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+    }
     cli.reset();
     if (in != nullptr) std::fclose(in);
     if (out != nullptr) std::fclose(out);
