@@ -267,6 +267,26 @@ def main():
         check(p99 < 1.0, "silent handshakes do not delay others", p99)
         for s in silent:
             s.sock.close()
+
+        # Password checks (tens of milliseconds of scrypt each) run beside the
+        # main loop: 24 wrong passwords at once do not hold up a working client.
+        guessers = [Client(port, source="127.0.1.%d" % (i + 1)) for i in range(24)]
+        for g in guessers:
+            g.starttls(client_ctx())
+            g.ask("login", b"user: ")
+            g.ask("otto", b"password: ")
+        for g in guessers:
+            g.sock.sendall(b"wrong\n")
+        times = []
+        for _ in range(20):
+            t = time.time()
+            m.ask("status")
+            times.append(time.time() - t)
+        for g in guessers:
+            check("login failed" in g.until(PROMPT), "each guess is answered")
+            g.sock.close()
+        print("slowest status while 24 passwords were checked: %.1f ms" % (max(times) * 1000))
+        check(max(times) < 0.5, "password checks do not delay others", times)
         stop(proc)
 
         # Required client certificates; idle time-out.

@@ -13,8 +13,11 @@
 #include <zqcommon/functions.h>
 #include <zqsecurity/sslconnection.h>
 
+#include <openssl/crypto.h>
+
 #include <cstring>
 #include <iostream>
+#include <limits>
 
 #include "certificates.h"
 #include "station.h"
@@ -96,6 +99,7 @@ bool Gate::Prepare() {
       return false;
     }
     have_users_ = true;
+    checker_ = std::make_unique<PasswordChecker>(users_);
   }
   ZQSecurity::TLSSettings& t = server_.access_cfg.tls;
   if (t.CertificateFile.empty() || t.CertificateFile == "none") return true;  // no certificate mode
@@ -140,22 +144,17 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
   }
   if (a.step == AccessState::kPassword) {
     a.step = AccessState::kCommand;
-    const long long now = NowMs();
-    AccessLevel level = ZQSecurity::kNoAccess;
-    const bool locked = throttle_.Locked(s.peer, now);
-    if (!locked && have_users_) level = users_.Verify(a.user, line);
-    if (level != ZQSecurity::kNoAccess) {
-      throttle_.Succeeded(s.peer);
-      login_done(cli, s, a.user, level, "password", out);
+    const bool locked = throttle_.Locked(s.peer, NowMs());
+    if (locked || checker_ == nullptr) {
+      password_checked(cli, s, ZQSecurity::kNoAccess, locked, out);
       return true;
     }
-    // The same answer, after the same wait, for an unknown user and a wrong password.
-    const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, now);
-    log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
-             locked || throttle_.Locked(s.peer, now) ? " (address locked out)" : "");
-    a.hold_until_ms = now + wait;
-    a.user.clear();
-    std::fputs("login failed\r\n", out);
+    // The session's answers wait until the checker's thread is done (Tick).
+    a.login = std::make_shared<PendingLogin>();
+    a.login->user = a.user;
+    a.login->password = line;
+    a.hold_until_ms = std::numeric_limits<long long>::max();
+    checker_->Submit(a.login);
     return true;
   }
   const std::string word = first_word(line);
@@ -247,8 +246,32 @@ int Gate::StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out) {
   return 1;
 }
 
-bool Gate::Tick(Session& s, Connection& conn, long long now_ms) {
+void Gate::password_checked(CLI& cli, Session& s, AccessLevel level, bool locked, FILE* out) {
   AccessState& a = s.access;
+  if (level != ZQSecurity::kNoAccess) {
+    throttle_.Succeeded(s.peer);
+    login_done(cli, s, a.user, level, "password", out);
+    return;
+  }
+  // The same answer, after the same wait, for an unknown user and a wrong password.
+  const long long now = NowMs();
+  const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, now);
+  log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
+           locked || throttle_.Locked(s.peer, now) ? " (address locked out)" : "");
+  a.hold_until_ms = now + wait;
+  a.user.clear();
+  std::fputs("login failed\r\n", out);
+}
+
+bool Gate::Tick(CLI& cli, Session& s, Connection& conn, long long now_ms) {
+  AccessState& a = s.access;
+  if (a.login != nullptr && a.login->done.load(std::memory_order_acquire)) {
+    const AccessLevel level = a.login->level;
+    a.login.reset();
+    a.hold_until_ms = 0;
+    a.active_ms = now_ms;
+    password_checked(cli, s, level, false, s.out);
+  }
   if (a.hold_until_ms != 0 && now_ms >= a.hold_until_ms) a.hold_until_ms = 0;
   const int idle = server_.access_cfg.access.IdleTimeout;
   if (idle > 0 && now_ms - a.active_ms > idle * 1000LL && a.handshake_until_ms == 0) {
@@ -272,6 +295,44 @@ void load_access(Config_File& cfg, ServerSettings& server) {
   server.access_cfg.tls.Load(cfg, "TLS");
   server.access_cfg.login.Load(cfg, "Login");
   server.access_cfg.access.Load(cfg, "Access");
+}
+
+// ------------------------------------------------------------ passwords
+
+PasswordChecker::PasswordChecker(const UserFile& users) : users_(users), thread_([this] { run(); }) {}
+
+PasswordChecker::~PasswordChecker() {
+  {
+    std::lock_guard<std::mutex> hold(mutex_);
+    stop_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+}
+
+void PasswordChecker::Submit(std::shared_ptr<PendingLogin> job) {
+  {
+    std::lock_guard<std::mutex> hold(mutex_);
+    jobs_.push_back(std::move(job));
+  }
+  wake_.notify_one();
+}
+
+void PasswordChecker::run() {
+  for (;;) {
+    std::shared_ptr<PendingLogin> job;
+    {
+      std::unique_lock<std::mutex> hold(mutex_);
+      wake_.wait(hold, [this] { return stop_ || !jobs_.empty(); });
+      if (stop_) return;
+      job = std::move(jobs_.front());
+      jobs_.pop_front();
+    }
+    job->level = users_.Verify(job->user, job->password);
+    OPENSSL_cleanse(&job->password[0], job->password.size());
+    job->password.clear();
+    job->done.store(true, std::memory_order_release);
+  }
 }
 
 // ------------------------------------------------------------ options

@@ -9,8 +9,13 @@
 #include <zqsecurity/tlscontext.h>
 #include <zqsecurity/userfile.h>
 
+#include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 class CLI;
 class Connection;
@@ -37,6 +42,36 @@ struct AccessConfig {
   AccessSettings access;                       // [Access]
 };
 
+// One password check, handed from the main loop to the checker's thread.
+struct PendingLogin {
+  std::string user, password;
+  ZQSecurity::AccessLevel level = ZQSecurity::kNoAccess;  // valid once done
+  std::atomic<bool> done{false};
+};
+
+// Checks passwords on a thread of its own, one at a time in arrival order: a
+// check costs tens of milliseconds of scrypt, which the main loop must not
+// spend while every other session waits. `users` is read by that thread and
+// must not change while the checker lives. The destructor finishes the check
+// under way and drops the rest.
+class PasswordChecker {
+ public:
+  explicit PasswordChecker(const ZQSecurity::UserFile& users);
+  ~PasswordChecker();
+  PasswordChecker(const PasswordChecker&) = delete;
+  PasswordChecker& operator=(const PasswordChecker&) = delete;
+  void Submit(std::shared_ptr<PendingLogin> job);
+
+ private:
+  void run();
+  const ZQSecurity::UserFile& users_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::shared_ptr<PendingLogin>> jobs_;
+  bool stop_ = false;
+  std::thread thread_;  // last: starts once the rest is built
+};
+
 // A network session's access state (kept in its Session).
 struct AccessState {
   enum Step { kCommand, kUser, kPassword } step = kCommand;
@@ -46,6 +81,7 @@ struct AccessState {
   long long active_ms = 0;      // the last line's time
   long long handshake_until_ms = 0;  // a handshake is under way until then
   bool discarding = false;      // the rest of a refused long line is being dropped
+  std::shared_ptr<PendingLogin> login;  // a password check under way (answers held)
 };
 
 // The station's gate: owned by run(), used by the main thread only.
@@ -75,8 +111,9 @@ class Gate {
   int StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out);
   // Whether the session's answers are held back now (after a failed login).
   bool Held(Session& s, long long now_ms) const { return now_ms < state(s).hold_until_ms; }
-  // Idle sessions and held answers whose time has come: false to close.
-  bool Tick(Session& s, Connection& conn, long long now_ms);
+  // Idle sessions, finished password checks and held answers whose time
+  // has come: false to close.
+  bool Tick(CLI& cli, Session& s, Connection& conn, long long now_ms);
   // The poll events a session waits for, or 0 for the usual ones.
   short Events(Session& s, Connection& conn) const;
 
@@ -87,6 +124,8 @@ class Gate {
   bool open_station() const;
   void login_done(CLI& cli, Session& s, const std::string& user, ZQSecurity::AccessLevel level,
                   const char* how, FILE* out);
+  // The outcome of a password check: logged in, or refused after a wait.
+  void password_checked(CLI& cli, Session& s, ZQSecurity::AccessLevel level, bool locked, FILE* out);
   StationSettings& settings_;
   ServerSettings& server_;
   Log& log_;
@@ -94,6 +133,7 @@ class Gate {
   ZQSecurity::UserFile users_;
   bool have_users_ = false;
   ZQSecurity::LoginThrottle throttle_;
+  std::unique_ptr<PasswordChecker> checker_;  // with a users file only
 };
 
 // "--passwd NAME LEVEL" and "--issue-client-cert NAME" are taken out of the

@@ -331,7 +331,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       Client& c = *clients[i];
       const short ev = fds[first + i].revents;
       const long long now = station::Gate::NowMs();
-      bool alive = gate.Tick(c.session, *c.conn, now);
+      bool alive = gate.Tick(*c.cli, c.session, *c.conn, now);
       if (alive && c.session.access.handshake_until_ms != 0) {
         // The handshake is stepped here, never waited for: others go on meanwhile.
         alive = gate.StepTLS(*c.cli, c.session, *c.conn, c.out) >= 0;

@@ -77,7 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     start = end + 1;
     if (session.access.step == station::AccessState::kPassword && session.access.user != "op") continue;
     session.access.hold_until_ms = 0;
-    if (w->gate->Screen(cli, session, w->conn, line, w->out)) continue;
+    if (w->gate->Screen(cli, session, w->conn, line, w->out)) {
+      // A password is checked on the gate's own thread: wait for it as the
+      // station's loop would, so that its outcome belongs to this input.
+      for (int i = 0; i < 100000 && session.access.login != nullptr && !session.access.login->done; ++i) usleep(100);
+      w->gate->Tick(cli, session, w->conn, station::Gate::NowMs());
+      continue;
+    }
     const std::string text = Trim(line);
     const std::string word = text.substr(0, text.find(' '));
     // The task does not run here: io commands would wait for its cycles.
