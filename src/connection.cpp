@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "details/sigpipe_guard.h"
 #include "line_scan.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
@@ -26,25 +27,6 @@ constexpr std::string::size_type kReadStep = 16384;
 int poll_ms(long long microseconds) {
   if (microseconds < 0) return -1;
   return static_cast<int>((microseconds + 1023) >> 10);
-}
-
-// write() on a pipe whose reader has gone raises SIGPIPE; the failure is the
-// result the caller needs, so the signal is kept from this thread and a
-// pending one is consumed.
-ssize_t write_without_sigpipe(int fd, const void* data, size_t len) {
-  sigset_t pipe_set, old;
-  sigemptyset(&pipe_set);
-  sigaddset(&pipe_set, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe_set, &old);
-  const ssize_t n = ::write(fd, data, len);
-  const int saved = errno;
-  if (n < 0 && errno == EPIPE) {
-    const timespec none{0, 0};
-    sigtimedwait(&pipe_set, nullptr, &none);
-  }
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  errno = saved;
-  return n;
 }
 
 }  // namespace
@@ -173,9 +155,9 @@ int Connection::read_core(void* buffer, int len, int timeout) {
 
 int Connection::write_core(const void* buffer, int len, int) {
   if (!holds_descriptor()) return -1;
-  const ssize_t n = issocket ? send(*fd, buffer, static_cast<size_t>(len), MSG_NOSIGNAL)
-                             : write_without_sigpipe(*fd, buffer, static_cast<size_t>(len));
-  return static_cast<int>(n);
+  if (issocket) return static_cast<int>(send(*fd, buffer, static_cast<size_t>(len), MSG_NOSIGNAL));
+  const zqdetail::SigpipeGuard no_sigpipe;  // a pipe whose reader has gone
+  return static_cast<int>(::write(*fd, buffer, static_cast<size_t>(len)));
 }
 
 void Connection::take_line(std::string& s, std::string::size_type p) {

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 
+#include "details/sigpipe_guard.h"
 #include "security/openssl_init.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/diagnostics.h"
@@ -73,6 +74,7 @@ bool SSLConnection::SetFd(int* descriptor) {
 
 void SSLConnection::release_session() {
   if (session_ != nullptr && session_.use_count() == 1 && session_->ssl != nullptr && ssl_isenc) {
+    const zqdetail::SigpipeGuard no_sigpipe;  // OpenSSL writes with write(): the peer may have gone
     SSL_shutdown(session_->ssl);
   }
   session_ = std::make_shared<Session>();
@@ -123,7 +125,10 @@ bool SSLConnection::SSL_start_TLS(bool server) {
   // The descriptor is non-blocking: the handshake waits for each step.
   const long long deadline = GetLLTicks() + kHandshakeLimit;
   for (;;) {
-    const int r = server ? SSL_accept(ssl) : SSL_connect(ssl);
+    const int r = [&] {
+      const zqdetail::SigpipeGuard no_sigpipe;
+      return server ? SSL_accept(ssl) : SSL_connect(ssl);
+    }();
     if (r > 0) {
       ssl_isenc = true;
       return true;
@@ -181,7 +186,10 @@ int SSLConnection::SSL_handshake_step(bool server) {
       return -1;
     }
   }
-  const int r = server ? SSL_accept(session_->ssl) : SSL_connect(session_->ssl);
+  const int r = [&] {
+    const zqdetail::SigpipeGuard no_sigpipe;
+    return server ? SSL_accept(session_->ssl) : SSL_connect(session_->ssl);
+  }();
   if (r > 0) {
     ssl_isenc = true;
     return 1;
@@ -240,6 +248,7 @@ int SSLConnection::read_core(void* buffer, int len, int timeout) {
   if (!IsConnected()) return -1;
   if (!IsData_core(timeout)) return -2;
   if (ssl_isenc) {
+    const zqdetail::SigpipeGuard no_sigpipe;  // a read may answer the peer (key update, alerts)
     const int r = SSL_read(session_->ssl, buffer, len);
     if (r > 0) return r;
     const int e = SSL_get_error(session_->ssl, r);
@@ -254,6 +263,9 @@ int SSLConnection::read_core(void* buffer, int len, int timeout) {
 
 int SSLConnection::write_core(const void* buffer, int len, int) {
   if (!holds_descriptor()) return -1;
+  // OpenSSL's socket writes cannot pass MSG_NOSIGNAL: a peer that has gone
+  // must give -1 here, not end the program.
+  const zqdetail::SigpipeGuard no_sigpipe;
   if (ssl_isenc) {
     const int r = SSL_write(session_->ssl, buffer, len);
     if (r > 0) return r;

@@ -2,6 +2,7 @@
 // of our own, plus the set-up pieces. (Python as the client of our server is
 // the station's end-to-end script.)
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -118,6 +119,16 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   c.writeln("bye");
   c.flush();
   server_side.join();
+  // The peer has gone: writes fail, and with SIGPIPE at its default action
+  // the process lives on (OpenSSL's writes cannot pass MSG_NOSIGNAL).
+  const auto old_action = signal(SIGPIPE, SIG_DFL);
+  for (int i = 0; i < 50 && c.IsConnected(); ++i) {
+    c.writeln("after the peer left");
+    c.flush();
+    usleep(2000);
+  }
+  signal(SIGPIPE, old_action);
+  EXPECT_FALSE(c.IsConnected());
   DEBUG_LEVEL = saved;
 
   // Without SSL_setup the switch is refused and clear text goes on.
