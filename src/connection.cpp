@@ -11,6 +11,7 @@
 #include <cassert>
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 #include "details/sigpipe_guard.h"
 #include "line_scan.h"
@@ -319,6 +320,35 @@ int Connection::read(std::string& s, int n, bool append, int timeout) {
     filled += static_cast<std::string::size_type>(r);
   }
   s.resize(filled);
+  return static_cast<int>(s.size());
+}
+
+int Connection::read_available(std::string& s, size_t max, int timeout_ms) {
+  const auto buffered = std::min<std::string::size_type>(max, rbuf.size() - rpos_);
+  s.assign(rbuf, rpos_, buffered);
+  rpos_ += buffered;
+  scanned_ = 0;
+  consumed();
+  if (!isconnected || !holds_descriptor()) return s.empty() ? -1 : static_cast<int>(s.size());
+  const long long deadline = GetLLTicks() + std::max(timeout_ms, 0) * 1000LL;
+  char chunk[kReadStep];
+  while (s.size() < max) {
+    // Only the first byte is waited for; what follows is taken as it is there.
+    const long long wait = s.empty() ? std::max(0LL, deadline - GetLLTicks()) : 0;
+    const int r = read_core(chunk, static_cast<int>(std::min(sizeof chunk, max - s.size())),
+                            static_cast<int>(std::min<long long>(wait, INT_MAX)));
+    if (r > 0) {
+      s.append(chunk, static_cast<std::string::size_type>(r));
+      continue;
+    }
+    if (r == -1) {  // ended or failed: what came before it first
+      if (!s.empty()) break;
+      close();
+      return -1;
+    }
+    // -2: nothing in time; 0: part of a TLS record, the rest may follow.
+    if (!s.empty() || GetLLTicks() >= deadline) break;
+  }
   return static_cast<int>(s.size());
 }
 

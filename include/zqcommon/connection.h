@@ -96,6 +96,16 @@ class ZQ_EXPORT Connection : public lockable {
   // Reads `n` bytes if it can; the number taken from the read-ahead buffer
   // when that was enough, else the whole length of `s`; -1 without descriptor.
   int read(std::string& s, int n, bool append = false, int timeout = -1);
+  // Whatever has arrived, up to `max` bytes, replacing the content of `s`:
+  // bytes read ahead by readln() first, then what the descriptor holds (the
+  // decrypted stream on an encrypted connection), without regard to lines,
+  // terminators or Set_Modify. Waits at most `timeout_ms` milliseconds (a
+  // negative one counts as 0) for the first byte and none for the rest; never
+  // blocks longer. The number of bytes, 0 when none came in time (or `max`
+  // is 0), -1 when the connection is closed, ended or failed (it is then
+  // closed; bytes that came before the end are handed out first). For keys
+  // of a peer in raw mode. Locking as for readln.
+  int read_available(std::string& s, size_t max, int timeout_ms);
   // Writes `s` and, with `crlf`, "\r\n" unless `s` ends with it; the result of
   // writing `s` (an empty `s` flushes).
   int writeln(const std::string& s, bool crlf = true, int timeout = -1);

@@ -16,6 +16,7 @@
 
 #include "support/child_process.h"
 #include "zqcommon/bug.h"
+#include "zqcommon/functions.h"
 #include "zqcommon/mysocket.h"
 #include "zqsecurity/sslcommon.h"
 #include "zqsecurity/sslconnection.h"
@@ -202,4 +203,47 @@ TEST(SSLSetup, LockTableAndDHGroups) {
     EXPECT_NE(dh, nullptr);
     DH_free(dh);
   }
+}
+
+// Keys of a raw-mode peer: what has arrived, read ahead or still inside the
+// TLS layer, within the time-out, and the end of the stream.
+TEST(SSLConnection, ReadAvailableInClearTextAndOverTLS) {
+  const int saved = DEBUG_LEVEL;
+  DEBUG_LEVEL = -1;
+  for (const bool encrypted : {false, true}) {
+    SCOPED_TRACE(encrypted ? "TLS" : "clear text");
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    SSLConnection a, b;
+    a.SetSocket(&sv[0]);
+    b.SetSocket(&sv[1]);
+    if (encrypted) {
+      a.SSL_setup(true, "", "", "");
+      b.SSL_setup(false, "", "", "");
+      std::thread server_side([&] { a.SSL_start_TLS(true); });
+      ASSERT_TRUE(b.SSL_start_TLS(false));
+      server_side.join();
+      ASSERT_TRUE(a.IsEncrypted());
+    }
+    std::string s;
+    b.writeln("line\nkeys", false);
+    EXPECT_EQ(line_of(a), "line");
+    EXPECT_EQ(a.read_available(s, 100, 1000), 4);  // the rest of the read-ahead
+    EXPECT_EQ(s, "keys");
+    b.writeln("0123456789", false);
+    EXPECT_EQ(a.read_available(s, 4, 1000), 4);
+    EXPECT_EQ(s, "0123");
+    EXPECT_EQ(a.read_available(s, 100, 0), 6);  // held by TLS: the socket is not readable
+    EXPECT_EQ(s, "456789");
+    const int64_t start = GetLLTicks();
+    EXPECT_EQ(a.read_available(s, 100, 30), 0);
+    EXPECT_GE(GetLLTicks() - start, 25000);
+    EXPECT_LT(GetLLTicks() - start, 1000000);
+    b.writeln("bye", false);
+    b.close();
+    EXPECT_EQ(a.read_available(s, 100, 1000), 3);
+    EXPECT_EQ(a.read_available(s, 100, 1000), -1);
+    EXPECT_FALSE(a.IsConnected());
+  }
+  DEBUG_LEVEL = saved;
 }
