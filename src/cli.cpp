@@ -297,7 +297,7 @@ bool CLI::parse(std::string& text) {
     std::fprintf(StdErr(), "%s: command not found\r\n", words[0].c_str());
     return false;
   }
-  if (!levels_.empty() && RequiredLevel(words) > session_level_) {
+  if (!Permitted(words)) {
     std::fprintf(StdErr(), "%s: not permitted for this session\r\n", words[0].c_str());
     retcode = 1;
     return true;

@@ -30,3 +30,7 @@ int CLI::RequiredLevel(const std::vector<std::string>& words) const {
   }
   return level;
 }
+
+bool CLI::Permitted(const std::vector<std::string>& words) const {
+  return levels_.empty() || RequiredLevel(words) <= session_level_;
+}

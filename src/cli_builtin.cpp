@@ -17,15 +17,12 @@ int CLI::cmd_help(void* object, int argc, const char** argv) {
     std::fflush(cli->StdOut());
     std::vector<std::string> builtins, others;
     // With access levels, the list shows only what the session may run.
-    auto allowed = [cli](const std::string& name) {
-      return cli->levels_.empty() || cli->RequiredLevel({name}) <= cli->session_level_;
-    };
     for (auto& item : cli->_cmap) {
-      if (item.second->internal && allowed(item.first)) builtins.push_back(item.first);
+      if (item.second->internal && cli->Permitted({item.first})) builtins.push_back(item.first);
     }
     const unsigned int width = cli->print_in_columns(builtins, 0);
     for (auto& item : *cli->cmap) {
-      if (!item.second->internal && allowed(item.first)) others.push_back(item.first);
+      if (!item.second->internal && cli->Permitted({item.first})) others.push_back(item.first);
     }
     if (!others.empty()) {
       std::fflush(cli->_stdout);

@@ -3,7 +3,6 @@
 // with usage and levels, and the history file.
 #include "zqcommon/cli_editor.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "atomic_file.h"
 #include "zqcommon/cli.h"
 
 namespace {
@@ -110,6 +110,30 @@ std::string wrapped(const std::string& first, const std::string& text, size_t co
     at = cut < text.size() && text[cut] == ' ' ? cut + 1 : cut;
   }
   return s + text.substr(at) + "\r\n";
+}
+
+// What each named level may do with `command` under the access rules
+// (leading words -> level): no rows when no rule mentions the command.
+CLI_Editor::LevelTexts derived_levels(const std::map<std::string, int>& rules, const std::string& command,
+                                      const std::map<int, std::string>& names) {
+  std::vector<std::pair<std::string, int>> mine;  // the rules for the command's words
+  for (auto it = rules.lower_bound(command); it != rules.end() && it->first.compare(0, command.size(), command) == 0;
+       ++it) {
+    if (it->first.size() == command.size() || it->first[command.size()] == ' ') mine.push_back(*it);
+  }
+  CLI_Editor::LevelTexts rows;
+  if (mine.empty()) return rows;
+  const int base = mine.front().first == command ? mine.front().second : 0;
+  for (const auto& name : names) {
+    std::string denied;
+    for (const auto& rule : mine) {
+      if (rule.second > name.first && rule.first != command) denied += (denied.empty() ? "" : ", ") + rule.first;
+    }
+    rows.emplace_back(name.second, base > name.first ? "none of it"
+                                   : denied.empty()  ? "all of it"
+                                                     : "all but " + denied);
+  }
+  return rows;
 }
 
 }  // namespace
@@ -668,7 +692,7 @@ int CLI_Editor::Help(int argc, const char** argv) {
     // Built-ins first, then the commands of the current level.
     for (int pass = 0; pass < 2; ++pass) {
       for (auto& item : pass == 0 ? cli_._cmap : *cli_.cmap) {
-        if (item.second->internal != (pass == 0)) continue;
+        if (item.second->internal != (pass == 0) || !cli_.Permitted({item.first})) continue;
         const auto h = split_help(item.first, item.second->cmd_help);
         rows.emplace_back(item.first, h.second.empty() ? h.first : h.second);
       }
@@ -685,7 +709,7 @@ int CLI_Editor::Help(int argc, const char** argv) {
   int result = 0;
   for (int i = 1; i < argc; ++i) {
     CLI::CLI_cmd_map_entry* e = cli_.find_command(argv[i]);
-    if (e == nullptr) {
+    if (e == nullptr || !cli_.Permitted({argv[i]})) {  // what the session cannot run is not shown
       std::fprintf(cli_._stderr, "Unknown command: %s\r\n", argv[i]);
       std::fflush(cli_._stderr);
       result = 1;
@@ -700,11 +724,10 @@ int CLI_Editor::Help(int argc, const char** argv) {
       text += wrapped("  sub-commands:", subs, width());
     }
     auto lv = levels_.find(argv[i]);
-    if (lv != levels_.end()) {
-      size_t w = 0;
-      for (auto& l : lv->second) w = std::max(w, l.first.size());
-      for (auto& l : lv->second) text += wrapped("  " + l.first + std::string(w + 2 - l.first.size(), ' '), l.second, width());
-    }
+    const LevelTexts rows = lv != levels_.end() ? lv->second : derived_levels(cli_.levels_, argv[i], level_names_);
+    size_t w = 0;
+    for (auto& l : rows) w = std::max(w, l.first.size());
+    for (auto& l : rows) text += wrapped("  " + l.first + std::string(w + 2 - l.first.size(), ' '), l.second, width());
     std::fputs(text.c_str(), o);
   }
   std::fflush(o);
@@ -747,24 +770,14 @@ bool CLI_Editor::SetHistoryFile(const std::string& path, size_t limit, unsigned 
 
 bool CLI_Editor::SaveHistory() {
   if (history_path_.empty()) return false;
-  const std::string tmp = history_path_ + ".new";
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
   // Oldest first, the newest `history_limit_` entries.
   const size_t n = std::min(history_limit_, cli_.history.size());
   std::string text;
   auto it = std::next(cli_.history.begin(), static_cast<long>(n));
   while (it != cli_.history.begin()) text += *--it + "\n";
-  bool ok = fchmod(fd, 0600) == 0;
-  for (size_t done = 0; ok && done < text.size();) {
-    const ssize_t w = ::write(fd, text.data() + done, text.size() - done);
-    if (w < 0 && errno == EINTR) continue;
-    ok = w > 0;
-    if (ok) done += static_cast<size_t>(w);
-  }
-  ok = ::close(fd) == 0 && ok;
-  ok = ok && std::rename(tmp.c_str(), history_path_.c_str()) == 0;
-  if (!ok) ::unlink(tmp.c_str());
+  // Replaced as a whole (a crash or a full disk leaves the old file), and
+  // private whatever the umask and the old file's mode.
+  const bool ok = zqdetail::write_file_atomically(history_path_, text, 0600, true);
   history_dirty_ = !ok;
   last_save_ = std::time(nullptr);
   return ok;

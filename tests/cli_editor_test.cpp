@@ -2,6 +2,8 @@
 // leave, history and its search, completion, layout of wide lines, messages
 // above the prompt, the history file and hostile input.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,7 +56,6 @@ TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
       {"abc\x01X\x05Y", "XabcY", 5},                          // Ctrl-A, Ctrl-E
       {"abc\x1b[1~X\x1b[4~Y", "XabcY", 5},                    // Home/End, vt forms
       {"abc\x1bOHX\x1bOFY", "XabcY", 5},                      // SS3 forms
-      {"abc\x1b[HX\x1b[FY", "XabcY", 5},                      // xterm forms
       {"abc\x1b[7~X\x1b[8~Y", "XabcY", 5},                    // rxvt forms
       {"abc\x01\x1b[3~", "bc", 0},                            // Delete
       {"abc\x02\x04", "ab", 2},                               // Ctrl-D deletes under the cursor
@@ -101,8 +102,7 @@ TEST(CLIEditor, HistoryAndSearch) {
       {"\x10\x10\x0e", "echo three"},                  // Ctrl-P, Ctrl-N
       {"\x12o", "echo three"},                         // Ctrl-R finds the newest match
       {"\x12tw", "echo two"},
-      {"\x12o\x12\x12", "echo one"},                   // Ctrl-R again: older matches
-      {"\x12o\x12\x12\x13", "echo two"},               // Ctrl-S: newer again
+      {"\x12o\x12\x12\x13", "echo two"},               // Ctrl-R again: older; Ctrl-S: newer
       {"\x12zz", ""},                                  // no match: the line stays
       {"x\x12tw\x07", "x"},                            // Ctrl-G restores the line
       {"\x12twX", "echo two"},                         // a failing query keeps the last match
@@ -192,18 +192,28 @@ TEST(CLIEditor, WideLinesAndMessagesRedrawPromptLineAndCursor) {
   EXPECT_EQ(s.substr(s.size() - 3), "\r\n\r") << s;
 }
 
-TEST(CLIEditor, HelpShowsColumnsAndUsageAndLevels) {
+TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) {
   Editing e;
-  e.cli->Register([](void*, int, const char**) { return 0; }, nullptr, "io", nullptr,
-                  "io [get|set BIT]: the digital I/O");
-  e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}, {"operator", "everything"}});
+  auto nop = [](void*, int, const char**) { return 0; };
+  e.cli->Register(nop, nullptr, "io", nullptr, "io [get|set BIT]: the digital I/O");
+  e.cli->Register(nop, nullptr, "config", nullptr, "config: settings");
+  for (auto rule : {std::make_pair("io", 1), {"io set", 2}, {"config", 2}}) e.cli->SetCommandLevel(rule.first, rule.second);
+  e.cli->SetSessionLevel(1);
+  e.ed->SetLevelNames({{1, "viewer"}, {2, "operator"}});
   e.type("help\r");
   EXPECT_NE(e.screen().find("  io       the digital I/O\r\n"), std::string::npos) << e.screen();
   EXPECT_NE(e.screen().find("  history  history [-c]\r\n"), std::string::npos);
-  e.type("help io\r");
-  EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    io, io get\r\n"
-                            "  operator  everything\r\n"),
-            std::string::npos);
+  EXPECT_EQ(e.screen().find("config"), std::string::npos);  // beyond the session's level
+  e.type("help io config\r");
+  EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    all but io set\r\n"
+                            "  operator  all of it\r\nUnknown command: config\r\n"),
+            std::string::npos) << e.screen();
+  e.cli->SetSessionLevel(2);
+  e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}});  // given rows replace the derived ones
+  e.type("help config io\r");
+  EXPECT_NE(e.screen().find("  viewer    none of it\r\n  operator  all of it\r\nusage: io [get|set BIT]\r\n"
+                            "  the digital I/O\r\n  viewer  io, io get\r\n"),
+            std::string::npos) << e.screen();
   e.type("nosuch\r");  // the session's own error stream
   EXPECT_NE(e.screen().find("nosuch: command not found"), std::string::npos);
 }
@@ -228,6 +238,32 @@ TEST(CLIEditor, HistoryFileIsPrivateBoundedAndReloaded) {
     ASSERT_TRUE(e.ed->SetHistoryFile(path, 2, 0));
     e.type("\x1b[A\x1b[A\x1b[A");
     EXPECT_EQ(e.ed->Line(), "echo 3");  // only the newest two were loaded
+  }
+  {
+    // A write that cannot complete (the size limit here, a full disk
+    // elsewhere) leaves the old file whole and no temporary beside it; a
+    // written file is private whatever the old mode and the umask.
+    Editing e;
+    ASSERT_TRUE(e.ed->SetHistoryFile(path, 3, 0));
+    e.type("echo " + std::string(5000, 'x') + "\r");
+    chmod(path.c_str(), 0644);
+    const mode_t mask = umask(0);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    rlimit small = old;
+    small.rlim_cur = 1000;
+    const auto action = signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_FALSE(e.ed->SaveHistory());
+    setrlimit(RLIMIT_FSIZE, &old);
+    signal(SIGXFSZ, action);
+    std::ifstream kept(path);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(kept)), std::istreambuf_iterator<char>()), text);
+    EXPECT_EQ(std::system(("test $(ls -A " + std::string(dir) + " | wc -l) = 1").c_str()), 0);
+    EXPECT_TRUE(e.ed->SaveHistory());
+    umask(mask);
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
   }
   std::string error;
   Editing e;

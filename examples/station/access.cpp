@@ -65,6 +65,11 @@ ZQSecurity::SSLConnection& tls(Connection& conn) { return static_cast<ZQSecurity
 
 int cmd_login(void* arg, int argc, const char** argv) {
   Session& s = *static_cast<Session*>(arg);
+  if (s.want_editing) {  // the editor would echo the password and keep it in the history
+    std::fputs("login: not in editing mode, where the password would be echoed and kept in the history "
+               "(connect again and log in first)\r\n", s.out);
+    return 1;
+  }
   s.access.user = argc > 1 ? argv[1] : "";
   s.access.step = argc > 1 ? AccessState::kPassword : AccessState::kUser;
   std::fputs(argc > 1 ? "password: " : "user: ", s.out);

@@ -6,6 +6,7 @@
 #include <zqcommon/cli.h>
 #include <zqcommon/cli_editor.h>
 #include <zqsecurity/hash.h>
+#include <zqsecurity/userfile.h>
 
 #include <cstdio>
 
@@ -81,6 +82,13 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
   }
   CLI_Editor& ed = *cli.EnableEditing();
   ed.SetEndOnEof(s.network);
+  // help COMMAND tells each level what it may do, from the same rules the
+  // interpreter enforces.
+  std::map<int, std::string> levels;
+  for (auto l : {ZQSecurity::kViewer, ZQSecurity::kOperator, ZQSecurity::kAdmin}) {
+    levels[l] = ZQSecurity::UserFile::LevelName(l);
+  }
+  ed.SetLevelNames(levels);
   if (!history_file.empty()) {
     std::string error;
     if (!ed.SetHistoryFile(history_file, 500, 30, &error)) {

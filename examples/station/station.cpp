@@ -108,11 +108,19 @@ void answer(Client& c, bool prompt) {
 }
 
 // A session in editing mode: every key goes to its interpreter, which
-// echoes and draws its own prompt. False once the client is gone.
+// echoes and draws its own prompt; each counts as activity for the idle
+// time-out. Keys are read through the TLS layer once it is on, until none
+// is left in it (the socket may not show what TLS holds). False once the
+// client is gone.
 bool serve_keys(Client& c) {
   std::string keys;
-  c.conn->read(keys, 4096, false, 0);
-  c.cli->Editor()->Feed(keys.data(), keys.size());
+  const size_t kChunk = 16384;
+  int r = 0;
+  for (int i = 0; i < 64 && (r = c.conn->read_available(keys, kChunk, 0)) > 0; ++i) {
+    c.cli->Editor()->Feed(keys.data(), keys.size());
+    c.session.access.active_ms = station::Gate::NowMs();
+    if (static_cast<size_t>(r) < kChunk) break;
+  }
   const bool ended = c.cli->update_all() == 4;
   if (c.session.want_tls) {
     c.session.want_tls = false;
@@ -162,10 +170,6 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       std::string copy = text;
       c.cli->parse(copy);
       gate.Audit(c.session, text, c.cli->retcode);
-    }
-    if (c.session.want_editing && (c.conn->IsEncrypted() || c.session.access.step != station::AccessState::kCommand)) {
-      c.session.want_editing = false;
-      std::fputs("editing: not over TLS\r\n", c.out);
     }
     if (c.session.want_editing) {
       station::setup_console(*c.cli, c.session, "");
@@ -258,6 +262,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   if (isatty(STDIN_FILENO)) {
     terminal = std::make_unique<CLI>(stdin, stdout, stderr);
     station::register_commands(*terminal, console);
+    station::apply_command_levels(*terminal);  // admin reaches all; help shows what the levels may do
+    terminal->SetSessionLevel(console.level);
     station::setup_console(*terminal, console, "station.history");
     CLI_Editor* editor = terminal->Editor();
     st.announce = [editor](const std::string& text) { editor->Message(text); };

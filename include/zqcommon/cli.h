@@ -129,6 +129,9 @@ class ZQ_EXPORT CLI {
   int SessionLevel() const { return session_level_; }
   // The level `words` need (0 without a rule).
   int RequiredLevel(const std::vector<std::string>& words) const;
+  // Whether the session's level reaches what `words` need; true while no
+  // rule exists.
+  bool Permitted(const std::vector<std::string>& words) const;
 
   // The built-ins.
   static int cmd_help(void* cli, int argc, const char** argv);

@@ -72,8 +72,16 @@ class ZQ_EXPORT CLI_Editor {
   // Registers the completer for the arguments of the root command `command`
   // (replacing an earlier one).
   void SetCompleter(const std::string& command, Completer completer);
-  // The texts `help COMMAND` shows for each privilege level.
+  // The texts `help COMMAND` shows for each privilege level; they replace
+  // the rows derived from the level names below.
   void SetLevelTexts(const std::string& command, LevelTexts texts);
+  // Names of the interpreter's access levels (CLI::SetCommandLevel), by
+  // number. With them, `help COMMAND` for a command the rules mention shows
+  // one row per named level, lowest first, derived from those rules: "all
+  // of it", "all but" the words the level does not reach, or "none of it".
+  // Whatever the names, `help` lists only the commands the session's level
+  // reaches and answers for any other as for an unknown command.
+  void SetLevelNames(std::map<int, std::string> names) { level_names_ = std::move(names); }
 
   // Called with every finished line before it runs (for an audit log).
   void SetLineHook(std::function<void(const std::string&)> hook) { line_hook_ = std::move(hook); }
@@ -142,6 +150,7 @@ class ZQ_EXPORT CLI_Editor {
   std::map<std::string, Completer> completers_;
   std::function<void(const std::string&)> line_hook_;
   std::map<std::string, LevelTexts> levels_;
+  std::map<int, std::string> level_names_;
   std::string history_path_;
   size_t history_limit_ = 0;
   unsigned int save_every_ = 0;
