@@ -3,15 +3,20 @@
 
     cli_keys.py CLISERVER_BINARY [STATION_BINARY STATION_SOURCE_DIR]
 
-Starts `cliserver -e` (and, when given, the station, whose sessions switch
-with "editing on") on a free port, sends each key sequence of the table below
-over a TCP socket followed by Enter and checks the line that ran, then sends
-100,000 keys in one burst, and ends the session with Ctrl-D on an empty line.
+Starts `cliserver -e` (and, when given, the station, whose sessions log in
+and switch with "editing on", once in clear text and once after starttls) on
+a free port, sends each key sequence of the table below over a TCP socket
+followed by Enter and checks the line that ran, then sends 100,000 keys in
+one burst, and ends the session with Ctrl-D on an empty line. In the
+station's TLS session it also checks that login is refused while editing,
+that help follows the session's level, and that keys typed slowly for longer
+than the idle time-out keep the session open.
 """
 import os
 import re
 import shutil
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -45,41 +50,66 @@ class Session:
     def __init__(self, port):
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
 
-    def until_prompt(self):
+    def until(self, pattern):
         data = b""
         deadline = time.time() + 20
-        while not PROMPT.search(data) and time.time() < deadline:
-            chunk = self.sock.recv(65536)
+        while not pattern.search(data) and time.time() < deadline:
+            try:
+                chunk = self.sock.recv(65536)
+            except (ssl.SSLError, OSError):
+                chunk = b""
             if not chunk:
                 break
             data += chunk
         return data
 
+    def until_prompt(self):
+        return self.until(PROMPT)
+
+    def ask(self, line, marker):
+        self.sock.sendall(line + b"\n")
+        return self.until(re.compile(re.escape(marker)))
+
     def run(self, keys):
         self.sock.sendall(keys + b"\r")
         return self.until_prompt()
 
+    def login(self, user, password):
+        self.ask(b"login", b"user: ")
+        self.ask(user, b"password: ")
+        return self.ask(password, b"station> ")
 
-def exercise(name, port, switch):
-    s = Session(port)
-    if switch:
-        s.until_prompt()
-        s.sock.sendall(switch)
-    s.until_prompt()
+
+def exercise(name, s, extra=None):
     for keys, answer in CASES:
         got = s.run(keys)
         check(b"\r\n" + answer + b"\r\n" in got, "%s: %r -> %r, got %r" % (name, keys, answer, got[-200:]))
     got = s.run(b"x" * 100000 + b"\x03echo still here")
     check(b"\r\nstill here\r\n" in got, "%s: a burst of 100,000 keys" % name)
+    if extra:
+        extra(s)
     s.sock.sendall(b"\x04")  # Ctrl-D on an empty line
-    rest, deadline = b"", time.time() + 20
-    while time.time() < deadline:
-        chunk = s.sock.recv(65536)
-        if not chunk:
-            break
-        rest += chunk
-    check(time.time() < deadline, "%s: Ctrl-D on an empty line ends the session" % name)
+    started = time.time()
+    s.until(re.compile(b"(?!)"))  # everything up to the close
+    check(time.time() - started < 15, "%s: Ctrl-D on an empty line ends the session" % name)
     s.sock.close()
+
+
+def station_checks(s):
+    """What a viewer in editing mode over TLS sees (the station's own rules)."""
+    got = s.run(b"login")
+    check(b"login: not in editing mode" in got, "login is refused while editing: %r" % got[-200:])
+    got = s.run(b"help")
+    check(b"status" in got and b"  fit" not in got, "help lists only the viewer's commands: %r" % got[-600:])
+    got = s.run(b"help io fit")
+    check(b"viewer    all but io clear, io set, io toggle\r\n  operator  all of it\r\n" in got
+          and b"Unknown command: fit" in got, "help io shows each level's row: %r" % got[-400:])
+    # Keys typed slowly for longer than the idle time-out keep the session.
+    for _ in range(IDLE_S + 2):
+        s.sock.sendall(b"x")
+        time.sleep(1)
+    got = s.run(b"\x03echo alive")
+    check(b"\r\nalive\r\n" in got, "typing in editing mode is activity: %r" % got[-200:])
 
 
 def start(argv, cwd):
@@ -103,22 +133,54 @@ def stop(p):
         p.wait()
 
 
+IDLE_S = 4
+
+
+def station(binary, source, work):
+    for f in ("station.cfg",):
+        shutil.copy(os.path.join(source, f), work)
+    open(os.path.join(work, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
+    for user, level in ((b"ada", "admin"), (b"vic", "viewer")):
+        subprocess.run([binary, "--passwd", user.decode(), level], cwd=work, input=user + b"-pw\n",
+                       capture_output=True, timeout=60, check=True)
+    p, port = start([binary, "Server.ListenPort=0", "Server.ACL=open.acl", "Server.RequireTLS=0",
+                     "Access.IdleTimeout=%d" % IDLE_S], work)
+    try:
+        s = Session(port)
+        s.until_prompt()
+        check(b"logged in as ada" in s.login(b"ada", b"ada-pw"), "station: login in clear text")
+        s.sock.sendall(b"editing on\n")
+        s.until_prompt()
+        exercise("station", s)
+        t = Session(port)
+        t.until_prompt()
+        check(b"OK starting TLS" in t.ask(b"starttls", b"\r\n"), "station: starttls")
+        ctx = ssl.create_default_context(cafile=os.path.join(work, "tls", "ca.pem"))
+        t.sock = ctx.wrap_socket(t.sock, server_hostname="localhost")
+        t.until_prompt()
+        check(b"logged in as vic" in t.login(b"vic", b"vic-pw"), "station: login over TLS")
+        t.sock.sendall(b"editing on\n")
+        t.until_prompt()
+        exercise("station over TLS", t, station_checks)
+    finally:
+        stop(p)
+
+
 def main():
     work = tempfile.mkdtemp(prefix="cli-keys-")
     try:
         p, port = start([sys.argv[1], "-e", "0"], work)
         try:
-            exercise("cliserver", port, None)
+            s = Session(port)
+            s.until_prompt()
+            exercise("cliserver", s)
         finally:
             stop(p)
         if len(sys.argv) > 3:
-            for f in ("station.cfg", "station.acl"):
-                shutil.copy(os.path.join(sys.argv[3], f), work)
-            p, port = start([sys.argv[2], "Server.ListenPort=0"], work)
             try:
-                exercise("station", port, b"editing on\n")
-            finally:
-                stop(p)
+                station(os.path.abspath(sys.argv[2]), sys.argv[3], work)
+            except OSError as e:  # the station closed a session it should have kept (ssl errors too)
+                failures.append("station: %r" % e)
     finally:
         shutil.rmtree(work)
     for f in failures:
