@@ -2,7 +2,8 @@
 # End-to-end check of the station's terminal side: runs it in a tmux pane on
 # the shipped configuration, types commands as an operator would (line
 # editing in the middle of a line, Home/End, Ctrl-W, Ctrl-R, UTF-8, Tab
-# completion of commands and arguments), serves a TCP client at the same time
+# completion of commands and arguments, help with each level's row), serves
+# a TCP client at the same time
 # while an asynchronous line appears above a half-typed command, narrows the
 # window below the line's width, ends it with "exit" and checks the terminal
 # was restored, then starts it again, finds the kept history and stops it
@@ -37,6 +38,9 @@ keys 'fi' Tab
 wait_for "${prompt}fit\$" "Tab completes fi to fit"
 keys Enter
 wait_for 'points' "fit answers"
+keys 'help io' Enter
+wait_for '^  operator +all of it$' "help io shows what each level may do with it"
+screen | grep -Eq '^  viewer +all but io clear, io set, io toggle$' || fail "the viewer's row follows the rules"
 keys 'starttls' Enter
 wait_for '^starttls: only for network clients' "starttls is for network clients"
 TCP_PORT=$(sed -n 's/^tcp port \([0-9]*\).*/\1/p;T;q' <<<"$(screen)")
@@ -94,4 +98,4 @@ wait_for "station:/[#>] ?\$" "Ctrl-C clears the line and leaves the station runn
 kill -INT "$(pgrep -P "$(tmux display -p -t "$session" '#{pane_pid}')" station)"
 wait_for '^exit status 0' "SIGINT stops the station cleanly"
 grep -Eq 'stopped: ([0-9]+) thread\(s\) \(\1 at start\)' "$work"/station*.log || fail "the log records the clean stop"
-echo "station-tmux: 33 checks passed"
+echo "station-tmux: 35 checks passed"
