@@ -46,6 +46,8 @@ struct Editing {
 
 }  // namespace
 
+// (The common keys, as a network client sends them, are scripts/cli_keys.py's
+// cases; these are the other forms and the edges.)
 TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
   const struct {
     const char* keys;
@@ -53,31 +55,20 @@ TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
     size_t cursor;
   } kCases[] = {
       {"abc\x1b[D\x1b[DX", "aXbc", 2},                       // Left, insert in the middle
-      {"abc\x01X\x05Y", "XabcY", 5},                          // Ctrl-A, Ctrl-E
-      {"abc\x1b[1~X\x1b[4~Y", "XabcY", 5},                    // Home/End, vt forms
-      {"abc\x1bOHX\x1bOFY", "XabcY", 5},                      // SS3 forms
       {"abc\x1b[7~X\x1b[8~Y", "XabcY", 5},                    // rxvt forms
-      {"abc\x01\x1b[3~", "bc", 0},                            // Delete
       {"abc\x02\x04", "ab", 2},                               // Ctrl-D deletes under the cursor
       {"abc\x02\x02\x06Z", "abZc", 3},                        // Ctrl-B, Ctrl-F
       {"abc\x1b[C\x06\x1b[C", "abc", 3},                      // Right stops at the end
       {"abc\x01\x1b[D\x02\x7f", "abc", 0},                    // Left and Backspace stop at 0
-      {"hello world\x01\x06\x06\x0b\x05\x19", "hello world", 11},  // Ctrl-K, Ctrl-Y
       {"abc def\x02\x02\x02\x15", "def", 0},                  // Ctrl-U
-      {"one two  three\x17", "one two  ", 9},                 // Ctrl-W
       {"one two  \x17", "one ", 4},                           // Ctrl-W over blanks
-      {"one two\x17\x17\x19", "one ", 4},                     // the last kill is yanked
       {"ab\x14", "ba", 2},                                    // Ctrl-T at the end
       {"abc\x02\x14", "acb", 3},                              // Ctrl-T in the middle
       {"one two three\x1b" "b\x1b" "bX", "one Xtwo three", 5},  // Alt-B
       {"one two\x01\x1b" "fX", "oneX two", 4},                // Alt-F
       {"one two\x1b[1;5DX", "one Xtwo", 5},                   // Ctrl-Left
-      {"abc\x03", "", 0},                                     // Ctrl-C clears
-      {"a\xc3\xb1" "b\x1b[D\x7f", "ab", 1},                   // a two-byte character is one
       {"\xe2\x82\xac" "x\x02\x02Y", "Y\xe2\x82\xac" "x", 1},  // three bytes
       {"\xf0\x9f\x99\x82\x02Z\x06\x7f", "Z", 1},              // four bytes
-      {"a\xff" "b\xc3(c\x80", "ab(c", 4},                     // invalid UTF-8 dropped
-      {"ab\x1b[12\x01X", "Xab", 1},                           // a cut sequence: Ctrl-A counts
       {"a\x1b[99~\x1bzb\x1b[5;9;9Q", "ab", 2},                // unknown sequences dropped
       {"a\x1b[11111111111111111111111111111111~b", "ab", 2},  // an overlong one too
       {"a\x1b\x01X", "Xa", 1},                                // ESC then a control key
@@ -100,8 +91,6 @@ TEST(CLIEditor, HistoryAndSearch) {
       {"\x1b[A\x1b[A\x1b[A\x1b[A\x1b[A", "echo one"},  // stops at the oldest
       {"draft\x1b[A\x1b[B", "draft"},                  // Down returns to the typed line
       {"\x10\x10\x0e", "echo three"},                  // Ctrl-P, Ctrl-N
-      {"\x12o", "echo three"},                         // Ctrl-R finds the newest match
-      {"\x12tw", "echo two"},
       {"\x12o\x12\x12\x13", "echo two"},               // Ctrl-R again: older; Ctrl-S: newer
       {"\x12zz", ""},                                  // no match: the line stays
       {"x\x12tw\x07", "x"},                            // Ctrl-G restores the line
@@ -118,8 +107,6 @@ TEST(CLIEditor, HistoryAndSearch) {
   e.type("echo one\recho two\r");
   e.type("\x12on\x1b[CX");  // a movement ends the search and moves
   EXPECT_EQ(e.ed->Line(), "echo oXne");
-  e.type("\x03\x12one\r");  // Enter runs the match
-  EXPECT_EQ(e.cli->vars["cmdline"], "echo one");
 
   // A history entry that is not valid UTF-8 (put there by the program, or by
   // the specified editing model) is recalled and found without its stray bytes.
@@ -145,9 +132,7 @@ TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
     const char* keys;
     const char* line;
   } kCases[] = {
-      {"conf\t", "config "},
       {"config sh\t", "config show "},
-      {"config sa\t", "config save "},
       {"config set St\t", "config set Station."},
       {"config set Station.L\t", "config set Station.Low "},
       {"config set x \t", "config set x "},      // never half a character in common
@@ -169,8 +154,7 @@ TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
 TEST(CLIEditor, WideLinesAndMessagesRedrawPromptLineAndCursor) {
   Editing e;
   e.ed->SetColumns(10);
-  const size_t plen = e.cli->iw_prompt.size();  // "CLI:/> " or "CLI:/# "
-  ASSERT_EQ(plen, 7u);
+  ASSERT_EQ(e.cli->iw_prompt.size(), 7u);  // "CLI:/> " or "CLI:/# "
   e.type("0123456789012");  // 20 cells: the cursor sits at the start of row 2
   size_t mark = e.screen().size();
   e.type("\x01");  // Home: up two rows, redraw, back up two rows, 7 columns in
@@ -218,57 +202,47 @@ TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) 
   EXPECT_NE(e.screen().find("nosuch: command not found"), std::string::npos);
 }
 
-TEST(CLIEditor, HistoryFileIsPrivateBoundedAndReloaded) {
+TEST(CLIEditor, HistoryFileIsPrivateBoundedReloadedAndReplacedWhole) {
   char dir[] = "/tmp/zq-history-XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string path = std::string(dir) + "/history";
+  auto content = [&path] {
+    std::ifstream f(path);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  };
+  struct stat st {};
   {
     Editing e;
     ASSERT_TRUE(e.ed->SetHistoryFile(path, 3, 0));
     e.type("echo 1\recho 2\recho 3\recho 4\r");
   }
-  struct stat st {};
+  EXPECT_EQ(content(), "echo 2\necho 3\necho 4\n");
+  Editing e;
+  ASSERT_TRUE(e.ed->SetHistoryFile(path, 2, 0));
+  e.type("\x1b[A\x1b[A\x1b[A");
+  EXPECT_EQ(e.ed->Line(), "echo 3");  // only the newest two were loaded
+  // A write that cannot complete (the size limit here, a full disk
+  // elsewhere) keeps the old file whole; a written file is private whatever
+  // the old file's mode and the umask.
+  e.type("\x03" "echo " + std::string(5000, 'x') + "\r");
+  chmod(path.c_str(), 0644);
+  const mode_t mask = umask(0);
+  rlimit old{};
+  getrlimit(RLIMIT_FSIZE, &old);
+  const rlimit small{1000, old.rlim_max};
+  const auto action = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_FALSE(e.ed->SaveHistory());
+  setrlimit(RLIMIT_FSIZE, &old);
+  signal(SIGXFSZ, action);
+  EXPECT_EQ(content(), "echo 2\necho 3\necho 4\n");
+  EXPECT_TRUE(e.ed->SaveHistory());
+  umask(mask);
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  std::ifstream f(path);
-  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  EXPECT_EQ(text, "echo 2\necho 3\necho 4\n");
-  {
-    Editing e;
-    ASSERT_TRUE(e.ed->SetHistoryFile(path, 2, 0));
-    e.type("\x1b[A\x1b[A\x1b[A");
-    EXPECT_EQ(e.ed->Line(), "echo 3");  // only the newest two were loaded
-  }
-  {
-    // A write that cannot complete (the size limit here, a full disk
-    // elsewhere) leaves the old file whole and no temporary beside it; a
-    // written file is private whatever the old mode and the umask.
-    Editing e;
-    ASSERT_TRUE(e.ed->SetHistoryFile(path, 3, 0));
-    e.type("echo " + std::string(5000, 'x') + "\r");
-    chmod(path.c_str(), 0644);
-    const mode_t mask = umask(0);
-    rlimit old{};
-    getrlimit(RLIMIT_FSIZE, &old);
-    rlimit small = old;
-    small.rlim_cur = 1000;
-    const auto action = signal(SIGXFSZ, SIG_IGN);
-    setrlimit(RLIMIT_FSIZE, &small);
-    EXPECT_FALSE(e.ed->SaveHistory());
-    setrlimit(RLIMIT_FSIZE, &old);
-    signal(SIGXFSZ, action);
-    std::ifstream kept(path);
-    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(kept)), std::istreambuf_iterator<char>()), text);
-    EXPECT_EQ(std::system(("test $(ls -A " + std::string(dir) + " | wc -l) = 1").c_str()), 0);
-    EXPECT_TRUE(e.ed->SaveHistory());
-    umask(mask);
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-  }
-  std::string error;
-  Editing e;
-  EXPECT_FALSE(e.ed->SetHistoryFile(dir, 2, 0, &error));  // a folder is no history
-  EXPECT_FALSE(e.ed->SaveHistory());
+  Editing folder;
+  EXPECT_FALSE(folder.ed->SetHistoryFile(dir, 2, 0));  // a folder is no history
+  EXPECT_FALSE(folder.ed->SaveHistory());
   unlink(path.c_str());
   rmdir(dir);
 }
@@ -283,8 +257,6 @@ TEST(CLIEditor, HostileInputKeepsTheLineConsistent) {
   e.ed->SetColumns(1);
   e.type("\xc3\xa9\xc3\xa9\x1b[D\x7f\x04");
   EXPECT_EQ(e.ed->Line(), "");
-  e.type("\x04");  // Ctrl-D on an empty terminal line is nothing
+  e.type("\x04");  // Ctrl-D on an empty terminal line is nothing (it ends a network session)
   EXPECT_EQ(e.cli->status & CLI::kEnded, 0);
-  e.ed->SetEndOnEof(true);
-  EXPECT_EQ(e.type("\x04"), 4);  // a network session ends
 }

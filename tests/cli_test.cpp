@@ -14,6 +14,14 @@
 
 namespace {
 
+// What a non-blocking descriptor holds now.
+std::string drain(int fd) {
+  std::string text;
+  char buf[4096];
+  for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+  return text;
+}
+
 // A CLI over two pipes: the test types into `keys`, reads what it wrote.
 struct Session {
   int in[2], out[2];
@@ -45,11 +53,7 @@ struct Session {
   }
   std::string screen() {
     std::fflush(fout);
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    while ((n = ::read(out[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    return text;
+    return drain(out[0]);
   }
 };
 
@@ -249,15 +253,10 @@ TEST(CLI, RealTerminalModesAndEcho) {
     const std::string keys = "echo pty\r";
     ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     usleep(50000);
-    for (int i = 0; i < 100 && cli.update() != 0; ++i) {
-    }
-    cli.update();
+    cli.update_all();
     usleep(50000);
-    std::string screen;
-    char buf[1024];
     fcntl(master, F_SETFL, O_NONBLOCK);
-    ssize_t n;
-    while ((n = ::read(master, buf, sizeof buf)) > 0) screen.append(buf, static_cast<size_t>(n));
+    const std::string screen = drain(master);
     EXPECT_NE(screen.find("echo pty"), std::string::npos) << screen;
     EXPECT_NE(screen.find("pty\r\n"), std::string::npos) << screen;
   }
