@@ -629,8 +629,9 @@ void CLI_Editor::complete() {
   }
   std::vector<std::string> all;
   if (before.empty()) {
-    for (auto& item : cli_._cmap) if (item.second->internal) all.push_back(item.first);
-    for (auto& item : *cli_.cmap) if (!item.second->internal) all.push_back(item.first);
+    // The commands the session may run, as help lists them.
+    for (auto& item : cli_._cmap) if (item.second->internal && cli_.Permitted({item.first})) all.push_back(item.first);
+    for (auto& item : *cli_.cmap) if (!item.second->internal && cli_.Permitted({item.first})) all.push_back(item.first);
   } else {
     auto it = completers_.find(before.front());
     if (it != completers_.end() && it->second) {

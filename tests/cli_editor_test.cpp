@@ -187,7 +187,9 @@ TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) 
   e.type("help\r");
   EXPECT_NE(e.screen().find("  io       the digital I/O\r\n"), std::string::npos) << e.screen();
   EXPECT_NE(e.screen().find("  history  history [-c]\r\n"), std::string::npos);
+  e.type("con\t");  // nor completed
   EXPECT_EQ(e.screen().find("config"), std::string::npos);  // beyond the session's level
+  e.type("\x03");
   e.type("help io config\r");
   EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    all but io set\r\n"
                             "  operator  all of it\r\nUnknown command: config\r\n"),
