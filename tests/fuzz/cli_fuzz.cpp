@@ -36,6 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       ed = cli.EnableEditing();
       ed->SetColumns(data[0] >> 2);
       ed->SetEndOnEof(data[0] & 2);
+      cli.SetCommandLevel("app", 1);  // help and completion by level (level 0..3 from the first byte)
+      cli.SetCommandLevel("app sub", 2);
+      cli.SetSessionLevel(data[0] >> 6);
+      ed->SetLevelNames({{1, "viewer"}, {2, "operator"}});
       ed->SetCompleter("app", [](const std::vector<std::string>& before, const std::string& partial) {
         return std::vector<std::string>{partial + "x", partial + "\xc3\xa9", std::to_string(before.size())};
       });
