@@ -1,4 +1,5 @@
-// CRC-16/CCITT: table, the 32-bit register definition and slicing-by-8.
+// CRC-16/CCITT: table, the 32-bit register definition, slicing-by-8 and the
+// choice of engine.
 #include "zqsecurity/crc16.h"
 
 #include "security/crc_impl.h"
@@ -54,6 +55,12 @@ uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
   return static_cast<uint16_t>(s);
 }
 
+Crc16Engine crc16_engine(unsigned features) {
+  if ((features & kCrcVclmul) != 0) return crc16_vclmul;
+  if ((features & kCrcClmul) != 0) return crc16_clmul;
+  return crc16_slice8;
+}
+
 }  // namespace zqdetail
 
 // The low 16 bits follow the ordinary CRC-16 state; the high 16 bits of the
@@ -61,8 +68,9 @@ uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
 // last two bytes go through the fast 16-bit engine and the last two through
 // the 32-bit definition, which shifts the right bits into the top half.
 uint32_t mk_crc16(const void* data, unsigned int length) {
+  static const zqdetail::Crc16Engine engine = zqdetail::crc16_engine(zqdetail::crc_features());
   const auto* p = static_cast<const uint8_t*>(data);
   if (length <= 2) return zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
-  const uint16_t head = zqdetail::crc16_slice8(0xFFFF, p, length - 2);
+  const uint16_t head = engine(0xFFFF, p, length - 2);
   return zqdetail::crc16_bytewise(head, p + length - 2, 2);
 }
