@@ -27,6 +27,13 @@ unsigned crc_features();
 Crc32Engine crc32_engine(unsigned features);
 Crc16Engine crc16_engine(unsigned features);
 
+// CRC-16 tables: t[0] is the classic table, t[k][i] the state after byte i
+// followed by k zero bytes, from state 0.
+struct Crc16Tables {
+  uint16_t t[8][256];
+};
+extern const Crc16Tables crc16_tables;
+
 // The 32-bit CRC-16 register update exactly as mk_crc16 defines it.
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
 // The 16-bit CRC-16/CCITT state update, eight bytes at a time.
