@@ -292,8 +292,11 @@ int main(int argc, char** argv) {
   show("MqttLink", lib);
   show("mosquitto_pub -l", pub);
   std::printf("CPU per station, MqttLink / mosquitto_pub: %.2f\n", pub.cpu > 0 ? lib.cpu / pub.cpu : 0.0);
-  const auto per_station = [&](const Result& r) { return bench::text("%.3f ms CPU/station/s", r.cpu * 1000.0 / stations / seconds); };
-  bench::summary({bench::text("fleet: %d stations publishing", stations), "mosquitto_pub -l (one per station and topic)",
-                  per_station(pub), per_station(lib), lib.cpu > 0 ? pub.cpu / lib.cpu : NAN, 1.0, "mosquitto_pub", "-"});
+  const auto per_station = [&](const Result& r) {
+    return bench::text("%.3f ms CPU/station/s", r.cpu * 1000.0 / stations / seconds);
+  };
+  bench::summary({bench::text("fleet: %d stations publishing", stations),
+                  "mosquitto_pub -l (one per station and topic)", per_station(pub), per_station(lib),
+                  lib.cpu > 0 ? pub.cpu / lib.cpu : NAN, 1.0, "mosquitto_pub", "-"});
   return 0;
 }

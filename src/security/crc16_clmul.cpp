@@ -23,13 +23,13 @@ constexpr FoldKeys kKeys = {
 constexpr long long kX64 = 0xb861, kX96 = 0xd849;  // x^64, x^96 mod P
 
 // The state as a lane: its 16 bits over the first two message bytes.
-ZQ_CLMUL inline __m128i state_lane(uint16_t c) { return _mm_insert_epi16(_mm_setzero_si128(), c, 7); }
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i state_lane(uint16_t c) { return _mm_insert_epi16(_mm_setzero_si128(), c, 7); }
 
 // X x^16 mod P for a 128-bit polynomial X. The high half, cut in two 32-bit
 // pieces multiplied in parallel, folds onto the low half; the 64-bit result
 // V gives V x^16 mod P, the state after its eight bytes from state 0, with
 // eight independent look-ups in the slicing tables.
-ZQ_CLMUL uint16_t reduce(__m128i x) {
+ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) {
   const __m128i k = _mm_set_epi64x(kX96, kX64);
   const __m128i top = _mm_clmulepi64_si128(_mm_srli_epi64(x, 32), k, 0x11);
   const __m128i mid = _mm_clmulepi64_si128(_mm_and_si128(x, _mm_set1_epi64x(0xFFFFFFFF)), k, 0x01);

@@ -84,10 +84,10 @@ constexpr FoldKeys kKeys = {
 constexpr long long kFold64 = 0x0163cd6124;
 constexpr long long kBarrettP = 0x01db710641, kBarrettMu = 0x01f7011641;
 
-ZQ_CLMUL inline __m128i register_lane(uint32_t r) { return _mm_cvtsi32_si128(static_cast<int>(r)); }
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i register_lane(uint32_t r) { return _mm_cvtsi32_si128(static_cast<int>(r)); }
 
 // Reduces the lane of the message's last 16 bytes to the 32-bit register.
-ZQ_CLMUL uint32_t reduce(__m128i x) {
+ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce(__m128i x) {
   const __m128i k3k4 = fold::keys(kKeys.d128);
   const __m128i k5k0 = _mm_set_epi64x(0, kFold64);
   const __m128i poly = _mm_set_epi64x(kBarrettMu, kBarrettP);

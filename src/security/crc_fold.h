@@ -24,6 +24,11 @@
 
 #define ZQ_CLMUL __attribute__((target("pclmul,ssse3,sse4.1")))
 #define ZQ_VCLMUL __attribute__((target("avx512f,avx512bw,vpclmulqdq,pclmul,ssse3,sse4.1")))
+// Every helper here is inlined into the engine that uses it, so that it is
+// compiled for that engine's instruction set: an out-of-line copy in SSE
+// encoding, called with the upper halves of the 512-bit registers in use,
+// would pay a state transition per instruction on many processors.
+#define ZQ_FOLD_INLINE inline __attribute__((always_inline))
 
 namespace zqdetail {
 
@@ -37,16 +42,16 @@ struct FoldKeys {
 
 // Bytes as they lie in memory: the lane of a bit-reflected CRC.
 struct ReflectedLanes {
-  ZQ_CLMUL static __m128i order(__m128i x) { return x; }
-  ZQ_VCLMUL static __m512i order(__m512i x) { return x; }
+  ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) { return x; }
+  ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) { return x; }
 };
 
 // Each 16 bytes reversed: the lane of a most-significant-bit-first CRC.
 struct NormalLanes {
-  ZQ_CLMUL static __m128i order(__m128i x) {
+  ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) {
     return _mm_shuffle_epi8(x, _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
   }
-  ZQ_VCLMUL static __m512i order(__m512i x) {
+  ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) {
     const long long lo = 0x08090a0b0c0d0e0f, hi = 0x0001020304050607;
     return _mm512_shuffle_epi8(x, _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo));
   }
@@ -54,34 +59,34 @@ struct NormalLanes {
 
 namespace fold {
 
-ZQ_CLMUL inline __m128i keys(FoldKeys::Pair k) { return _mm_set_epi64x(k.hi, k.lo); }
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i keys(FoldKeys::Pair k) { return _mm_set_epi64x(k.hi, k.lo); }
 
-ZQ_CLMUL inline __m128i load(const uint8_t* q) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q)); }
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i load(const uint8_t* q) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q)); }
 
 template <class Lanes>
-ZQ_CLMUL inline __m128i lane(const uint8_t* q) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i lane(const uint8_t* q) {
   return Lanes::order(load(q));
 }
 
 // Carries the lane `x` forward by the distance encoded in `k` onto `next`.
-ZQ_CLMUL inline __m128i step(__m128i x, __m128i k, __m128i next) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i step(__m128i x, __m128i k, __m128i next) {
   const __m128i lo = _mm_clmulepi64_si128(x, k, 0x00);
   const __m128i hi = _mm_clmulepi64_si128(x, k, 0x11);
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
 }
 
-ZQ_VCLMUL inline __m512i keys512(FoldKeys::Pair k) {
+ZQ_VCLMUL ZQ_FOLD_INLINE __m512i keys512(FoldKeys::Pair k) {
   return _mm512_set_epi64(k.hi, k.lo, k.hi, k.lo, k.hi, k.lo, k.hi, k.lo);
 }
 
-ZQ_VCLMUL inline __m512i step512(__m512i x, __m512i k, __m512i next) {
+ZQ_VCLMUL ZQ_FOLD_INLINE __m512i step512(__m512i x, __m512i k, __m512i next) {
   const __m512i lo = _mm512_clmulepi64_epi128(x, k, 0x00);
   const __m512i hi = _mm512_clmulepi64_epi128(x, k, 0x11);
   return _mm512_ternarylogic_epi64(lo, hi, next, 0x96);  // three-way XOR
 }
 
 template <class Lanes>
-ZQ_VCLMUL inline __m512i lane512(const uint8_t* q) {
+ZQ_VCLMUL ZQ_FOLD_INLINE __m512i lane512(const uint8_t* q) {
   return Lanes::order(_mm512_loadu_si512(q));
 }
 
@@ -91,7 +96,7 @@ ZQ_VCLMUL inline __m512i lane512(const uint8_t* q) {
 // 0-15 bytes, and returns the lane of the message's last 16 bytes. At least 16
 // bytes of the message lie before `p`.
 template <class Lanes>
-ZQ_CLMUL __m128i fold_rest(__m128i x, const uint8_t* p, size_t n, const FoldKeys& keys) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_rest(__m128i x, const uint8_t* p, size_t n, const FoldKeys& keys) {
   const __m128i k128 = fold::keys(keys.d128);
   while (n >= 16) {
     x = fold::step(x, k128, fold::lane<Lanes>(p));
@@ -119,7 +124,7 @@ ZQ_CLMUL __m128i fold_rest(__m128i x, const uint8_t* p, size_t n, const FoldKeys
 // `start` (the CRC register placed as a lane) is XORed onto the first lane.
 // Four lanes run in parallel over 64-byte blocks.
 template <class Lanes>
-ZQ_CLMUL __m128i fold_lanes(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_lanes(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
   __m128i x1 = _mm_xor_si128(fold::lane<Lanes>(p), start);
   if (n < 64) return fold_rest<Lanes>(x1, p + 16, n - 16, keys);
   const __m128i k512 = fold::keys(keys.d512), k128 = fold::keys(keys.d128);
@@ -145,7 +150,7 @@ ZQ_CLMUL __m128i fold_lanes(__m128i start, const uint8_t* p, size_t n, const Fol
 // The same for n >= 256 bytes with four 512-bit lanes (sixteen 128-bit lanes)
 // over 256-byte blocks.
 template <class Lanes>
-ZQ_VCLMUL __m128i fold_lanes512(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+ZQ_VCLMUL ZQ_FOLD_INLINE __m128i fold_lanes512(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
   const __m512i k2048 = fold::keys512(keys.d2048), k512 = fold::keys512(keys.d512);
   __m512i x0 = _mm512_xor_si512(fold::lane512<Lanes>(p), _mm512_zextsi128_si512(start));
   __m512i x1 = fold::lane512<Lanes>(p + 64);
