@@ -110,16 +110,16 @@ int main() {
       if (!nothing.empty()) {
         const double n = lines / median(nothing) / 1e6, m = lines / median(into_map) / 1e6;
         std::printf("  inih no-op %5.2f (%.2fx)  inih into std::map %5.2f (%.2fx)", n, o / n, m, o / m);
-        std::printf("\nSUMMARY|config parse %ld lines, %s|inih, no-op handler (parses only; we keep every line)|"
-                    "%.2f M lines/s|%.2f M lines/s|%.2f|-\n",
-                    lines, shape.name, n, o, o / n);
-        std::printf("SUMMARY|config parse %ld lines, %s|inih into std::map (stores entries only)|%.2f M lines/s|"
-                    "%.2f M lines/s|%.2f|-\n",
-                    lines, shape.name, m, o, o / m);
+        std::printf("\n");
+        const std::string work = bench::text("config parse %ld lines, %s", lines, shape.name);
+        bench::summary({work, "inih, no-op handler (parses only; we keep every line)", bench::text("%.2f M lines/s", n),
+                        bench::text("%.2f M lines/s", o), o / n, 1.0, "inih", "-"});
+        bench::summary({work, "inih into std::map (stores entries only)", bench::text("%.2f M lines/s", m),
+                        bench::text("%.2f M lines/s", o), o / m, 1.0, "inih", "-"});
       } else {
         std::printf("  inih: not installed (libinih-dev)\n");
-        std::printf("SUMMARY|config parse %ld lines, %s|inih: not installed|n/a|%.2f M lines/s|n/a|-\n", lines,
-                    shape.name, o);
+        bench::summary({bench::text("config parse %ld lines, %s", lines, shape.name), "inih: not installed", "n/a",
+                        bench::text("%.2f M lines/s", o), NAN, 1.0, "inih", "-"});
       }
 
       // Memory and look-ups on one parsed copy.
@@ -159,11 +159,14 @@ int main() {
       std::printf("  %8s         get_entry %6.0f ns, std::map %6.0f ns (%.2fx); %d sections; memory %.2fx the file;"
                   " first look-up (builds the index) %.1f ms\n",
                   "", on, mn, mn / on, sections, memory / bytes, build_ms);
-      std::printf("SUMMARY|get_entry, %ld lines, %s|std::map<string,string> find, upper-case keys|%.0f ns|%.0f ns|%.2f|-\n",
-                  lines, shape.name, mn, on, mn / on);
+      bench::summary({bench::text("get_entry, %ld lines, %s", lines, shape.name),
+                      "std::map<string,string> find, upper-case keys", bench::text("%.0f ns", mn),
+                      bench::text("%.0f ns", on), mn / on, 1.0, "std::map", "-"});
       if (target == 1000000L) {
-        std::printf("SUMMARY|config memory, 1 M lines, %s|(goal: 3x the file)|-|%.2fx the file|-|-\n", shape.name,
-                    memory / bytes);
+        // The goal is memory of at most three times the file: the ratio is the file over our memory.
+        bench::summary({bench::text("config memory, 1 M lines, %s", shape.name), "the file's own size",
+                        bench::text("%.1f MB", bytes / 1e6), bench::text("%.1f MB", memory / 1e6), bytes / memory,
+                        1.0 / 3, "the file", "-"});
       }
       delete held;
       if (found == 0) return 1;

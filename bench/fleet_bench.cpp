@@ -11,6 +11,7 @@
 // processes' user+system time divided by the stations. Needs mosquitto and
 // mosquitto_pub on PATH; starts its own broker on a free loopback port.
 #include <dirent.h>
+#include <fcntl.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -21,6 +22,8 @@
 #include <unistd.h>
 #include <zqfleet/JsonFields.h>
 #include <zqfleet/MqttLink.h>
+
+#include "bench_util.h"
 
 #include <algorithm>
 #include <atomic>
@@ -162,6 +165,12 @@ int main(int argc, char** argv) {
   close(fd);
   const pid_t broker = fork();
   if (broker == 0) {
+    // The broker's log would interleave with the report: it goes nowhere.
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0) {
+      dup2(null, STDOUT_FILENO);
+      dup2(null, STDERR_FILENO);
+    }
     execlp("mosquitto", "mosquitto", "-c", conf, static_cast<char*>(nullptr));
     _exit(127);
   }
@@ -265,8 +274,16 @@ int main(int argc, char** argv) {
     return after - before;
   });
 
+  // The broker is stopped by its pid: asked for 5 s, then killed.
   kill(broker, SIGTERM);
-  waitpid(broker, nullptr, 0);
+  for (int waited = 0; waitpid(broker, nullptr, WNOHANG) == 0; ++waited) {
+    if (waited == 500) {
+      kill(broker, SIGKILL);
+      waitpid(broker, nullptr, 0);
+      break;
+    }
+    usleep(10000);
+  }
   unlink(conf);
   const auto show = [&](const char* name, const Result& r) {
     std::printf("%-22s %8.0f msg/s delivered, p99 %7.1f ms, CPU %6.3f ms per station per second, samples lost %lld, duplicated %lld of %lld\n",
@@ -275,5 +292,11 @@ int main(int argc, char** argv) {
   show("MqttLink", lib);
   show("mosquitto_pub -l", pub);
   std::printf("CPU per station, MqttLink / mosquitto_pub: %.2f\n", pub.cpu > 0 ? lib.cpu / pub.cpu : 0.0);
+  const auto per_station = [&](const Result& r) {
+    return bench::text("%.3f ms CPU/station/s", r.cpu * 1000.0 / stations / seconds);
+  };
+  bench::summary({bench::text("fleet: %d stations publishing", stations),
+                  "mosquitto_pub -l (one per station and topic)", per_station(pub), per_station(lib),
+                  lib.cpu > 0 ? pub.cpu / lib.cpu : NAN, 1.0, "mosquitto_pub", "-"});
   return 0;
 }

@@ -100,10 +100,13 @@ int main() {
     std::printf("  %d producer(s): rtmailbox %6.2f (%.2f-%.2f)   Boost.Lockfree queue %6.2f (%.2f-%.2f)   ratio %.2f\n",
                 producers, o, *std::min_element(ours.begin(), ours.end()), *std::max_element(ours.begin(), ours.end()),
                 p, *std::min_element(peer.begin(), peer.end()), *std::max_element(peer.begin(), peer.end()), o / p);
-    std::printf("SUMMARY|mailbox %d producer(s), 1 consumer, pinned|Boost.Lockfree queue<64-byte record>|"
-                "%.2f M/s (%.2f-%.2f)|%.2f M/s (%.2f-%.2f)|%.2f|-\n",
-                producers, p, *std::min_element(peer.begin(), peer.end()), *std::max_element(peer.begin(), peer.end()),
-                o, *std::min_element(ours.begin(), ours.end()), *std::max_element(ours.begin(), ours.end()), o / p);
+    bench::summary({bench::text("mailbox %d producer(s), 1 consumer, pinned", producers),
+                    "Boost.Lockfree queue<64-byte record>",
+                    bench::text("%.2f M/s (%.2f-%.2f)", p, *std::min_element(peer.begin(), peer.end()),
+                                *std::max_element(peer.begin(), peer.end())),
+                    bench::text("%.2f M/s (%.2f-%.2f)", o, *std::min_element(ours.begin(), ours.end()),
+                                *std::max_element(ours.begin(), ours.end())),
+                    o / p, 1.0, "Boost.Lockfree", "-"});
   }
   return 0;
 }

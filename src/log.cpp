@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdarg>
 #include <cstring>
 
@@ -65,45 +64,49 @@ void Log_Entry::make_logline(std::string& out) const {
   out += "\r\n";
 }
 
-// The same line as make_logline(), with the date and time up to the minute
-// formatted once per minute. Times are rounded to whole milliseconds first, as
-// mktimestr() does.
+// The same line as make_logline(), with the date and time up to the second
+// formatted once per second and the milliseconds in integer arithmetic. The
+// time is rounded to whole milliseconds first, half away from zero, as
+// mktimestr() does: x - trunc(x) is exact for these magnitudes, so the
+// comparison with one half decides exactly as std::round would.
 void Log::LineFormatter::format(const Log_Entry& e, std::string& out) {
-  const double t = std::round(e.time * 1000.0) / 1000.0;
-  const double minute_start = std::floor(t / 60.0) * 60.0;
-  long long ms = std::llround((t - minute_start) * 1000.0);
-  const auto this_minute = static_cast<long long>(minute_start / 60.0);
-  if (!std::isfinite(t) || ms < 0 || ms >= 60000) {
-    e.make_logline(out);  // beyond the fast path's range: take the long way
+  const double x = e.time * 1000.0;
+  if (!(x > -1e15 && x < 1e15)) {  // beyond the fast path's range (or not a number): the long way
+    e.make_logline(out);
     return;
   }
-  if (this_minute != minute) {
-    const std::string stamp = mktimestr(minute_start);  // "dd.mm.yyyy hh:mm:00.000"
-    prefix_len = std::min(stamp.size() - 6, sizeof prefix);
-    std::memcpy(prefix, stamp.data(), prefix_len);
-    minute = this_minute;
-  }
-  char head[32];
-  const int sec = static_cast<int>(ms / 1000);
+  long long ms = static_cast<long long>(x);
+  const double rest = x - static_cast<double>(ms);
+  ms += rest >= 0.5 ? 1 : rest <= -0.5 ? -1 : 0;
+  long long this_second = ms / 1000;
   ms %= 1000;
-  head[0] = static_cast<char>('0' + sec / 10);
-  head[1] = static_cast<char>('0' + sec % 10);
-  head[2] = '.';
-  head[3] = static_cast<char>('0' + ms / 100);
-  head[4] = static_cast<char>('0' + ms / 10 % 10);
-  head[5] = static_cast<char>('0' + ms % 10);
-  head[6] = ';';
-  head[7] = type_letter(e.type);
-  head[8] = ';';
+  if (ms < 0) {
+    ms += 1000;
+    --this_second;
+  }
+  if (this_second != second) {
+    const std::string stamp = mktimestr(static_cast<double>(this_second));  // "dd.mm.yyyy hh:mm:ss.000"
+    prefix_len = std::min(stamp.size() - 3, sizeof prefix);
+    std::memcpy(prefix, stamp.data(), prefix_len);
+    second = this_second;
+  }
+  char head[16];
+  head[0] = static_cast<char>('0' + ms / 100);
+  head[1] = static_cast<char>('0' + ms / 10 % 10);
+  head[2] = static_cast<char>('0' + ms % 10);
+  head[3] = ';';
+  head[4] = type_letter(e.type);
+  head[5] = ';';
   const auto nerr = static_cast<unsigned>(e.nerr);
-  for (int i = 0; i < 8; ++i) head[9 + i] = zqdetail::kHexDigits[(nerr >> (28 - 4 * i)) & 15u];
-  head[17] = ';';
+  for (int i = 0; i < 8; ++i) head[6 + i] = zqdetail::kHexDigits[(nerr >> (28 - 4 * i)) & 15u];
+  head[14] = ';';
   // One copy per part into a line whose capacity stays from line to line.
-  out.resize(prefix_len + 18 + e.text.size() + 2);
+  constexpr size_t kHead = 15;
+  out.resize(prefix_len + kHead + e.text.size() + 2);
   char* p = &out[0];
   std::memcpy(p, prefix, prefix_len);
-  std::memcpy(p + prefix_len, head, 18);
-  std::memcpy(p + prefix_len + 18, e.text.data(), e.text.size());
+  std::memcpy(p + prefix_len, head, kHead);
+  std::memcpy(p + prefix_len + kHead, e.text.data(), e.text.size());
   std::memcpy(p + out.size() - 2, "\r\n", 2);
 }
 

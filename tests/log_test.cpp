@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <sstream>
 #include <vector>
 
@@ -56,17 +57,23 @@ TEST(Log, LineFormat) {
   EXPECT_EQ(line.substr(23), ";?;ffffffff;text of the message\r\n");
   EXPECT_STREQ(Log_Entry::eLogTypeS, "?PE?W???I???????D");
 
-  // The fast path of the file writer gives the same lines, across minute
-  // boundaries, millisecond rounding and times before 1970.
+  // The file writer's cached stamps give the same lines across second,
+  // minute, day and year boundaries, leap days, millisecond rounding (half
+  // away from zero), times before 1970, far ones, and at random.
   const std::string dir = scratch_dir();
   Log_Config_Data cfg;
   cfg.base = dir + "fmt";
   cfg.autodate = 0;
+  std::vector<double> times = {0.0, 59.9996, 60.0, 119.9994, 1763206207.123, -0.5, -61.25, -0.0005, 0.0005,
+                               86399.9995, 1767225599.9996, 1709251199.999, 1709251200.0004, 951868799.9995,
+                               4102444799.999, 1e12 + 0.25, -1e13, 1e300};
+  std::mt19937_64 rng(99);
+  for (int i = 0; i < 300; ++i) times.push_back(std::uniform_real_distribution<double>(-2.3e9, 4.2e9)(rng));
   std::vector<std::string> want;
   {
     Log log(cfg);
     log.Start();
-    for (double t : {0.0, 59.9996, 60.0, 119.9994, 1763206207.123, -0.5, -61.25, 4102444799.999}) {
+    for (double t : times) {
       Log_Entry x;
       x.type = elog_INFO;
       x.time = t;

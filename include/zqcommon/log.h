@@ -144,10 +144,10 @@ class ZQ_EXPORT Log : public std::list<Log_Entry> {
   bool journal_prefix = false;
 
  private:
-  // Formats file lines, reusing the "dd.mm.yyyy hh:mm:" part while the minute
-  // does not change.
+  // Formats file lines, reusing the "dd.mm.yyyy hh:mm:ss." part while the
+  // second does not change.
   struct LineFormatter {
-    long long minute = -1;
+    long long second = -(1LL << 62);  // no second yet
     char prefix[64] = {};
     size_t prefix_len = 0;
     void format(const Log_Entry& e, std::string& out);

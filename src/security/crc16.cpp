@@ -1,13 +1,12 @@
-// CRC-16/CCITT: table, the 32-bit register definition and slicing-by-8.
+// CRC-16/CCITT: table, the 32-bit register definition, slicing-by-8 and the
+// choice of engine.
 #include "zqsecurity/crc16.h"
 
 #include "security/crc_impl.h"
 
 namespace {
 
-struct Crc16Tables {
-  uint16_t t[8][256];
-};
+using zqdetail::Crc16Tables;
 
 // t[0] is the classic table; t[k][i] is the CRC of byte i followed by k zero
 // bytes (16-bit state), so eight bytes can be folded with eight look-ups.
@@ -27,21 +26,23 @@ constexpr Crc16Tables make_crc16_tables() {
   return tables;
 }
 
-alignas(64) constexpr Crc16Tables kCrc16 = make_crc16_tables();
-
 }  // namespace
 
-const uint16_t (&crc16_tab)[256] = kCrc16.t[0];
+namespace zqdetail {
+alignas(64) extern const Crc16Tables crc16_tables = make_crc16_tables();
+}
+
+const uint16_t (&crc16_tab)[256] = zqdetail::crc16_tables.t[0];
 
 namespace zqdetail {
 
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n) {
-  for (size_t i = 0; i < n; ++i) r = kCrc16.t[0][(p[i] ^ (r >> 8)) & 0xFF] ^ (r << 8);
+  for (size_t i = 0; i < n; ++i) r = crc16_tables.t[0][(p[i] ^ (r >> 8)) & 0xFF] ^ (r << 8);
   return r;
 }
 
 uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
-  const auto& t = kCrc16.t;
+  const auto& t = crc16_tables.t;
   uint32_t s = c;
   while (n >= 8) {
     s ^= static_cast<uint32_t>(p[0]) << 8 | p[1];
@@ -54,15 +55,28 @@ uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
   return static_cast<uint16_t>(s);
 }
 
+Crc16Engine crc16_engine(unsigned features) {
+  if ((features & kCrcVclmul) != 0) return crc16_vclmul;
+  if ((features & kCrcClmul) != 0) return crc16_clmul;
+  return crc16_slice8;
+}
+
 }  // namespace zqdetail
 
 // The low 16 bits follow the ordinary CRC-16 state; the high 16 bits of the
-// unmasked register hold the high bytes of the last two states. So all but the
-// last two bytes go through the fast 16-bit engine and the last two through
-// the 32-bit definition, which shifts the right bits into the top half.
+// unmasked register hold the high bytes of the two states before the last. So
+// all but the last two bytes go through the fast 16-bit engine, giving state
+// h; with u = h XOR the last two bytes, the final state is u x^16 mod P and
+// the one before it (u >> 8) x^16 mod P XOR the low byte of h moved up: three
+// independent look-ups instead of two dependent steps.
 uint32_t mk_crc16(const void* data, unsigned int length) {
+  static const zqdetail::Crc16Engine engine = zqdetail::crc16_engine(zqdetail::crc_features());
   const auto* p = static_cast<const uint8_t*>(data);
   if (length <= 2) return zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
-  const uint16_t head = zqdetail::crc16_slice8(0xFFFF, p, length - 2);
-  return zqdetail::crc16_bytewise(head, p + length - 2, 2);
+  const uint32_t head = engine(0xFFFF, p, length - 2);
+  const uint32_t u = head ^ (static_cast<uint32_t>(p[length - 2]) << 8 | p[length - 1]);
+  const auto& t = zqdetail::crc16_tables.t;
+  const uint32_t last = t[1][u >> 8] ^ t[0][u & 0xFF];
+  const uint32_t before = (t[0][u >> 8] ^ head << 8) & 0xFF00;
+  return (head & 0xFF00) << 16 | before << 8 | last;
 }

@@ -17,17 +17,31 @@ bool crc32_clmul_available();
 uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n);
 bool crc32_vclmul_available();
 
-// The engine mk_crc32 uses on a processor with the given instruction sets
-// (a mask of the bits below); crc32_features() is this processor's mask.
+// The engines mk_crc32 and mk_crc16 use on a processor with the given
+// instruction sets (a mask of the bits below); crc_features() is this
+// processor's mask, and a mask of 0 selects the table engines.
 using Crc32Engine = uint32_t (*)(uint32_t r, const uint8_t* p, size_t n);
+using Crc16Engine = uint16_t (*)(uint16_t c, const uint8_t* p, size_t n);
 enum : unsigned { kCrcClmul = 1, kCrcVclmul = 2 };
-unsigned crc32_features();
+unsigned crc_features();
 Crc32Engine crc32_engine(unsigned features);
+Crc16Engine crc16_engine(unsigned features);
+
+// CRC-16 tables: t[0] is the classic table, t[k][i] the state after byte i
+// followed by k zero bytes, from state 0.
+struct Crc16Tables {
+  uint16_t t[8][256];
+};
+extern const Crc16Tables crc16_tables;
 
 // The 32-bit CRC-16 register update exactly as mk_crc16 defines it.
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
 // The 16-bit CRC-16/CCITT state update, eight bytes at a time.
 uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n);
+// Carry-less multiply folding, 128-bit and 512-bit lanes; the same
+// preconditions as the CRC-32 engines of the same names.
+uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n);
+uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n);
 
 }  // namespace zqdetail
 

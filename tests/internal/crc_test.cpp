@@ -26,34 +26,17 @@ TEST(Crc, TablesAndCheckValues) {
   EXPECT_EQ(mk_crc16(high, 3), zqdetail::crc16_bytewise(0xFFFFFFFFu, high, 3));
 }
 
-// Every engine must give the byte-at-a-time value on any length and alignment.
-TEST(Crc, EnginesMatchTheDefinition) {
+// The public functions (the engine this processor gets) on every short and
+// some long lengths at random alignments; every engine on every length up to
+// 4096 is in crc_exhaustive_test.
+TEST(Crc, PublicFunctionsMatchTheDefinition) {
   std::mt19937 rng(12345);
   std::vector<uint8_t> buffer(70000);
   for (auto& b : buffer) b = static_cast<uint8_t>(rng());
-  std::vector<size_t> lengths = {0,   1,   2,   3,   7,   8,   15,  16,  17,   63,   64,
-                                 65,  127, 128, 129, 255, 256, 257, 319, 320, 4096, 4097};
-  for (int i = 0; i < 200; ++i) lengths.push_back(rng() % 66000);
-  const bool clmul = zqdetail::crc32_clmul_available();
-  const bool vclmul = zqdetail::crc32_vclmul_available();
-  if (!clmul) std::printf("note: no PCLMULQDQ here, folding path not exercised\n");
-  if (!vclmul) std::printf("note: no VPCLMULQDQ here, 512-bit path not exercised\n");
-  for (size_t length : lengths) {
-    const size_t offset = rng() % 64;
+  for (size_t i = 0; i < 350; ++i) {
+    const size_t length = i < 300 ? i : rng() % 66000, offset = rng() % 64;
     const uint8_t* p = buffer.data() + offset;
-    const uint32_t r0 = static_cast<uint32_t>(rng());
-    const uint32_t want = zqdetail::crc32_bytewise(r0, p, length);
-    ASSERT_EQ(zqdetail::crc32_slice8(r0, p, length), want) << length << "+" << offset;
-    if (clmul) {
-      ASSERT_EQ(zqdetail::crc32_clmul(r0, p, length), want) << length << "+" << offset;
-    }
-    if (vclmul) {
-      ASSERT_EQ(zqdetail::crc32_vclmul(r0, p, length), want) << length << "+" << offset;
-    }
-    ASSERT_EQ(mk_crc32(p, length), zqdetail::crc32_bytewise(0, p, length));
-
-    const uint32_t want16 = zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
-    ASSERT_EQ(mk_crc16(p, length), want16) << length << "+" << offset;
-    ASSERT_EQ(zqdetail::crc16_slice8(0xFFFF, p, length), want16 & 0xFFFF);
+    ASSERT_EQ(mk_crc32(p, length), zqdetail::crc32_bytewise(0, p, length)) << length << "+" << offset;
+    ASSERT_EQ(mk_crc16(p, length), zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length)) << length << "+" << offset;
   }
 }
