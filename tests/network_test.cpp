@@ -1,6 +1,5 @@
 // IPv6 access rules and dual-stack listening, session caps, and the example
 // line server under a connect burst, thousands of idle peers and bad peers.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -16,9 +15,11 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/scratch_dir.h"
 
 namespace {
 
@@ -41,6 +42,15 @@ std::string read_until(int s, const std::string& want) {
     got.append(chunk, static_cast<size_t>(n));
   }
   return got;
+}
+
+bool send_all(int s, const std::string& data) {
+  for (size_t sent = 0; sent < data.size();) {
+    const ssize_t n = send(s, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
 }
 
 int connect_to(int port) {
@@ -79,24 +89,17 @@ TEST(AccessList6, RulesMatchBothFamilies) {
 }
 
 TEST(AccessList6, CheckedLoadNamesEachBadLine) {
-  char path[] = "/tmp/zqacl6XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  const std::string text =
-      "# list\n[hosts]\nallow = 127.0.0.1/32 ::1/128\ndeny = ::1/129 10.0.0.1\n"
-      "allow = localhost/32 10.0.0.0/255.0.0.0\nallo = 1.2.3.4/32\n";
-  ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  close(fd);
+  ScratchDir dir;
+  const std::string file = dir / "acl";
+  std::ofstream(file) << "# list\n[hosts]\nallow = 127.0.0.1/32 ::1/128\ndeny = ::1/129 10.0.0.1\n"
+                         "allow = localhost/32 10.0.0.0/255.0.0.0\nallo = 1.2.3.4/32\n";
   AccessList acl;
   std::vector<std::string> problems;
-  EXPECT_FALSE(acl.load_checked(path, &problems));
-  unlink(path);
-  ASSERT_EQ(problems.size(), 4u);
-  const std::string file(path);
-  EXPECT_EQ(problems[0].rfind(file + ":4: rule '::1/129'", 0), 0u) << problems[0];
-  EXPECT_EQ(problems[1].rfind(file + ":4: rule '10.0.0.1'", 0), 0u) << problems[1];
-  EXPECT_EQ(problems[2].rfind(file + ":5: rule 'localhost/32'", 0), 0u) << problems[2];
-  EXPECT_EQ(problems[3].rfind(file + ":6: unknown key", 0), 0u) << problems[3];
+  EXPECT_FALSE(acl.load_checked(file, &problems));
+  const std::vector<std::string> starts = {":4: rule '::1/129'", ":4: rule '10.0.0.1'",
+                                           ":5: rule 'localhost/32'", ":6: unknown key"};
+  ASSERT_EQ(problems.size(), starts.size());
+  for (size_t i = 0; i < starts.size(); ++i) EXPECT_EQ(problems[i].rfind(file + starts[i], 0), 0u) << problems[i];
   InetAddress ten("10.9.8.7", true), six("::1", true);
   EXPECT_EQ(acl.match(ten), ACL_ALLOW);  // the good rules were kept
   EXPECT_EQ(acl.match(six), ACL_ALLOW);
@@ -137,9 +140,10 @@ TEST(SessionLimits, TotalAndPerAddressCaps) {
 }
 
 #ifdef ZQ_LINESERVER_PATH
-// The example server: a connect burst is served at once, thousands of idle
-// peers do not slow a working one, peers beyond the cap are refused, and
-// silent, stalled and resetting peers disturb nobody.
+// The example server: a connect burst is served at once with every client's
+// lines back in order, thousands of idle peers do not slow a working one,
+// peers beyond the cap are refused, and peers that stall, reset, flood, send
+// noise or never read disturb nobody.
 TEST(LineServerLoad, BurstIdleCrowdAndBadPeers) {
   const int burst = sanitized() ? 100 : 500, idle = sanitized() ? 300 : 5000, cap = idle + 50;
   rlimit lim{};
@@ -151,13 +155,18 @@ TEST(LineServerLoad, BurstIdleCrowdAndBadPeers) {
   int port = 0;
   ASSERT_EQ(std::fscanf(server.out(), "listening on %d", &port), 1);
 
-  // The burst: all connect at once, then each is answered.
+  // The burst: all connect at once, then each sends 20 lines of its own.
+  const auto lines = [](int id, const char* end) {
+    std::string text;
+    for (int i = 0; i < 20; ++i) text += "client " + std::to_string(id) + " line " + std::to_string(i) + end;
+    return text;
+  };
   std::vector<int> peers;
   auto t0 = std::chrono::steady_clock::now();
   for (int i = 0; i < burst; ++i) peers.push_back(connect_to(port));
-  for (int s : peers) send(s, "hi\n", 3, MSG_NOSIGNAL);
+  for (int i = 0; i < burst; ++i) send_all(peers[i], lines(i, "\n"));
   int answered = 0;
-  for (int s : peers) answered += read_until(s, "hi\r\n") == "hi\r\n";
+  for (int i = 0; i < burst; ++i) answered += read_until(peers[i], lines(i, "\r\n")) == lines(i, "\r\n");
   const double burst_s = since(t0);
   EXPECT_EQ(answered, burst);
   EXPECT_LT(burst_s, 10.0);
@@ -170,7 +179,7 @@ TEST(LineServerLoad, BurstIdleCrowdAndBadPeers) {
   std::vector<double> trips;
   for (int i = 0; i < 200; ++i) {
     const auto t = std::chrono::steady_clock::now();
-    send(worker, "ping\n", 5, MSG_NOSIGNAL);
+    send_all(worker, "ping\n");
     ASSERT_EQ(read_until(worker, "ping\r\n"), "ping\r\n");
     trips.push_back(since(t) * 1000);
   }
@@ -184,18 +193,24 @@ TEST(LineServerLoad, BurstIdleCrowdAndBadPeers) {
   for (int i = 0; i < 60; ++i) extra.push_back(connect_to(port));
   EXPECT_EQ(read_until(extra.back(), "\n").rfind("busy: ", 0), 0u);
   for (int s : extra) close(s);
-  for (int i = 0; i < 2; ++i) close(peers[i]);
-  // Silent, half a line then stalled, reset mid-line: the worker goes on.
-  const int silent = peers[2];
-  send(peers[3], "half a li", 9, MSG_NOSIGNAL);
+  // Half a line then stalled; reset mid-line; 140,000 bytes without a line
+  // end (dropped); noise and NUL bytes; answers never read (dropped once they
+  // pile up). Peer 2 stays silent throughout. The worker goes on.
+  send_all(peers[3], "half a li");
   const linger abort_now{1, 0};
   setsockopt(peers[4], SOL_SOCKET, SO_LINGER, &abort_now, sizeof abort_now);
-  send(peers[4], "reset mid", 9, MSG_NOSIGNAL);
-  close(peers[4]);
-  peers[4] = -1;
-  (void)silent;
-  send(worker, "still\n", 6, MSG_NOSIGNAL);
-  EXPECT_EQ(read_until(worker, "still\r\n"), "still\r\n");
+  send_all(peers[4], "reset mid");
+  close(std::exchange(peers[4], -1));
+  send_all(peers[5], std::string(140000, 'x'));
+  std::string noise;
+  for (int i = 0; i < 5000; ++i) noise += static_cast<char>((i * 7919) & 0xFF);
+  send_all(peers[6], noise + std::string("\0\0\n", 3));
+  std::string unread;
+  for (int i = 0; i < 200000; ++i) unread += "never read me " + std::to_string(i) + "\n";
+  send_all(peers[7], unread);
+  EXPECT_EQ(read_until(peers[5], "x"), "");
+  send_all(worker, lines(-1, "\n"));
+  EXPECT_EQ(read_until(worker, lines(-1, "\r\n")), lines(-1, "\r\n"));
   close(worker);
   for (int s : peers) close(s);
 }
