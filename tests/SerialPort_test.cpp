@@ -66,11 +66,9 @@ class SerialOnPty : public ::testing::Test {
 };
 
 TEST_F(SerialOnPty, EverySettingPassesBytesAndReadsBack) {
-  const CSerialPort::BaudRate speeds[] = {CSerialPort::b300, CSerialPort::b1200,
-                                          CSerialPort::b2400, CSerialPort::b4800,
-                                          CSerialPort::b9600, CSerialPort::b19200,
-                                          CSerialPort::b38400, CSerialPort::b57600,
-                                          CSerialPort::b115200};
+  using S = CSerialPort;
+  const S::BaudRate speeds[] = {S::b300,  S::b1200,  S::b2400,  S::b4800, S::b9600,
+                                S::b19200, S::b38400, S::b57600, S::b115200};
   const tcflag_t sizes[] = {CS5, CS6, CS7, CS8};
   std::string all;
   for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
@@ -130,6 +128,13 @@ TEST_F(SerialOnPty, CloseRestoresTheSettingsFoundAtOpen) {
   before.c_lflag |= ICANON | ECHO;
   cfsetospeed(&before, B4800);
   ASSERT_EQ(tcsetattr(slave, TCSANOW, &before), 0);
+  const auto expect_restored = [&] {
+    termios after{};
+    ASSERT_EQ(tcgetattr(slave, &after), 0);
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B4800));
+  };
 
   {
     CSerialPort port;
@@ -138,18 +143,10 @@ TEST_F(SerialOnPty, CloseRestoresTheSettingsFoundAtOpen) {
     ASSERT_TRUE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 1));
     port.Close();
     EXPECT_FALSE(port.IsOpen());
-    termios after{};
-    ASSERT_EQ(tcgetattr(slave, &after), 0);
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B4800));
-
+    expect_restored();
     ASSERT_TRUE(open_quiet(port, CSerialPort::b300, 5, CSerialPort::pODD, 1));
   }  // the destructor restores as well
-  termios after{};
-  ASSERT_EQ(tcgetattr(slave, &after), 0);
-  EXPECT_EQ(after.c_cflag, before.c_cflag);
-  EXPECT_EQ(after.c_lflag, before.c_lflag);
+  expect_restored();
 }
 
 TEST_F(SerialOnPty, RefusalsAndClosedPort) {
@@ -161,43 +158,38 @@ TEST_F(SerialOnPty, RefusalsAndClosedPort) {
   port.Close();  // harmless on a closed port
   port.Reset();
 
-  // Data bits are checked before the port, and nothing is printed.
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 9, CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Wrong number of data bits");
-  EXPECT_EQ(line, "");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 4, CSerialPort::pNONE, 1));
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(5), CSerialPort::b9600, 9,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Wrong number of data bits");
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(5), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Invalid port");
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(-1), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Invalid port");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 0));
-  EXPECT_STREQ(port.GetLastError(), "Invalid number of stop bits");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 3));
-  EXPECT_EQ(line, "");
-
-  // Port 4 passes the check, fails to open, prints and keeps the last error.
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(4), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Serial Port #invalid_port[13] open = 0.\n");
-  EXPECT_STREQ(port.GetLastError(), "Invalid number of stop bits");
-  EXPECT_FALSE(port.IsOpen());
-
+  // Data bits, then the port, then stop bits are checked; a refusal prints
+  // nothing. Port 4 passes the check, fails to open, prints and keeps the last
+  // error; so does a device path that does not exist.
+  const auto com1 = CSerialPort::pCOM1;
+  const struct {
+    int port;
+    unsigned int bits, stop;
+    const char* error;
+    const char* printed;
+  } rows[] = {
+      {com1, 9, 1, "Wrong number of data bits", ""},
+      {com1, 4, 1, "Wrong number of data bits", ""},
+      {5, 9, 1, "Wrong number of data bits", ""},
+      {5, 8, 1, "Invalid port", ""},
+      {-1, 8, 1, "Invalid port", ""},
+      {com1, 8, 0, "Invalid number of stop bits", ""},
+      {com1, 8, 3, "Invalid number of stop bits", ""},
+      {4, 8, 1, "Invalid number of stop bits", "Serial Port #invalid_port[13] open = 0.\n"},
+      {-2, 8, 1, "Invalid number of stop bits", "Serial Port /nonexistent/tty[13] open = 0.\n"},
+  };
+  for (const auto& r : rows) {
+    if (r.port == -2) CSerialPort::PortName[0] = "/nonexistent/tty";
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(r.port < -1 ? com1 : r.port),
+                           CSerialPort::b9600, r.bits, CSerialPort::pNONE, r.stop));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), r.printed) << r.port << r.bits << r.stop;
+    EXPECT_STREQ(port.GetLastError(), r.error) << r.port << r.bits << r.stop;
+    EXPECT_FALSE(port.IsOpen());
+  }
   EXPECT_STREQ(CSerialPort::GetPortName(static_cast<CSerialPort::Ports>(4)), "#invalid_port");
   EXPECT_STREQ(CSerialPort::GetPortName(static_cast<CSerialPort::Ports>(-1)), "#invalid_port");
   EXPECT_STREQ(CSerialPort::GetPortName(CSerialPort::pCOM4), "/dev/ttyS3");
-
-  // A device path that does not exist.
-  CSerialPort::PortName[0] = "/nonexistent/tty";
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 1));
-  EXPECT_EQ(line, "Serial Port /nonexistent/tty[13] open = 0.\n");
 }
 
 }  // namespace

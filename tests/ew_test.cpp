@@ -67,29 +67,24 @@ Config_File parse(const std::string& text) {
 
 TEST(ConfigData, MemberTextByKind) {
   App app;
-  EXPECT_EQ(app.GetEntry("buffer").Value(), "4k");
-  EXPECT_EQ(app.GetEntry("big").Value(), "3M");
-  EXPECT_EQ(app.GetEntry("mask").Value(), "0x1f");
-  EXPECT_EQ(app.GetEntry("zero").Value(), "0");
-  EXPECT_EQ(app.GetEntry("Timing.gain").Value(), "1.5");
-  EXPECT_EQ(app.GetEntry("tag").Value(), "ab");
-  EXPECT_EQ(app.GetEntry("modes").Value(), "R,W");
-  EXPECT_EQ(app.GetEntry("verbose").Value(), "0");
+  const std::pair<const char*, const char*> shown[] = {
+      {"buffer", "4k"}, {"big", "3M"}, {"mask", "0x1f"}, {"zero", "0"},
+      {"Timing.gain", "1.5"}, {"tag", "ab"}, {"modes", "R,W"}, {"verbose", "0"}};
+  for (const auto& [name, text] : shown) EXPECT_EQ(app.GetEntry(name).Value(), text) << name;
   app.buffer = 1000;
   EXPECT_EQ(app.GetEntry("buffer").Value(), "1000");
   app.timing.gain = 2.0;
   EXPECT_EQ(app.GetEntry("Timing.gain").Value(), "2");
 
+  // Sizes: a suffix right after the number counts, the rest is ignored;
+  // a refused text leaves the member alone.
   Config_Data_Entry& buffer = app.GetEntry("buffer");
-  EXPECT_TRUE(buffer = "+2M");
-  EXPECT_EQ(app.buffer, 2 << 20);
-  EXPECT_TRUE(buffer = "0x10k");
-  EXPECT_EQ(app.buffer, 16 << 10);
-  EXPECT_TRUE(buffer = "4kB");  // only the character right after the number counts
-  EXPECT_EQ(app.buffer, 4096);
-  EXPECT_FALSE(buffer = "4B");
-  EXPECT_FALSE(buffer = "x");
-  EXPECT_EQ(app.buffer, 4096);
+  const struct { const char* text; bool ok; int value; } sizes[] = {
+      {"+2M", true, 2 << 20}, {"0x10k", true, 16 << 10}, {"4kB", true, 4096}, {"4B", false, 4096}, {"x", false, 4096}};
+  for (const auto& s : sizes) {
+    EXPECT_EQ(buffer = s.text, s.ok) << s.text;
+    EXPECT_EQ(app.buffer, s.value) << s.text;
+  }
   EXPECT_TRUE(app.GetEntry("big") = "-3G");
   EXPECT_EQ(app.big, -(3LL << 30));
   EXPECT_TRUE(app.GetEntry("mask") = "abc");  // other bases are unchecked
