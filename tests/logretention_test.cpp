@@ -6,8 +6,9 @@
 #include <zlib.h>
 #include <zqcommon/logretention.h>
 
+#include "support/scratch_dir.h"
+
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,11 @@ const std::time_t kNow = 1700000000;
 class LogRetentionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/zq-retention-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
     logcfg_.base = dir_ + "/app";
     logcfg_.ext = "log";
     logcfg_.create_perm = 0600;
+    logcfg_.autodate = 0;
   }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf " + dir_).c_str()), 0); }
 
   // A file of `bytes` bytes last written `days_ago` days before kNow.
   std::string make(const std::string& name, size_t bytes, int days_ago) {
@@ -41,7 +39,8 @@ class LogRetentionTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
+  ScratchDir scratch_;
+  const std::string dir_ = scratch_.path;
   Log_Config_Data logcfg_;
   LogRetention_Config_Data settings_;
 };
@@ -66,7 +65,6 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
     make("app-c.log", 100, 2);
     make("other.log", 100, 30);   // another base: never touched
     make("app-d.txt", 100, 30);   // another extension: never touched
-    logcfg_.autodate = 0;
     Log log(logcfg_);
     log.Start();  // app.log, written now
     log.Add(elog_INFO, 0, "%s", std::string(30, 'y').c_str());
@@ -77,8 +75,7 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
     LogRetention r(log, settings_);
     r.Apply(kNow + 3600);
     EXPECT_EQ(names(r), c.kept) << c.files << " files, " << c.days << " days, " << c.bytes << " bytes";
-    EXPECT_EQ(access((dir_ + "/other.log").c_str(), F_OK), 0);
-    EXPECT_EQ(access((dir_ + "/app-d.txt").c_str(), F_OK), 0);
+    EXPECT_EQ(access((dir_ + "/other.log").c_str(), F_OK) + access((dir_ + "/app-d.txt").c_str(), F_OK), 0);
     EXPECT_EQ(r.Failures(), 0u);
     ASSERT_EQ(std::system(("rm -f " + dir_ + "/*").c_str()), 0);
   }
@@ -87,7 +84,6 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
 TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) {
   settings_.compress = 1;
   settings_.max_files = 3;
-  logcfg_.autodate = 0;
   for (int run = 0; run < 2; ++run) {  // the second run is a restart on the same files
     Log log(logcfg_);
     log.fcount = 1 + run * 10;  // numbered files: app01.log, app02.log, ...
@@ -125,7 +121,6 @@ TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) 
 
 TEST_F(LogRetentionTest, MidnightStartsANewFileOncePerLocalDay) {
   settings_.midnight = 1;
-  logcfg_.autodate = 0;
   Log log(logcfg_);
   log.Start();
   LogRetention r(log, settings_);

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "support/exception_text.h"
+#include "support/scratch_dir.h"
 #include "zqcommon/tracer.h"
 
 namespace {
@@ -47,8 +48,8 @@ std::vector<std::string> files_in(const std::string& dir) {
 }  // namespace
 
 TEST(TraceManager, RecordingScheduleAndDump) {
-  std::string pattern = ::testing::TempDir() + "zqtrXXXXXX";
-  const std::string dir = std::string(mkdtemp(&pattern[0])) + "/";
+  ScratchDir scratch;
+  const std::string dir = scratch.path + "/";
   Recorder r;
   TTraceManager tm;
   tm += r;
