@@ -175,9 +175,9 @@ TEST(ConfigData, LookupFailuresThrowTheirTexts) {
   Config_Data empty;
   EXPECT_EQ(exception_text([&] { empty.GetEntry("x"); }), "No entry at all");
   App app;
-  EXPECT_EQ(exception_text([&] { app.GetEntry("nope"); }), "No such entry");
-  EXPECT_EQ(exception_text([&] { app.GetEntry("Timing.nope"); }), "No such path to entry");
-  EXPECT_EQ(exception_text([&] { app.GetEntry("name.x"); }), "No such path to entry");
+  for (const auto& [path, text] : {std::pair<const char*, const char*>{"nope", "No such entry"},
+                                   {"Timing.nope", "No such path to entry"}, {"name.x", "No such path to entry"}})
+    EXPECT_EQ(exception_text([&] { app.GetEntry(path); }), text) << path;
   EXPECT_EQ(exception_text([&] { app.GetEntry(size_t{99}); }), "No such entry");
   int stranger = 0;
   EXPECT_EQ(exception_text([&] { app.GetEntry(&stranger); }), "No such entry");
