@@ -74,38 +74,29 @@ TEST_F(SerialOnPty, EverySettingPassesBytesAndReadsBack) {
   for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
 
   CSerialPort port;
-  for (auto speed : speeds) {
-    for (unsigned int bits = 5; bits <= 8; ++bits) {
-      for (auto parity : {CSerialPort::pNONE, CSerialPort::pEVEN, CSerialPort::pODD}) {
-        for (unsigned int stop = 1; stop <= 2; ++stop) {
-          SCOPED_TRACE(testing::Message() << speed << " " << bits << parity << stop);
-          ASSERT_TRUE(open_quiet(port, speed, bits, parity, stop));
-          ASSERT_EQ(line, "Serial Port " + path + "[" + std::to_string(speed) + "] open = 1.\n");
+  for (int k = 0; k < 9 * 4 * 3 * 2; ++k) {  // every speed, data size, parity and stop bits
+    const S::BaudRate speed = speeds[k / 24];
+    const unsigned int bits = 5 + k / 6 % 4, stop = 1 + k % 2;
+    const auto parity = static_cast<S::Parity>(k / 2 % 3);
+    SCOPED_TRACE(testing::Message() << speed << " " << bits << parity << stop);
+    ASSERT_TRUE(open_quiet(port, speed, bits, parity, stop));
+    ASSERT_EQ(line, "Serial Port " + path + "[" + std::to_string(speed) + "] open = 1.\n");
+    EXPECT_EQ(g_applied.c_cflag & CSIZE, sizes[bits - 5]);
+    EXPECT_EQ((g_applied.c_cflag & PARENB) != 0, parity != S::pNONE);
+    termios t{};
+    ASSERT_EQ(tcgetattr(slave, &t), 0);
+    EXPECT_TRUE(cfgetospeed(&t) == static_cast<speed_t>(speed) && cfgetispeed(&t) == cfgetospeed(&t));
+    EXPECT_EQ((t.c_cflag & PARODD) != 0, parity == S::pODD);
+    EXPECT_EQ((t.c_cflag & CSTOPB) != 0, stop == 2);
+    EXPECT_TRUE((t.c_cflag & CREAD) && !(t.c_lflag & (ICANON | ECHO | ISIG)) && !(t.c_iflag & (ICRNL | IXON)) &&
+                !(t.c_oflag & OPOST) && t.c_cc[VMIN] == 0 && t.c_cc[VTIME] == 0)
+        << "raw mode, reads answer at once";
 
-          const termios asked = g_applied;
-          EXPECT_EQ(asked.c_cflag & CSIZE, sizes[bits - 5]);
-          EXPECT_EQ((asked.c_cflag & PARENB) != 0, parity != CSerialPort::pNONE);
-          termios t{};
-          ASSERT_EQ(tcgetattr(slave, &t), 0);
-          EXPECT_EQ(cfgetospeed(&t), static_cast<speed_t>(speed));
-          EXPECT_EQ(cfgetispeed(&t), static_cast<speed_t>(speed));
-          EXPECT_EQ((t.c_cflag & PARODD) != 0, parity == CSerialPort::pODD);
-          EXPECT_EQ((t.c_cflag & CSTOPB) != 0, stop == 2);
-          EXPECT_NE(t.c_cflag & CREAD, 0u);
-          EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
-          EXPECT_EQ(t.c_iflag & (ICRNL | IXON), 0u);
-          EXPECT_EQ(t.c_oflag & OPOST, 0u);
-          EXPECT_EQ(t.c_cc[VMIN], 0);
-          EXPECT_EQ(t.c_cc[VTIME], 0);
-
-          // Every byte value both ways, unchanged.
-          ASSERT_EQ(port.Write(&all[0], all.size()), all.size());
-          ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return read(master, b, n); }), all);
-          ASSERT_EQ(write(master, all.data(), all.size()), 256);
-          ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return static_cast<int>(port.Read(b, n)); }), all);
-        }
-      }
-    }
+    // Every byte value both ways, unchanged.
+    ASSERT_EQ(port.Write(&all[0], all.size()), all.size());
+    ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return read(master, b, n); }), all);
+    ASSERT_EQ(write(master, all.data(), all.size()), 256);
+    ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return static_cast<int>(port.Read(b, n)); }), all);
   }
   // Nothing arrived: with no minimum count the read answers 0 at once.
   char c;
