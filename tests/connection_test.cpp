@@ -13,28 +13,22 @@ namespace {
 
 // A pipe whose read end a Connection reads and whose write end the test feeds.
 struct Pipe {
-  int r = -1, w = -1;
-  Pipe() {
-    int p[2];
-    EXPECT_EQ(pipe2(p, O_CLOEXEC), 0);
-    r = p[0];
-    w = p[1];
-  }
+  int fd[2] = {-1, -1};
+  int &r = fd[0], &w = fd[1];
+  Pipe() { EXPECT_EQ(pipe2(fd, O_CLOEXEC), 0); }
   ~Pipe() {
-    if (r >= 0) close(r);
-    if (w >= 0) close(w);
+    for (int f : fd)
+      if (f >= 0) close(f);
   }
   void feed(const std::string& data) const {
     EXPECT_EQ(::write(w, data.data(), data.size()), static_cast<ssize_t>(data.size()));
   }
+  // What is waiting in the pipe; leaves the read end non-blocking.
   std::string drain() const {
     std::string out;
     char chunk[4096];
-    const int flags = fcntl(r, F_GETFL);
-    fcntl(r, F_SETFL, flags | O_NONBLOCK);
-    ssize_t n;
-    while ((n = ::read(r, chunk, sizeof chunk)) > 0) out.append(chunk, static_cast<size_t>(n));
-    fcntl(r, F_SETFL, flags);
+    fcntl(r, F_SETFL, O_NONBLOCK);
+    for (ssize_t n; (n = ::read(r, chunk, sizeof chunk)) > 0;) out.append(chunk, static_cast<size_t>(n));
     return out;
   }
 };

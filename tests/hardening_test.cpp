@@ -130,7 +130,7 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   for (const auto& c : cases) {
     std::string why;
     EXPECT_EQ(rules.Check(c.path, c.value, &why), c.ok) << c.path << "=" << c.value;
-    if (!c.ok) EXPECT_NE(why.find(c.path[0] == 'S' ? c.path : ""), std::string::npos) << why;
+    EXPECT_TRUE(c.ok || why.find(c.path[0] == 'S' ? c.path : "") != std::string::npos) << why;
   }
   std::string why;
   rules.Check("Server.ListenPort", "-5", &why);

@@ -32,7 +32,7 @@ TEST(Variant, TextFormsLengthsAndNumbers) {
   };
   for (const auto& r : rows) {
     EXPECT_EQ(text(r.v), r.text);
-    if (r.length >= 0) EXPECT_EQ(r.v.length(), r.length) << r.text;
+    EXPECT_TRUE(r.length < 0 || r.v.length() == r.length) << r.text << " length " << r.v.length();
   }
   EXPECT_EQ(text(Variant(1e300)).size(), 301u + 2);  // every digit, then ".0"
   EXPECT_EQ(static_cast<std::string>(Variant(7)), "7");
@@ -61,9 +61,6 @@ TEST(Variant, TextFormsLengthsAndNumbers) {
 }
 
 TEST(Variant, CastToNumbers) {
-  Variant v(std::string("0x1F"));
-  EXPECT_TRUE(v.casttyp(VAL_INT));
-  EXPECT_EQ(v.Type(), VAL_INT);
   // Text that is not wholly a number casts to NULL and reports failure.
   const struct {
     const char* in;
@@ -75,8 +72,8 @@ TEST(Variant, CastToNumbers) {
   for (const auto& c : casts) {
     Variant x{std::string(c.in)};
     EXPECT_EQ(x.casttyp(c.to), c.ok) << c.in;
-    EXPECT_EQ(x.Isnull(), !c.ok) << c.in;
-    if (c.ok) EXPECT_DOUBLE_EQ(static_cast<double>(x), c.want) << c.in;
+    EXPECT_TRUE(x.Type() == c.to && x.Isnull() == !c.ok) << c.in;  // failures keep the type
+    EXPECT_DOUBLE_EQ(c.ok ? static_cast<double>(x) : 0, c.want) << c.in;
   }
 
   Variant b(std::string("abcd"));
@@ -84,19 +81,16 @@ TEST(Variant, CastToNumbers) {
   EXPECT_TRUE(b.casttyp(VAL_INT));
   EXPECT_EQ(static_cast<long long>(b), 4);
 
-  Variant n;
-  EXPECT_TRUE(n.casttyp(VAL_STRING));
-  EXPECT_TRUE(n.Isnull());
+  Variant n;  // NULL cast to text stays NULL but holds a string
+  EXPECT_TRUE(n.casttyp(VAL_STRING) && n.Isnull());
   ASSERT_NE(static_cast<std::string*>(n), nullptr);
   EXPECT_TRUE(n.casttyp(VAL_NULL));
   EXPECT_EQ(n.Type(), VAL_NULL);
 
   bool ok = false;
-  Variant src(std::string("7"));
-  Variant c = src.convert(VAL_FLOAT, &ok);
-  EXPECT_TRUE(ok);
-  EXPECT_EQ(src.Type(), VAL_STRING);
-  EXPECT_DOUBLE_EQ(static_cast<double>(c), 7.0);
+  Variant src(std::string("7"));  // convert() leaves the source alone
+  EXPECT_DOUBLE_EQ(static_cast<double>(src.convert(VAL_FLOAT, &ok)), 7.0);
+  EXPECT_TRUE(ok && src.Type() == VAL_STRING);
 }
 
 // The cast stores the new string's address over the number before rendering.
@@ -121,9 +115,7 @@ TEST(Variant, CastNumberToStringRendersAfterStoringThePointer) {
 TEST(Variant, BinaryBlocks) {
   Variant i(0x0102030405060708LL);
   ASSERT_TRUE(i.casttyp(VAL_BINARY));
-  std::string* bytes = i;
-  ASSERT_EQ(bytes->size(), 8u);
-  EXPECT_EQ((*bytes)[0], 0x08);
+  EXPECT_EQ(*static_cast<std::string*>(i), std::string("\x08\x07\x06\x05\x04\x03\x02\x01", 8));
   EXPECT_EQ(i.length(), 8);
 
   Variant f(1.0);
@@ -133,8 +125,7 @@ TEST(Variant, BinaryBlocks) {
   EXPECT_EQ(back, 1.0);
 
   Variant n;
-  ASSERT_TRUE(n.casttyp(VAL_BINARY));
-  EXPECT_TRUE(n.Isnull());
+  EXPECT_TRUE(n.casttyp(VAL_BINARY) && n.Isnull());
 
   // A large block with zero bytes survives copies and the text cast.
   std::string* big = new std::string(16u << 20, '\0');
@@ -152,9 +143,7 @@ TEST(Variant, BinaryBlocks) {
   // Ownership passes to whoever takes the pointer before RemoveBinary.
   std::string* taken = blk;
   blk.RemoveBinary();
-  EXPECT_EQ(blk.Type(), VAL_NULL);
-  EXPECT_TRUE(blk.Isnull());
-  EXPECT_EQ(static_cast<std::string*>(blk), nullptr);
+  EXPECT_TRUE(blk.Type() == VAL_NULL && blk.Isnull() && static_cast<std::string*>(blk) == nullptr);
   EXPECT_EQ(taken, big);
   delete taken;
 
@@ -162,7 +151,6 @@ TEST(Variant, BinaryBlocks) {
   s = static_cast<const char*>(nullptr);
   EXPECT_EQ(s.Type(), VAL_NULL);
   s = "abc";
-  EXPECT_EQ(s.Type(), VAL_STRING);
   s = s;
   EXPECT_EQ(text(s), "abc");
 }
