@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <tuple>
 
 #include "zqcommon/functions.h"
 
@@ -64,16 +65,14 @@ TEST(VbLike, QuotingBothWays) {
       {"\\q", ""}, {"\\\\n", "\\n"}, {"\\\"", ""}, {"", ""}, {"\"\"", ""}, {"\"only", "only"}};
   for (const auto& [in, out] : back) EXPECT_EQ(dequote(in), out) << in;
 
-  EXPECT_TRUE(IsQuoted("  \"x\""));
-  EXPECT_FALSE(IsQuoted("x\""));
-  EXPECT_FALSE(IsQuoted("   "));
-  EXPECT_TRUE(quote_check(" \"a\" \"b\""));
-  EXPECT_FALSE(quote_check("\"a"));
-  EXPECT_TRUE(quote_check("\"a\\\"\""));
-  EXPECT_FALSE(brace_check("f(a[1])"));
-  EXPECT_TRUE(brace_check(")("));
-  EXPECT_FALSE(brace_check("f(\")\")"));
-  EXPECT_TRUE(brace_check("{[}"));
+  // brace_check answers true for a fault.
+  using Check = bool (*)(const std::string&);
+  const std::tuple<Check, const char*, bool> checks[] = {
+      {IsQuoted, "  \"x\"", true},       {IsQuoted, "x\"", false},         {IsQuoted, "   ", false},
+      {quote_check, " \"a\" \"b\"", true}, {quote_check, "\"a", false},      {quote_check, "\"a\\\"\"", true},
+      {brace_check, "f(a[1])", false},   {brace_check, ")(", true},         {brace_check, "f(\")\")", false},
+      {brace_check, "{[}", true}};
+  for (const auto& [check, text, want] : checks) EXPECT_EQ(check(text), want) << text;
 }
 
 TEST(VbLike, ReplaceNumbersAndText) {
