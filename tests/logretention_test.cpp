@@ -26,12 +26,10 @@ class LogRetentionTest : public ::testing::Test {
   }
 
   // A file of `bytes` bytes last written `days_ago` days before kNow.
-  std::string make(const std::string& name, size_t bytes, int days_ago) {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream(path) << std::string(bytes, 'x');
+  void make(const std::string& name, size_t bytes, int days_ago) {
+    std::ofstream(dir_ + "/" + name) << std::string(bytes, 'x');
     const struct timespec t[2] = {{kNow - days_ago * 86400L, 0}, {kNow - days_ago * 86400L, 0}};
-    utimensat(AT_FDCWD, path.c_str(), t, 0);
-    return path;
+    utimensat(AT_FDCWD, (dir_ + "/" + name).c_str(), t, 0);
   }
   std::vector<std::string> names(const LogRetention& r) {
     std::vector<std::string> out;
@@ -110,9 +108,8 @@ TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) 
     gzFile gz = gzopen(files[i].c_str(), "rb");
     ASSERT_NE(gz, nullptr);
     char text[256] = {};
-    const int n = gzread(gz, text, sizeof text - 1);
+    gzread(gz, text, sizeof text - 1);
     gzclose(gz);
-    EXPECT_GT(n, 0);
     EXPECT_NE(std::string(text).find(";I;0000000"), std::string::npos) << text;
     EXPECT_NE(std::string(text).find("run 1 file"), std::string::npos) << "the oldest went first";
   }
