@@ -1,7 +1,6 @@
-// IPv6 access rules and dual-stack listening, session caps, and the example
-// line server under a connect burst, thousands of idle peers and bad peers.
+// Session caps, and the example line server under a connect burst, thousands
+// of idle peers and bad peers.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -13,13 +12,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/child_process.h"
-#include "support/scratch_dir.h"
 
 namespace {
 
@@ -61,66 +58,6 @@ int connect_to(int port) {
 }
 
 }  // namespace
-
-TEST(AccessList6, RulesMatchBothFamilies) {
-  AccessList acl;
-  for (const char* rule : {"127.0.0.1/32", "::1/128", "2001:db8::/32", "::/129", "fe80::/x"}) {
-    acl.Add(ACL_ALLOW, rule);  // the last two are not rules: ignored
-  }
-  acl.Add(ACL_DENY, "fe80::/10");
-  AccessList all(ACL_ALLOW, "::/0");
-  const struct {
-    AccessList& acl;
-    const char* peer;
-    ACL_Mode want;
-  } cases[] = {
-      {acl, "127.0.0.1", ACL_ALLOW}, {acl, "::ffff:127.0.0.1", ACL_ALLOW}, {acl, "::ffff:127.0.0.2", ACL_DENY},
-      {acl, "127.0.0.2", ACL_DENY},  {acl, "::1", ACL_ALLOW},              {acl, "::2", ACL_DENY},
-      {acl, "fe80::1", ACL_DENY},    {acl, "2001:db8:ffff::1", ACL_ALLOW}, {acl, "2001:db9::", ACL_DENY},
-      {acl, "::", ACL_DENY},         {all, "10.1.2.3", ACL_ALLOW},         {all, "::5", ACL_ALLOW},
-      {all, "::ffff:10.0.0.1", ACL_ALLOW},
-  };
-  for (const auto& c : cases) {
-    InetAddress peer(c.peer, true);
-    EXPECT_EQ(c.acl.match(peer), c.want) << c.peer;
-  }
-}
-
-TEST(AccessList6, CheckedLoadNamesEachBadLine) {
-  ScratchDir dir;
-  const std::string file = dir / "acl";
-  std::ofstream(file) << "# list\n[hosts]\nallow = 127.0.0.1/32 ::1/128\ndeny = ::1/129 10.0.0.1\n"
-                         "allow = localhost/32 10.0.0.0/255.0.0.0\nallo = 1.2.3.4/32\n";
-  AccessList acl;
-  std::vector<std::string> problems;
-  EXPECT_FALSE(acl.load_checked(file, &problems));
-  const std::vector<std::string> starts = {":4: rule '::1/129'", ":4: rule '10.0.0.1'",
-                                           ":5: rule 'localhost/32'", ":6: unknown key"};
-  ASSERT_EQ(problems.size(), starts.size());
-  for (size_t i = 0; i < starts.size(); ++i) EXPECT_EQ(problems[i].rfind(file + starts[i], 0), 0u) << problems[i];
-  InetAddress ten("10.9.8.7", true), six("::1", true);
-  EXPECT_EQ(acl.match(ten), ACL_ALLOW);  // the good rules were kept
-  EXPECT_EQ(acl.match(six), ACL_ALLOW);
-  EXPECT_FALSE(acl.load_checked("/nonexistent/acl", &problems));
-}
-
-TEST(MySocketServer6, DualStackPeersAndFailClosedAddresses) {
-  std::string error;
-  MySocketServer bad;
-  EXPECT_FALSE(bad.ListenNumeric("localhost", 0, 5, &error));
-  EXPECT_NE(error.find("'localhost'"), std::string::npos) << error;
-  MySocketServer server;
-  if (!server.ListenNumeric("::", 0, 16, &error)) GTEST_SKIP() << "no IPv6 here: " << error;
-  server.SetPeerLookup(false);
-  EXPECT_EQ(server.LocalAddress(), "[::]:" + std::to_string(server.LocalPort()));
-  for (const char* host : {"127.0.0.1", "::1"}) {
-    MySocketClient client;
-    ASSERT_GE(client.ConnectAny(host, server.LocalPort()), 0) << host;
-    std::unique_ptr<MySocket> peer(server.WaitConnection());
-    ASSERT_NE(peer, nullptr);
-    EXPECT_EQ(peer->IPList().front(), std::string(host) == "::1" ? "::1" : "::ffff:127.0.0.1");
-  }
-}
 
 TEST(SessionLimits, TotalAndPerAddressCaps) {
   SessionLimits limits(3, 2);
