@@ -10,7 +10,7 @@
 TEST(StringHelp, FormatKeepsThe128CharacterBoundary) {
   const std::string s127(127, 'x'), s128(128, 'y'), s129(129, 'z');
   EXPECT_EQ(Format("%s", s127.c_str()), s127);
-  EXPECT_EQ(Format("%s", s128.c_str()), s128.substr(0, 127) + '\0');  // exactly 128: the last is lost
+  EXPECT_EQ(Format("%s", s128.c_str()), s128.substr(0, 127) + '\0');  // NUL in place of the 128th
   EXPECT_EQ(Format("%s", s129.c_str()), s129);
 
   const std::string big(1 << 20, 'b');  // results up to and beyond 1 MiB come out whole
