@@ -146,18 +146,10 @@ TEST_F(SerialOnPty, RefusalsAndClosedPort) {
   // nothing. Port 4 passes the check, fails to open, prints and keeps the last
   // error; so does a device path that does not exist.
   const auto com1 = CSerialPort::pCOM1;
-  const struct {
-    int port;
-    unsigned int bits, stop;
-    const char* error;
-    const char* printed;
-  } rows[] = {
-      {com1, 9, 1, "Wrong number of data bits", ""},
-      {com1, 4, 1, "Wrong number of data bits", ""},
-      {5, 9, 1, "Wrong number of data bits", ""},
-      {5, 8, 1, "Invalid port", ""},
-      {-1, 8, 1, "Invalid port", ""},
-      {com1, 8, 0, "Invalid number of stop bits", ""},
+  const struct { int port; unsigned int bits, stop; const char* error; const char* printed; } rows[] = {
+      {com1, 9, 1, "Wrong number of data bits", ""}, {com1, 4, 1, "Wrong number of data bits", ""},
+      {5, 9, 1, "Wrong number of data bits", ""},    {5, 8, 1, "Invalid port", ""},
+      {-1, 8, 1, "Invalid port", ""},                {com1, 8, 0, "Invalid number of stop bits", ""},
       {com1, 8, 3, "Invalid number of stop bits", ""},
       {4, 8, 1, "Invalid number of stop bits", "Serial Port #invalid_port[13] open = 0.\n"},
       {-2, 8, 1, "Invalid number of stop bits", "Serial Port /nonexistent/tty[13] open = 0.\n"},

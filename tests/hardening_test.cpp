@@ -113,11 +113,7 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   zqcommon::Setting_Check rules;
   rules.Integer("Server.ListenPort", 0, 65535).Size("Log.MaxFileSize", 0, 0xFFFFFFFFLL)
       .Octal("Log.CreatePermissions", 0, 0777).Real("Station.Setpoint", -10, 10).Text("Log.FileBase", 8);
-  const struct {
-    const char* path;
-    const char* value;
-    bool ok;
-  } cases[] = {
+  const struct { const char* path; const char* value; bool ok; } cases[] = {
       {"server.listenport", "7600", true}, {"Server.ListenPort", "abc", false},
       {"Server.ListenPort", "12x", false}, {"Server.ListenPort", "-5", false},
       {"Server.ListenPort", "99999999999", false}, {"Server.ListenPort", "", false},

@@ -29,14 +29,7 @@ std::string written(Config_File& cfg, const std::string& header = "") {
 
 TEST(ConfigLine, ClassificationAndRepairs) {
   // Text as read -> kind, name, value, comment and the text kept.
-  const struct {
-    const char* text;
-    LINE::eLineTypes type;
-    const char* name;
-    const char* value;
-    const char* comment;
-    const char* data;
-  } rows[] = {
+  const struct { const char* text; LINE::eLineTypes type; const char *name, *value, *comment, *data; } rows[] = {
       {"[Net", LINE::SECTION, "Net", "", "", "[Net]"},
       {"[ a ] # c", LINE::SECTION, " a ", "", " c", "[ a ] # c"},
       {"  key =   some value   # note", LINE::ENTRY, "key", "some value", " note", nullptr},

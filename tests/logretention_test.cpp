@@ -44,11 +44,7 @@ class LogRetentionTest : public ::testing::Test {
 };
 
 TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
-  struct Case {
-    int files, days;
-    unsigned int bytes;
-    std::vector<std::string> kept;
-  } cases[] = {
+  struct Case { int files, days; unsigned int bytes; std::vector<std::string> kept; } cases[] = {
       {0, 0, 0, {"app-a.log", "app-b.log.gz", "app-c.log", "app.log"}},  // all off: nothing goes
       {2, 0, 0, {"app-c.log", "app.log"}},
       {0, 5, 0, {"app-c.log", "app.log"}},   // b is exactly 5 days old: older than 5 days goes

@@ -58,11 +58,7 @@ TEST(AccessList, RulesOfBothFamiliesInOrder) {
     six.Add(ACL_ALLOW, rule);  // the last two are not rules: ignored
   }
   six.Add(ACL_DENY, "fe80::/10");
-  const struct {
-    AccessList& acl;
-    const char* peer;
-    ACL_Mode want;
-  } cases[] = {
+  const struct { AccessList& acl; const char* peer; ACL_Mode want; } cases[] = {
       {none, "10.1.2.3", ACL_DENY},         {net, "10.1.2.3", ACL_ALLOW},        {net, "192.168.7.9", ACL_DENY},
       {dotted, "10.1.2.3", ACL_ALLOW},      {no_mask, "10.1.2.3", ACL_DENY},     {short_mask, "10.1.2.3", ACL_ALLOW},
       {all4, "192.168.7.9", ACL_DENY},      {six, "127.0.0.1", ACL_ALLOW},       {six, "::ffff:127.0.0.1", ACL_ALLOW},

@@ -18,11 +18,7 @@ std::string text(const Variant& v) {
 TEST(Variant, TextFormsLengthsAndNumbers) {
   // The text form and length() (-1: not checked) of each kind.
   const double inf = std::numeric_limits<double>::infinity();
-  const struct {
-    Variant v;
-    const char* text;
-    int length;
-  } rows[] = {
+  const struct { Variant v; const char* text; int length; } rows[] = {
       {Variant(), "NULL", 5}, {Variant(-42), "-42", 0}, {Variant(0), "0", 0},
       {Variant(1000), "1000", 3}, {Variant(1001), "1001", 4},
       {Variant(9007199254740993LL), "9007199254740993", -1}, {Variant(2.0), "2.0", -1},
@@ -62,13 +58,9 @@ TEST(Variant, TextFormsLengthsAndNumbers) {
 
 TEST(Variant, CastToNumbers) {
   // Text that is not wholly a number casts to NULL and reports failure.
-  const struct {
-    const char* in;
-    VariantType to;
-    bool ok;
-    double want;
-  } casts[] = {{"0x1F", VAL_INT, true, 31}, {"12abc", VAL_INT, false, 0}, {"2.75", VAL_INT, true, 2},
-               {"-0.5e1", VAL_FLOAT, true, -5}, {"1.0 V", VAL_FLOAT, false, 0}};
+  const struct { const char* in; VariantType to; bool ok; double want; } casts[] = {
+      {"0x1F", VAL_INT, true, 31},    {"12abc", VAL_INT, false, 0},  {"2.75", VAL_INT, true, 2},
+      {"-0.5e1", VAL_FLOAT, true, -5}, {"1.0 V", VAL_FLOAT, false, 0}};
   for (const auto& c : casts) {
     Variant x{std::string(c.in)};
     EXPECT_EQ(x.casttyp(c.to), c.ok) << c.in;

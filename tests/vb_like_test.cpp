@@ -10,9 +10,7 @@
 TEST(VbLike, TokensSkipSeparatorsInsideQuotes) {
   // Input, separator -> first token and what is left. A quote after one
   // backslash does not open a quoted part; after two it does.
-  const struct {
-    const char *in, *sep, *token, *rest;
-  } ext[] = {
+  const struct { const char *in, *sep, *token, *rest; } ext[] = {
       {"a,\"b,c\",d", ",", "a", "\"b,c\",d"}, {"\"b,c\",d", ",", "\"b,c\"", "d"}, {"d", ",", "d", ""},
       {"", ",", "", ""}, {" x y ", ";", " x y ", ""}, {"a\\\",b", ",", "a\\\"", "b"},
       {"a\\\\\",b\",c", ",", "a\\\\\",b\"", "c"}, {"k::v::w", "::", "k", "v::w"}, {"abc", "", "abc", ""},
