@@ -96,9 +96,7 @@ static long make_sec_loop(int year, int month, int day) {
     day = std::abs(day);
     month = std::abs(month);
     if (day != 0) result = (day - 1) * 86400L;
-    for (int m = 2; m <= month && m <= 12; ++m) {
-      result += ((m - 1 == 2 && leap) ? 29 : len[m - 2]) * 86400L;
-    }
+    for (int m = 2; m <= month && m <= 12; ++m) result += ((m - 1 == 2 && leap) ? 29 : len[m - 2]) * 86400L;
   }
   return result;
 }
