@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
 #include <unistd.h>
 
@@ -29,6 +28,7 @@ class SerialOnPty : public ::testing::Test {
   void SetUp() override {
     char name[128];
     ASSERT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
+    fcntl(master, F_SETFL, O_NONBLOCK);
     path = name;
     saved = CSerialPort::PortName[0];
     CSerialPort::PortName[0] = path.c_str();
@@ -39,15 +39,15 @@ class SerialOnPty : public ::testing::Test {
     close(slave);
   }
 
-  // Reads exactly n bytes from `fd` within a second.
-  static std::string take(int fd, size_t n) {
+  // Collects n bytes from `read` (which answers 0 or less for none yet) within a second.
+  template <typename Read>
+  static std::string take(size_t n, Read read) {
     std::string got;
-    for (int spins = 0; got.size() < n && spins < 100; ++spins) {
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, 10) <= 0) continue;
-      char buf[512];
-      ssize_t r = read(fd, buf, sizeof buf);
-      if (r > 0) got.append(buf, r);
+    char buf[512];
+    for (int spins = 0; got.size() < n && spins < 1000; ++spins) {
+      const long r = read(buf, sizeof buf);
+      if (r > 0) got.append(buf, static_cast<size_t>(r));
+      else usleep(1000);
     }
     return got;
   }
@@ -66,55 +66,37 @@ class SerialOnPty : public ::testing::Test {
 };
 
 TEST_F(SerialOnPty, EverySettingPassesBytesAndReadsBack) {
-  const CSerialPort::BaudRate speeds[] = {CSerialPort::b300, CSerialPort::b1200,
-                                          CSerialPort::b2400, CSerialPort::b4800,
-                                          CSerialPort::b9600, CSerialPort::b19200,
-                                          CSerialPort::b38400, CSerialPort::b57600,
-                                          CSerialPort::b115200};
+  using S = CSerialPort;
+  const S::BaudRate speeds[] = {S::b300,  S::b1200,  S::b2400,  S::b4800, S::b9600,
+                                S::b19200, S::b38400, S::b57600, S::b115200};
   const tcflag_t sizes[] = {CS5, CS6, CS7, CS8};
   std::string all;
   for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
 
   CSerialPort port;
-  for (auto speed : speeds) {
-    for (unsigned int bits = 5; bits <= 8; ++bits) {
-      for (auto parity : {CSerialPort::pNONE, CSerialPort::pEVEN, CSerialPort::pODD}) {
-        for (unsigned int stop = 1; stop <= 2; ++stop) {
-          SCOPED_TRACE(testing::Message() << speed << " " << bits << parity << stop);
-          ASSERT_TRUE(open_quiet(port, speed, bits, parity, stop));
-          ASSERT_EQ(line, "Serial Port " + path + "[" + std::to_string(speed) + "] open = 1.\n");
+  for (int k = 0; k < 9 * 4 * 3 * 2; ++k) {  // every speed, data size, parity and stop bits
+    const S::BaudRate speed = speeds[k / 24];
+    const unsigned int bits = 5 + k / 6 % 4, stop = 1 + k % 2;
+    const auto parity = static_cast<S::Parity>(k / 2 % 3);
+    SCOPED_TRACE(testing::Message() << speed << " " << bits << parity << stop);
+    ASSERT_TRUE(open_quiet(port, speed, bits, parity, stop));
+    ASSERT_EQ(line, "Serial Port " + path + "[" + std::to_string(speed) + "] open = 1.\n");
+    EXPECT_EQ(g_applied.c_cflag & CSIZE, sizes[bits - 5]);
+    EXPECT_EQ((g_applied.c_cflag & PARENB) != 0, parity != S::pNONE);
+    termios t{};
+    ASSERT_EQ(tcgetattr(slave, &t), 0);
+    EXPECT_TRUE(cfgetospeed(&t) == static_cast<speed_t>(speed) && cfgetispeed(&t) == cfgetospeed(&t));
+    EXPECT_EQ((t.c_cflag & PARODD) != 0, parity == S::pODD);
+    EXPECT_EQ((t.c_cflag & CSTOPB) != 0, stop == 2);
+    EXPECT_TRUE((t.c_cflag & CREAD) && !(t.c_lflag & (ICANON | ECHO | ISIG)) && !(t.c_iflag & (ICRNL | IXON)) &&
+                !(t.c_oflag & OPOST) && t.c_cc[VMIN] == 0 && t.c_cc[VTIME] == 0)
+        << "raw mode, reads answer at once";
 
-          const termios asked = g_applied;
-          EXPECT_EQ(asked.c_cflag & CSIZE, sizes[bits - 5]);
-          EXPECT_EQ((asked.c_cflag & PARENB) != 0, parity != CSerialPort::pNONE);
-          termios t{};
-          ASSERT_EQ(tcgetattr(slave, &t), 0);
-          EXPECT_EQ(cfgetospeed(&t), static_cast<speed_t>(speed));
-          EXPECT_EQ(cfgetispeed(&t), static_cast<speed_t>(speed));
-          EXPECT_EQ((t.c_cflag & PARODD) != 0, parity == CSerialPort::pODD);
-          EXPECT_EQ((t.c_cflag & CSTOPB) != 0, stop == 2);
-          EXPECT_NE(t.c_cflag & CREAD, 0u);
-          EXPECT_EQ(t.c_lflag & (ICANON | ECHO | ISIG), 0u);
-          EXPECT_EQ(t.c_iflag & (ICRNL | IXON), 0u);
-          EXPECT_EQ(t.c_oflag & OPOST, 0u);
-          EXPECT_EQ(t.c_cc[VMIN], 0);
-          EXPECT_EQ(t.c_cc[VTIME], 0);
-
-          // Every byte value both ways, unchanged.
-          ASSERT_EQ(port.Write(&all[0], all.size()), all.size());
-          ASSERT_EQ(take(master, all.size()), all);
-          ASSERT_EQ(write(master, all.data(), all.size()), 256);
-          std::string back;
-          char buf[300];
-          for (int spins = 0; back.size() < all.size() && spins < 100; ++spins) {
-            unsigned int n = port.Read(buf, sizeof buf);
-            if (n > 0 && n != static_cast<unsigned int>(-1)) back.append(buf, n);
-            else usleep(1000);
-          }
-          ASSERT_EQ(back, all);
-        }
-      }
-    }
+    // Every byte value both ways, unchanged.
+    ASSERT_EQ(port.Write(&all[0], all.size()), all.size());
+    ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return read(master, b, n); }), all);
+    ASSERT_EQ(write(master, all.data(), all.size()), 256);
+    ASSERT_EQ(take(all.size(), [&](char* b, size_t n) { return static_cast<int>(port.Read(b, n)); }), all);
   }
   // Nothing arrived: with no minimum count the read answers 0 at once.
   char c;
@@ -130,6 +112,13 @@ TEST_F(SerialOnPty, CloseRestoresTheSettingsFoundAtOpen) {
   before.c_lflag |= ICANON | ECHO;
   cfsetospeed(&before, B4800);
   ASSERT_EQ(tcsetattr(slave, TCSANOW, &before), 0);
+  const auto expect_restored = [&] {
+    termios after{};
+    ASSERT_EQ(tcgetattr(slave, &after), 0);
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B4800));
+  };
 
   {
     CSerialPort port;
@@ -138,18 +127,10 @@ TEST_F(SerialOnPty, CloseRestoresTheSettingsFoundAtOpen) {
     ASSERT_TRUE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 1));
     port.Close();
     EXPECT_FALSE(port.IsOpen());
-    termios after{};
-    ASSERT_EQ(tcgetattr(slave, &after), 0);
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B4800));
-
+    expect_restored();
     ASSERT_TRUE(open_quiet(port, CSerialPort::b300, 5, CSerialPort::pODD, 1));
   }  // the destructor restores as well
-  termios after{};
-  ASSERT_EQ(tcgetattr(slave, &after), 0);
-  EXPECT_EQ(after.c_cflag, before.c_cflag);
-  EXPECT_EQ(after.c_lflag, before.c_lflag);
+  expect_restored();
 }
 
 TEST_F(SerialOnPty, RefusalsAndClosedPort) {
@@ -161,43 +142,30 @@ TEST_F(SerialOnPty, RefusalsAndClosedPort) {
   port.Close();  // harmless on a closed port
   port.Reset();
 
-  // Data bits are checked before the port, and nothing is printed.
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 9, CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Wrong number of data bits");
-  EXPECT_EQ(line, "");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 4, CSerialPort::pNONE, 1));
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(5), CSerialPort::b9600, 9,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Wrong number of data bits");
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(5), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Invalid port");
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(-1), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_STREQ(port.GetLastError(), "Invalid port");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 0));
-  EXPECT_STREQ(port.GetLastError(), "Invalid number of stop bits");
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 3));
-  EXPECT_EQ(line, "");
-
-  // Port 4 passes the check, fails to open, prints and keeps the last error.
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(4), CSerialPort::b9600, 8,
-                         CSerialPort::pNONE, 1));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Serial Port #invalid_port[13] open = 0.\n");
-  EXPECT_STREQ(port.GetLastError(), "Invalid number of stop bits");
-  EXPECT_FALSE(port.IsOpen());
-
+  // Data bits, then the port, then stop bits are checked; a refusal prints
+  // nothing. Port 4 passes the check, fails to open, prints and keeps the last
+  // error; so does a device path that does not exist.
+  const auto com1 = CSerialPort::pCOM1;
+  const struct { int port; unsigned int bits, stop; const char* error; const char* printed; } rows[] = {
+      {com1, 9, 1, "Wrong number of data bits", ""}, {com1, 4, 1, "Wrong number of data bits", ""},
+      {5, 9, 1, "Wrong number of data bits", ""},    {5, 8, 1, "Invalid port", ""},
+      {-1, 8, 1, "Invalid port", ""},                {com1, 8, 0, "Invalid number of stop bits", ""},
+      {com1, 8, 3, "Invalid number of stop bits", ""},
+      {4, 8, 1, "Invalid number of stop bits", "Serial Port #invalid_port[13] open = 0.\n"},
+      {-2, 8, 1, "Invalid number of stop bits", "Serial Port /nonexistent/tty[13] open = 0.\n"},
+  };
+  for (const auto& r : rows) {
+    if (r.port == -2) CSerialPort::PortName[0] = "/nonexistent/tty";
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(port.Open(static_cast<CSerialPort::Ports>(r.port < -1 ? com1 : r.port),
+                           CSerialPort::b9600, r.bits, CSerialPort::pNONE, r.stop));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), r.printed) << r.port << r.bits << r.stop;
+    EXPECT_STREQ(port.GetLastError(), r.error) << r.port << r.bits << r.stop;
+    EXPECT_FALSE(port.IsOpen());
+  }
   EXPECT_STREQ(CSerialPort::GetPortName(static_cast<CSerialPort::Ports>(4)), "#invalid_port");
   EXPECT_STREQ(CSerialPort::GetPortName(static_cast<CSerialPort::Ports>(-1)), "#invalid_port");
   EXPECT_STREQ(CSerialPort::GetPortName(CSerialPort::pCOM4), "/dev/ttyS3");
-
-  // A device path that does not exist.
-  CSerialPort::PortName[0] = "/nonexistent/tty";
-  EXPECT_FALSE(open_quiet(port, CSerialPort::b9600, 8, CSerialPort::pNONE, 1));
-  EXPECT_EQ(line, "Serial Port /nonexistent/tty[13] open = 0.\n");
 }
 
 }  // namespace

@@ -8,11 +8,10 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 
+#include "support/scratch_dir.h"
 #include "support/substitution_reference.h"
 #include "zqcommon/cli.h"
 #include "zqcommon/ew.h"
@@ -35,13 +34,6 @@ struct Quiet {
   }
 };
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 // Runs `body` in a child whose files may not grow beyond `limit` bytes (the
 // way a full disk answers); the child's exit code.
 template <typename F>
@@ -58,15 +50,6 @@ int with_file_limit(rlim_t limit, F body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-struct TempDir {
-  std::string path;
-  TempDir() {
-    char pattern[] = "/tmp/zqhardXXXXXX";
-    path = mkdtemp(pattern);
-  }
-  ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-};
-
 }  // namespace
 
 TEST(Hardening, SubstitutionMatchesThePlainRuleAndStaysLinear) {
@@ -82,11 +65,6 @@ TEST(Hardening, SubstitutionMatchesThePlainRuleAndStaysLinear) {
     ASSERT_EQ(q.cli.line, reference_substitution(line, q.cli.vars, q.cli.retcode)) << line;
   }
   // 8,000 and 40,000 names in a row: the plain rule took seconds for the first.
-  std::string short_line;
-  for (int i = 0; i < 400; ++i) short_line += "$z";
-  q.cli.line = short_line;
-  q.cli.substitute_vars();
-  EXPECT_EQ(q.cli.line, reference_substitution(short_line, q.cli.vars, 0));
   for (const size_t names : {8000u, 40000u}) {
     std::string line;
     for (size_t i = 0; i < names; ++i) line += "$z";
@@ -135,11 +113,7 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   zqcommon::Setting_Check rules;
   rules.Integer("Server.ListenPort", 0, 65535).Size("Log.MaxFileSize", 0, 0xFFFFFFFFLL)
       .Octal("Log.CreatePermissions", 0, 0777).Real("Station.Setpoint", -10, 10).Text("Log.FileBase", 8);
-  const struct {
-    const char* path;
-    const char* value;
-    bool ok;
-  } cases[] = {
+  const struct { const char* path; const char* value; bool ok; } cases[] = {
       {"server.listenport", "7600", true}, {"Server.ListenPort", "abc", false},
       {"Server.ListenPort", "12x", false}, {"Server.ListenPort", "-5", false},
       {"Server.ListenPort", "99999999999", false}, {"Server.ListenPort", "", false},
@@ -152,7 +126,7 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   for (const auto& c : cases) {
     std::string why;
     EXPECT_EQ(rules.Check(c.path, c.value, &why), c.ok) << c.path << "=" << c.value;
-    if (!c.ok) EXPECT_NE(why.find(c.path[0] == 'S' ? c.path : ""), std::string::npos) << why;
+    EXPECT_TRUE(c.ok || why.find(c.path[0] == 'S' ? c.path : "") != std::string::npos) << why;
   }
   std::string why;
   rules.Check("Server.ListenPort", "-5", &why);
@@ -160,7 +134,7 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
 }
 
 TEST(Hardening, SavesAreWholeOrNotAtAll) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir.path + "/station.cfg";
   std::string original = "[Server]\nListenPort = 7600\n[Log]\nFileBase = station\n";
   std::ofstream(path) << original;
@@ -179,14 +153,12 @@ TEST(Hardening, SavesAreWholeOrNotAtAll) {
   const std::string link = dir.path + "/link.cfg";
   ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
   EXPECT_TRUE(cfg.write(link));
-  struct stat lst {};
-  ASSERT_EQ(lstat(link.c_str(), &lst), 0);
-  EXPECT_TRUE(S_ISLNK(lst.st_mode));
+  EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << "the link stays a link";
   EXPECT_EQ(std::system(("test $(ls -A " + dir.path + " | wc -l) -eq 2").c_str()), 0);  // no temporary left
 }
 
 TEST(Hardening, LogCountsLostLinesAndNeverFollowsALink) {
-  TempDir dir;
+  ScratchDir dir;
   Log_Config_Data cfg;
   cfg.base = dir.path + "/run";
   cfg.ext = "log";
@@ -201,8 +173,7 @@ TEST(Hardening, LogCountsLostLinesAndNeverFollowsALink) {
             }),
             7 * 16 + 3);
   const std::string written = slurp(cfg.base + ".log");
-  EXPECT_EQ(written.size(), 180u);
-  EXPECT_EQ(written.back(), '\n');
+  EXPECT_TRUE(written.size() == 180 && written.back() == '\n') << written;
 
   const std::string victim = dir.path + "/victim";
   std::ofstream(victim) << "keep\n";

@@ -49,13 +49,12 @@ TEST(IOControl, HandlerTableAndImageLimits) {
   Sized h1(1, 3), h2(2, 5);
   two.io.AddHandler(h1);
   two.io.AddHandler(h2);
-  unsigned int pos = 99;
-  EXPECT_EQ(two.io.GetIOffset(2, 0, pos), IOR_SUCCESS);
-  EXPECT_EQ(pos, 3u);
-  EXPECT_EQ(two.io.GetOOffset(2, 13, pos), IOR_SUCCESS);  // == size passes
-  EXPECT_EQ(pos, 16u);
-  EXPECT_EQ(two.io.GetOOffset(2, 14, pos), IOR_BOUNDARY);
-  EXPECT_EQ(two.io.GetIOffset(9, 0, pos), IOR_INVALID);
+  unsigned int in = 99, out = 99, past = 0;
+  EXPECT_EQ((std::vector<IOResult>{two.io.GetIOffset(2, 0, in), two.io.GetOOffset(2, 13, out)}),
+            (std::vector<IOResult>{IOR_SUCCESS, IOR_SUCCESS}));
+  EXPECT_EQ((std::vector<unsigned>{in, out}), (std::vector<unsigned>{3, 16}));  // 16 == size passes
+  EXPECT_EQ(two.io.GetOOffset(2, 14, past), IOR_BOUNDARY);
+  EXPECT_EQ(two.io.GetIOffset(9, 0, past), IOR_INVALID);
 }
 
 TEST(IOControl, BitsAtAndPastTheEnd) {
@@ -81,10 +80,9 @@ TEST(IOControl, BitsAtAndPastTheEnd) {
   // Output bits: the byte one past the image is refused, not written.
   EXPECT_EQ(img.io.SetBit(1, 7 * 8 + 1), IOR_SUCCESS);
   EXPECT_EQ(img.o[15], 2);
-  EXPECT_EQ(img.io.SetBit(1, 8 * 8), IOR_BOUNDARY);
-  EXPECT_EQ(img.io.InvertBit(1, 9 * 8), IOR_BOUNDARY);
   bool changed = false;
-  EXPECT_EQ(img.io.GetBitChanged(1, 8 * 8, changed), IOR_BOUNDARY);
+  for (IOResult r : {img.io.SetBit(1, 8 * 8), img.io.InvertBit(1, 9 * 8), img.io.GetBitChanged(1, 8 * 8, changed)})
+    EXPECT_EQ(r, IOR_BOUNDARY);
 
   // Masks apply to byte reads; change detection sees the raw bytes.
   img.i[0] = 0x0F;
@@ -94,10 +92,10 @@ TEST(IOControl, BitsAtAndPastTheEnd) {
   EXPECT_EQ(img.io.Get(0, 0, byte), IOR_SUCCESS);
   EXPECT_EQ(byte, 0x83);
   img.pi[0] = 0x0E;
-  EXPECT_EQ(img.io.GetBitChanged(0, 0, changed), IOR_SUCCESS);
-  EXPECT_TRUE(changed);
-  EXPECT_EQ(img.io.GetBitChanged(0, 1, changed), IOR_SUCCESS);
-  EXPECT_FALSE(changed);
+  bool changed1 = true;
+  EXPECT_EQ((std::vector<IOResult>{img.io.GetBitChanged(0, 0, changed), img.io.GetBitChanged(0, 1, changed1)}),
+            (std::vector<IOResult>{IOR_SUCCESS, IOR_SUCCESS}));
+  EXPECT_TRUE(changed && !changed1);
 
   EXPECT_EQ(img.io.CopyBit(0, 2, true), IOR_SUCCESS);
   EXPECT_EQ(img.io.InvertBit(0, 0), IOR_SUCCESS);
@@ -112,40 +110,34 @@ TEST(IOControl, TransfersMirrorInputsAndSkipFailedHandlers) {
   EXPECT_EQ(img.io.SetBit(0, 3), IOR_SUCCESS);
   img.o[5] = 0x55;
   EXPECT_EQ(img.io.WriteAll(), IOR_SUCCESS);
-  EXPECT_EQ(sim.data[0], 8);
-  EXPECT_EQ(sim.data[5], 0x55);
+  EXPECT_EQ((std::vector<int>{sim.data[0], sim.data[5]}), (std::vector<int>{8, 0x55}));
 
   sim.data[1] = 0x22;
   std::memset(img.o.data(), 0xAA, 8);
+  // Inputs read; outputs overwritten by the mirrored inputs; the previous
+  // image is the caller's.
   EXPECT_EQ(img.io.ReadAll(), IOR_SUCCESS);
-  EXPECT_EQ(img.i[0], 8);
-  EXPECT_EQ(img.i[1], 0x22);
-  EXPECT_EQ(img.o[1], 0x22);  // outputs overwritten by the mirrored inputs
-  EXPECT_EQ(img.o[7], 0);
-  EXPECT_EQ(img.pi[0], 0);    // the previous image is the caller's
+  EXPECT_EQ((std::vector<int>{img.i[0], img.i[1], img.o[1], img.o[7], img.pi[0]}),
+            (std::vector<int>{8, 0x22, 0x22, 0, 0}));
 
   sim.error = true;
   sim.data[0] = 0x77;
   img.o[0] = 0x11;
-  EXPECT_EQ(img.io.ReadAll(), IOR_SUCCESS);
+  EXPECT_EQ(img.io.ReadAll(), IOR_SUCCESS);  // a failed handler is skipped
   EXPECT_EQ(img.io.WriteAll(), IOR_SUCCESS);
-  EXPECT_EQ(img.i[0], 8);
-  EXPECT_EQ(sim.data[0], 0x77);
+  EXPECT_EQ((std::vector<int>{img.i[0], sim.data[0]}), (std::vector<int>{8, 0x77}));
   bool v = false;
-  EXPECT_EQ(img.io.GetBit(0, 0, v), IOR_FAIL);
-  EXPECT_EQ(img.io.SetBit(0, 0), IOR_FAIL);
-  EXPECT_EQ(img.io.GetBitChanged(0, 0, v), IOR_FAIL);
+  for (IOResult r : {img.io.GetBit(0, 0, v), img.io.SetBit(0, 0), img.io.GetBitChanged(0, 0, v)})
+    EXPECT_EQ(r, IOR_FAIL);
   sim.init();
   EXPECT_FALSE(sim.has_error());
 
+  // A handler without hardware, and bytes past the simulated eight, fail.
   IOHandler base(3, "base");
   unsigned char byte = 0;
-  EXPECT_EQ(base.Get8(0, &byte), IOR_FAIL);
+  for (IOResult r : {base.Get8(0, &byte), base.Set64(0, &byte), sim.Get8(8, &byte), sim.Set8(8, &byte)})
+    EXPECT_EQ(r, IOR_FAIL);
   EXPECT_EQ(base.last_result, IOR_FAIL);
-  EXPECT_EQ(base.Set64(0, &byte), IOR_FAIL);
-  EXPECT_EQ(sim.Get8(8, &byte), IOR_FAIL);
-  EXPECT_EQ(sim.Set8(8, &byte), IOR_FAIL);
-  EXPECT_STREQ(sim.Name(), "Sim-IO");
 }
 
 }  // namespace

@@ -6,8 +6,9 @@
 #include <zlib.h>
 #include <zqcommon/logretention.h>
 
+#include "support/scratch_dir.h"
+
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,22 +19,17 @@ const std::time_t kNow = 1700000000;
 class LogRetentionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/zq-retention-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
     logcfg_.base = dir_ + "/app";
     logcfg_.ext = "log";
     logcfg_.create_perm = 0600;
+    logcfg_.autodate = 0;
   }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf " + dir_).c_str()), 0); }
 
   // A file of `bytes` bytes last written `days_ago` days before kNow.
-  std::string make(const std::string& name, size_t bytes, int days_ago) {
-    const std::string path = dir_ + "/" + name;
-    std::ofstream(path) << std::string(bytes, 'x');
+  void make(const std::string& name, size_t bytes, int days_ago) {
+    std::ofstream(dir_ + "/" + name) << std::string(bytes, 'x');
     const struct timespec t[2] = {{kNow - days_ago * 86400L, 0}, {kNow - days_ago * 86400L, 0}};
-    utimensat(AT_FDCWD, path.c_str(), t, 0);
-    return path;
+    utimensat(AT_FDCWD, (dir_ + "/" + name).c_str(), t, 0);
   }
   std::vector<std::string> names(const LogRetention& r) {
     std::vector<std::string> out;
@@ -41,17 +37,14 @@ class LogRetentionTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
+  ScratchDir scratch_;
+  const std::string dir_ = scratch_.path;
   Log_Config_Data logcfg_;
   LogRetention_Config_Data settings_;
 };
 
 TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
-  struct Case {
-    int files, days;
-    unsigned int bytes;
-    std::vector<std::string> kept;
-  } cases[] = {
+  struct Case { int files, days; unsigned int bytes; std::vector<std::string> kept; } cases[] = {
       {0, 0, 0, {"app-a.log", "app-b.log.gz", "app-c.log", "app.log"}},  // all off: nothing goes
       {2, 0, 0, {"app-c.log", "app.log"}},
       {0, 5, 0, {"app-c.log", "app.log"}},   // b is exactly 5 days old: older than 5 days goes
@@ -66,7 +59,6 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
     make("app-c.log", 100, 2);
     make("other.log", 100, 30);   // another base: never touched
     make("app-d.txt", 100, 30);   // another extension: never touched
-    logcfg_.autodate = 0;
     Log log(logcfg_);
     log.Start();  // app.log, written now
     log.Add(elog_INFO, 0, "%s", std::string(30, 'y').c_str());
@@ -77,8 +69,7 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
     LogRetention r(log, settings_);
     r.Apply(kNow + 3600);
     EXPECT_EQ(names(r), c.kept) << c.files << " files, " << c.days << " days, " << c.bytes << " bytes";
-    EXPECT_EQ(access((dir_ + "/other.log").c_str(), F_OK), 0);
-    EXPECT_EQ(access((dir_ + "/app-d.txt").c_str(), F_OK), 0);
+    EXPECT_EQ(access((dir_ + "/other.log").c_str(), F_OK) + access((dir_ + "/app-d.txt").c_str(), F_OK), 0);
     EXPECT_EQ(r.Failures(), 0u);
     ASSERT_EQ(std::system(("rm -f " + dir_ + "/*").c_str()), 0);
   }
@@ -87,7 +78,6 @@ TEST_F(LogRetentionTest, LimitsRemoveTheOldestFilesAndNeverTheCurrentOne) {
 TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) {
   settings_.compress = 1;
   settings_.max_files = 3;
-  logcfg_.autodate = 0;
   for (int run = 0; run < 2; ++run) {  // the second run is a restart on the same files
     Log log(logcfg_);
     log.fcount = 1 + run * 10;  // numbered files: app01.log, app02.log, ...
@@ -114,9 +104,8 @@ TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) 
     gzFile gz = gzopen(files[i].c_str(), "rb");
     ASSERT_NE(gz, nullptr);
     char text[256] = {};
-    const int n = gzread(gz, text, sizeof text - 1);
+    gzread(gz, text, sizeof text - 1);
     gzclose(gz);
-    EXPECT_GT(n, 0);
     EXPECT_NE(std::string(text).find(";I;0000000"), std::string::npos) << text;
     EXPECT_NE(std::string(text).find("run 1 file"), std::string::npos) << "the oldest went first";
   }
@@ -125,7 +114,6 @@ TEST_F(LogRetentionTest, RotationsAreNoticedCompressedAndLimitedAcrossRestarts) 
 
 TEST_F(LogRetentionTest, MidnightStartsANewFileOncePerLocalDay) {
   settings_.midnight = 1;
-  logcfg_.autodate = 0;
   Log log(logcfg_);
   log.Start();
   LogRetention r(log, settings_);

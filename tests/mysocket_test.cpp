@@ -1,13 +1,15 @@
-// Addresses, sockets, access lists, the listening socket and MAC addresses.
+// Addresses, sockets, access lists of both families, the listening socket
+// (also dual-stack) and MAC addresses.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "support/loopback.h"
+#include "support/scratch_dir.h"
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
+#include <memory>
 #include <thread>
 
 #include "zqcommon/mysocket.h"
@@ -35,8 +37,6 @@ TEST(InetAddress, LookupsAndTheirFailures) {
   InetAddress nowhere("no-such-host.invalid");
   EXPECT_TRUE(nowhere.AliasList().empty());
   EXPECT_EQ(nowhere.IPList(), std::vector<std::string>{"255.255.255.255"});
-  InetAddress copy = local;  // copies share the resolved entry
-  copy.update_lists();
 
   MySocketClient client;
   EXPECT_EQ(client.Connect("no-such-host.invalid", 1, true), -1);
@@ -46,42 +46,58 @@ TEST(InetAddress, LookupsAndTheirFailures) {
   EXPECT_FALSE(client.issetup);
 }
 
-TEST(AccessList, MasksAndRuleOrder) {
+TEST(AccessList, RulesOfBothFamiliesInOrder) {
   EXPECT_EQ(AccessList::str2ip("192.168.1.10"), 0xC0A8010Au);
   EXPECT_EQ(AccessList::str2ip("10.1"), 0x0A010000u);
-  InetAddress peer("10.1.2.3");
-  peer.Resolve("10.1.2.3", true);
-  InetAddress other("192.168.7.9");
-  other.Resolve("192.168.7.9", true);
-
-  AccessList empty;
-  EXPECT_EQ(empty.match(peer), ACL_DENY);
-
-  AccessList net(ACL_ALLOW, "10.0.0.0/8");
-  EXPECT_EQ(net.match(peer), ACL_ALLOW);
-  EXPECT_EQ(net.match(other), ACL_DENY);
-  AccessList dotted(ACL_ALLOW, "10.0.0.0", "255.0.0.0");
-  EXPECT_EQ(dotted.match(peer), ACL_ALLOW);
+  AccessList none, net(ACL_ALLOW, "10.0.0.0/8"), dotted(ACL_ALLOW, "10.0.0.0", "255.0.0.0");
   AccessList no_mask(ACL_ALLOW, "10.1.2.3");  // ignored: every rule needs a mask
-  EXPECT_EQ(no_mask.match(peer), ACL_DENY);
-  AccessList zero_prefix(ACL_ALLOW, "192.0.0.0/0.0.0.0");  // a first octet below 33 is a length
-  EXPECT_EQ(zero_prefix.match(peer), ACL_ALLOW);
+  AccessList short_mask(ACL_ALLOW, "192.0.0.0/0.0.0.0");  // a first octet below 33 is a length
+  AccessList any4(ACL_ALLOW, "0.0.0.0/0"), all4(ACL_ALLOW, "0.0.0.0/0"), all6(ACL_ALLOW, "::/0"), six;
+  all4.Add(ACL_DENY, "1.2.3.4/0");  // a deny rule with mask 0 refuses everyone
+  for (const char* rule : {"127.0.0.1/32", "::1/128", "2001:db8::/32", "::/129", "fe80::/x"}) {
+    six.Add(ACL_ALLOW, rule);  // the last two are not rules: ignored
+  }
+  six.Add(ACL_DENY, "fe80::/10");
+  const struct { AccessList& acl; const char* peer; ACL_Mode want; } cases[] = {
+      {none, "10.1.2.3", ACL_DENY},         {net, "10.1.2.3", ACL_ALLOW},        {net, "192.168.7.9", ACL_DENY},
+      {dotted, "10.1.2.3", ACL_ALLOW},      {no_mask, "10.1.2.3", ACL_DENY},     {short_mask, "10.1.2.3", ACL_ALLOW},
+      {all4, "192.168.7.9", ACL_DENY},      {six, "127.0.0.1", ACL_ALLOW},       {six, "::ffff:127.0.0.1", ACL_ALLOW},
+      {six, "::ffff:127.0.0.2", ACL_DENY},  {six, "127.0.0.2", ACL_DENY},        {six, "::1", ACL_ALLOW},
+      {six, "::2", ACL_DENY},               {six, "fe80::1", ACL_DENY},          {six, "2001:db8:ffff::1", ACL_ALLOW},
+      {six, "2001:db9::", ACL_DENY},        {six, "::", ACL_DENY},               {all6, "10.1.2.3", ACL_ALLOW},
+      {all6, "::5", ACL_ALLOW},             {all6, "::ffff:10.0.0.1", ACL_ALLOW}, {any4, "192.168.7.9", ACL_ALLOW},
+  };
+  for (const auto& c : cases) {
+    InetAddress peer(c.peer, true);
+    EXPECT_EQ(c.acl.match(peer), c.want) << c.peer;
+  }
+}
 
-  AccessList all(ACL_ALLOW, "0.0.0.0/0");
-  EXPECT_EQ(all.match(other), ACL_ALLOW);
-  all.Add(ACL_DENY, "1.2.3.4/0");  // a deny rule with mask 0 refuses everyone
-  EXPECT_EQ(all.match(other), ACL_DENY);
-
-  const std::string path = ::testing::TempDir() + "zq_acl.cfg";
-  std::ofstream(path) << "[hosts]\nallow = 192.168.0.0/16  10.1.2.3/32\ndeny = 192.168.7.0/255.255.255.0\n";
+TEST(AccessList, FilesAndTheCheckedLoadNamingEachBadLine) {
+  ScratchDir dir;
+  std::ofstream(dir / "plain") << "[hosts]\nallow = 192.168.0.0/16  10.1.2.3/32\ndeny = 192.168.7.0/255.255.255.0\n";
   AccessList file;
-  file.load_ACL(path);
-  EXPECT_EQ(file.match(peer), ACL_ALLOW);
-  EXPECT_EQ(file.match(other), ACL_DENY);
-  InetAddress near("192.168.8.1");
-  near.Resolve("192.168.8.1", true);
-  EXPECT_EQ(file.match(near), ACL_ALLOW);
-  std::remove(path.c_str());
+  file.load_ACL(dir / "plain");  // the deny rule wins inside the allowed network
+  for (const auto& [ip, want] : {std::pair<const char*, ACL_Mode>{"10.1.2.3", ACL_ALLOW},
+                                 {"192.168.7.9", ACL_DENY}, {"192.168.8.1", ACL_ALLOW}}) {
+    InetAddress peer(ip, true);
+    EXPECT_EQ(file.match(peer), want) << ip;
+  }
+
+  const std::string checked = dir / "checked";
+  std::ofstream(checked) << "# list\n[hosts]\nallow = 127.0.0.1/32 ::1/128\ndeny = ::1/129 10.0.0.1\n"
+                            "allow = localhost/32 10.0.0.0/255.0.0.0\nallo = 1.2.3.4/32\n";
+  AccessList acl;
+  std::vector<std::string> problems;
+  EXPECT_FALSE(acl.load_checked(checked, &problems));
+  const std::vector<std::string> starts = {":4: rule '::1/129'", ":4: rule '10.0.0.1'",
+                                           ":5: rule 'localhost/32'", ":6: unknown key"};
+  ASSERT_EQ(problems.size(), starts.size());
+  for (size_t i = 0; i < starts.size(); ++i) EXPECT_EQ(problems[i].rfind(checked + starts[i], 0), 0u) << problems[i];
+  InetAddress ten("10.9.8.7", true), six("::1", true);
+  EXPECT_EQ(acl.match(ten), ACL_ALLOW);  // the good rules were kept
+  EXPECT_EQ(acl.match(six), ACL_ALLOW);
+  EXPECT_FALSE(acl.load_checked("/nonexistent/acl", &problems));
 }
 
 TEST(MySocketServer, AcceptRefuseStopAndResume) {
@@ -126,6 +142,24 @@ TEST(MySocketServer, AcceptRefuseStopAndResume) {
   EXPECT_TRUE(server.Resume());  // listens again on the same interface
   EXPECT_GT(server.LocalPort(), 0);
   EXPECT_TRUE(server.isactive);
+}
+
+TEST(MySocketServer6, DualStackPeersAndFailClosedAddresses) {
+  std::string error;
+  MySocketServer bad;
+  EXPECT_FALSE(bad.ListenNumeric("localhost", 0, 5, &error));
+  EXPECT_NE(error.find("'localhost'"), std::string::npos) << error;
+  MySocketServer server;
+  if (!server.ListenNumeric("::", 0, 16, &error)) GTEST_SKIP() << "no IPv6 here: " << error;
+  server.SetPeerLookup(false);
+  EXPECT_EQ(server.LocalAddress(), "[::]:" + std::to_string(server.LocalPort()));
+  for (const char* host : {"127.0.0.1", "::1"}) {
+    MySocketClient client;
+    ASSERT_GE(client.ConnectAny(host, server.LocalPort()), 0) << host;
+    std::unique_ptr<MySocket> peer(server.WaitConnection());
+    ASSERT_NE(peer, nullptr);
+    EXPECT_EQ(peer->IPList().front(), std::string(host) == "::1" ? "::1" : "::ffff:127.0.0.1");
+  }
 }
 
 TEST(MacAddress, LoopbackAndUnknownInterfaces) {

@@ -3,56 +3,34 @@
 
 #include <climits>
 #include <cstdlib>
+#include <tuple>
 
 #include "zqcommon/functions.h"
 
-TEST(VbLike, GetExtTokenSkipsSeparatorsInsideQuotes) {
-  std::string s = "a,\"b,c\",d";
-  EXPECT_EQ(GetExtToken(&s, ","), "a");
-  EXPECT_EQ(GetExtToken(&s, ","), "\"b,c\"");
-  EXPECT_EQ(GetExtToken(&s, ","), "d");
-  EXPECT_EQ(s, "");
-  EXPECT_EQ(GetExtToken(&s, ","), "");
-
-  std::string none = " x y ";
-  EXPECT_EQ(GetExtToken(&none, ";"), " x y ");
-  EXPECT_EQ(none, "");
-
-  // A quote after one backslash does not open a quoted part; after two it does.
-  std::string escaped = "a\\\",b";
-  EXPECT_EQ(GetExtToken(&escaped, ","), "a\\\"");
-  std::string doubled = "a\\\\\",b\",c";
-  EXPECT_EQ(GetExtToken(&doubled, ","), "a\\\\\",b\"");
-  EXPECT_EQ(doubled, "c");
-
-  std::string multi = "k::v::w";
-  EXPECT_EQ(GetExtToken(&multi, "::"), "k");
-  EXPECT_EQ(multi, "v::w");
-
+TEST(VbLike, TokensSkipSeparatorsInsideQuotes) {
+  // Input, separator -> first token and what is left. A quote after one
+  // backslash does not open a quoted part; after two it does.
+  const struct { const char *in, *sep, *token, *rest; } ext[] = {
+      {"a,\"b,c\",d", ",", "a", "\"b,c\",d"}, {"\"b,c\",d", ",", "\"b,c\"", "d"}, {"d", ",", "d", ""},
+      {"", ",", "", ""}, {" x y ", ";", " x y ", ""}, {"a\\\",b", ",", "a\\\"", "b"},
+      {"a\\\\\",b\",c", ",", "a\\\\\",b\"", "c"}, {"k::v::w", "::", "k", "v::w"}, {"abc", "", "abc", ""},
+  };
+  for (const auto& c : ext) {
+    std::string s = c.in;
+    EXPECT_EQ(GetExtToken(&s, c.sep), c.token) << c.in;
+    EXPECT_EQ(s, c.rest) << c.in;
+  }
   EXPECT_EQ(GetExtToken(nullptr, ","), "");
-  std::string empty_sep = "abc";
-  EXPECT_EQ(GetExtToken(&empty_sep, ""), "abc");
-  EXPECT_EQ(empty_sep, "");
-}
 
-TEST(VbLike, GetTokenKeepsLeadingBlanks) {
-  std::string s = "  one two";
-  EXPECT_EQ(GetToken(&s), "  one");
-  EXPECT_EQ(s, "two");
-  EXPECT_EQ(GetToken(&s), "two");
-  EXPECT_EQ(s, "");
-
-  std::string q = "\"a b\"  c";
-  EXPECT_EQ(GetToken(&q), "\"a b\"");
-  EXPECT_EQ(q, "c");
-
-  std::string trailing = "word \t ";
-  EXPECT_EQ(GetToken(&trailing), "word");
-  EXPECT_EQ(trailing, "");
-
-  std::string blanks = "   ";
-  EXPECT_EQ(GetToken(&blanks), "   ");
-  EXPECT_EQ(blanks, "");
+  // GetToken keeps leading blanks and splits at blanks outside quotes.
+  const std::pair<const char*, const char*> plain[][2] = {
+      {{"  one two", "  one"}, {"two", ""}}, {{"\"a b\"  c", "\"a b\""}, {"c", ""}},
+      {{"word \t ", "word"}, {"", ""}},     {{"   ", "   "}, {"", ""}}};
+  for (const auto& c : plain) {
+    std::string s = c[0].first;
+    EXPECT_EQ(GetToken(&s), c[0].second) << c[0].first;
+    EXPECT_EQ(s, c[1].first) << c[0].first;
+  }
   EXPECT_EQ(GetToken(nullptr), "");
 }
 
@@ -60,72 +38,50 @@ TEST(VbLike, TrimmingNeverReadsBeforeTheStart) {
   std::string blanks = "  \t ";
   EXPECT_EQ(trim(blanks), "");
   for (const char* arg : {"", " ", "\t\n\r\v\f "}) {
-    EXPECT_EQ(Trim(arg), "");
-    EXPECT_EQ(Clean(arg), "");
-    EXPECT_EQ(LTrim(arg), "");
-    EXPECT_EQ(RTrim(arg), "");
-    EXPECT_EQ(RClean(arg), "");
-    EXPECT_EQ(LClean(arg), "");
+    for (auto f : {Trim, Clean, LTrim, RTrim, RClean, LClean}) EXPECT_EQ(f(arg), "") << arg;
   }
   EXPECT_EQ(LTrim("  a b  "), "a b  ");
   EXPECT_EQ(RTrim("  a b  "), "  a b");
   EXPECT_EQ(Trim("\xA0x\xA0"), "\xA0x\xA0");  // bytes above 127 are not blanks
-
-  std::string text = "\r\nabc\r\n";
-  EXPECT_EQ(chop(text), "abc");
-  std::string only_ends = "\r\n\n\r";
-  EXPECT_EQ(chop(only_ends), "");
-  std::string inner = "a\r\nb";
-  EXPECT_EQ(chop(inner), "a\r\nb");
+  for (const auto& [in, out] : {std::pair<std::string, std::string>{"\r\nabc\r\n", "abc"},
+                                {"\r\n\n\r", ""}, {"a\r\nb", "a\r\nb"}}) {
+    std::string text = in;
+    EXPECT_EQ(chop(text), out);
+  }
 }
 
-TEST(VbLike, QuoteEscapesControlsButNotQuotesOrBackslashes) {
-  EXPECT_EQ(quote("a\tb"), "\"a\\tb\"");
-  EXPECT_EQ(quote(std::string("\0\a\b\n\v\f\r", 7)), "\"\\0\\a\\b\\n\\v\\f\\r\"");
+TEST(VbLike, QuotingBothWays) {
+  // quote escapes controls but not quotes, backslashes or high bytes.
+  EXPECT_EQ(quote(std::string("a\t\0\a\b\n\v\f\r", 9)), "\"a\\t\\0\\a\\b\\n\\v\\f\\r\"");
   EXPECT_EQ(quote("\x1b"), "\"\\33\"");
   EXPECT_EQ(quote("say \"hi\" \\"), "\"say \"hi\" \\\"");
   EXPECT_EQ(quote("\xE4"), "\"\xE4\"");
+  // dequote: a named escape is followed by an octal read; a trailing backslash
+  // and unknown escapes give nothing; a decoded quote is then stripped.
+  const std::pair<const char*, std::string> back[] = {
+      {"\"x\\ty\"", "x\ty"}, {"\\101", "A"}, {"\\0", std::string("\0\0", 2)}, {"a\\", "a"},
+      {"\\q", ""}, {"\\\\n", "\\n"}, {"\\\"", ""}, {"", ""}, {"\"\"", ""}, {"\"only", "only"}};
+  for (const auto& [in, out] : back) EXPECT_EQ(dequote(in), out) << in;
+
+  // brace_check answers true for a fault.
+  using Check = bool (*)(const std::string&);
+  const std::tuple<Check, const char*, bool> checks[] = {
+      {IsQuoted, "  \"x\"", true},       {IsQuoted, "x\"", false},         {IsQuoted, "   ", false},
+      {quote_check, " \"a\" \"b\"", true}, {quote_check, "\"a", false},      {quote_check, "\"a\\\"\"", true},
+      {brace_check, "f(a[1])", false},   {brace_check, ")(", true},         {brace_check, "f(\")\")", false},
+      {brace_check, "{[}", true}};
+  for (const auto& [check, text, want] : checks) EXPECT_EQ(check(text), want) << text;
 }
 
-TEST(VbLike, DequoteDecodesEscapesAndOctalNumbers) {
-  EXPECT_EQ(dequote("\"x\\ty\""), "x\ty");
-  EXPECT_EQ(dequote("\\101"), "A");
-  EXPECT_EQ(dequote("\\0"), std::string("\0\0", 2));  // named escape plus the octal read
-  EXPECT_EQ(dequote("a\\"), "a");                      // trailing backslash dropped
-  EXPECT_EQ(dequote("\\q"), "");                       // unknown escape gives nothing
-  EXPECT_EQ(dequote("\\\\n"), "\\n");
-  EXPECT_EQ(dequote("\\\""), "");  // the decoded quote is then stripped as leading quote
-  EXPECT_EQ(dequote(""), "");
-  EXPECT_EQ(dequote("\"\""), "");
-  EXPECT_EQ(dequote("\"only"), "only");
-}
-
-TEST(VbLike, QuoteAndBraceChecks) {
-  EXPECT_TRUE(IsQuoted("  \"x\""));
-  EXPECT_FALSE(IsQuoted("x\""));
-  EXPECT_FALSE(IsQuoted("   "));
-  EXPECT_TRUE(quote_check(" \"a\" \"b\""));
-  EXPECT_FALSE(quote_check("\"a"));
-  EXPECT_TRUE(quote_check("\"a\\\"\""));
-  EXPECT_FALSE(brace_check("f(a[1])"));
-  EXPECT_TRUE(brace_check(")("));
-  EXPECT_FALSE(brace_check("f(\")\")"));
-  EXPECT_TRUE(brace_check("{[}"));
-}
-
-TEST(VbLike, ReplaceNeverSearchesInsertedText) {
+TEST(VbLike, ReplaceNumbersAndText) {
   std::string s = "banana";
-  EXPECT_EQ(replace(s, "a", "aa"), "baanaanaa");
+  EXPECT_EQ(replace(s, "a", "aa"), "baanaanaa");  // inserted text is not searched
   EXPECT_EQ(Replace("x-y-z", "-", ""), "xyz");
   EXPECT_EQ(Replace("abc", "", "z"), "abc");
-}
-
-TEST(VbLike, NumbersAndText) {
   for (const char* yes : {"0x10", "017", "-5", "1.5e3", " 7"}) EXPECT_TRUE(IsNumeric(yes)) << yes;
   for (const char* no : {"", "1,5", "12 ", "x"}) EXPECT_FALSE(IsNumeric(no)) << no;
   EXPECT_TRUE(IsText("abc"));
   for (const char* no : {"Abc", "", "ab1", "a b", "\xE4"}) EXPECT_FALSE(IsText(no)) << no;
-  EXPECT_EQ(itostr(-42), "-42");
   EXPECT_EQ(itostr(INT_MIN), "-2147483648");
   EXPECT_FALSE(Like("a", "a"));
   EXPECT_EQ(dehex("41"), "");
@@ -140,9 +96,7 @@ static long make_sec_loop(int year, int month, int day) {
     day = std::abs(day);
     month = std::abs(month);
     if (day != 0) result = (day - 1) * 86400L;
-    for (int m = 2; m <= month && m <= 12; ++m) {
-      result += ((m - 1 == 2 && leap) ? 29 : len[m - 2]) * 86400L;
-    }
+    for (int m = 2; m <= month && m <= 12; ++m) result += ((m - 1 == 2 && leap) ? 29 : len[m - 2]) * 86400L;
   }
   return result;
 }
