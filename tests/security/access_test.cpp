@@ -1,14 +1,10 @@
 // Certificate TLS contexts and handshakes, the users file, login throttling,
 // and the interpreter's session streams and command levels.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <string>
 
 #include "zqcommon/cli.h"
 #include "zqsecurity/loginthrottle.h"
@@ -55,11 +51,7 @@ std::shared_ptr<TLSContext> context(const Folder& f, bool server, const char* ke
 TEST(TLSContext, LoadTimeChecksNameTheFileAndTheReason) {
   Folder f;
   chmod((f / "b.key").c_str(), 0644);
-  struct Case {
-    const char* key;
-    const char* value;
-    const char* expect;
-  } cases[] = {
+  const struct { const char *key, *value, *expect; } cases[] = {
       {"CertificateFile", "missing.pem", "missing.pem: no such file"},
       {"KeyFile", "b.key", "b.key: readable by group or others"},
       {"MinVersion", "1.1", "MinVersion '1.1'"},
@@ -67,7 +59,7 @@ TEST(TLSContext, LoadTimeChecksNameTheFileAndTheReason) {
       {"Ciphers", "NOSUCHCIPHER", "Ciphers 'NOSUCHCIPHER'"},
       {"CAFile", "a.key", "CAFile"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     TLSSettings s;
     s.CertificateFile = f / "a.pem";
     s.KeyFile = f / "a.key";
@@ -137,16 +129,14 @@ TEST(UserFile, SaveLoadVerifyAndRefusedLines) {
   EXPECT_EQ(UserLevel(f / "users", "otto"), kOperator);
 
   const std::string hash = UserFile::MakeHash("x");
-  struct Case {
-    std::string text, expect;
-  } cases[] = {
+  const struct { std::string text, expect; } cases[] = {
       {"[users]\nbob = king:" + hash, ":2: unknown level"},
       {"[users]\n\nbob = admin:md5$abc", ":3: malformed hash"},
       {"[users]\nbob = admin:scrypt$1073741824$8$1$00$00", ":2: malformed hash"},  // a cost nobody should pay
       {"[users]\nb/b = admin:" + hash, ":2: invalid user name"},
       {"[users]\njust text", ":2: expected name = level:hash"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::ofstream(f / "bad") << c.text << "\n";
     EXPECT_FALSE(loaded.Load(f / "bad", error));
     EXPECT_NE(error.find(c.expect), std::string::npos) << error;
@@ -183,35 +173,29 @@ TEST(CLI, SessionStreamsAndCommandLevels) {
   cli.Register([](void*, int, const char**) { return 0; }, nullptr, "wipeall", nullptr, "wipeall");
   cli.SetCommandLevel("wipeall", 3);
   cli.SetSessionLevel(1);
-  struct Case {
-    const char* line;
-    bool runs;
-  } cases[] = {{"io", true}, {"io get 1", true}, {"io set 1", false}, {"io  set 1", false}, {"help", true}};
-  for (const Case& c : cases) {
-    std::string line = c.line;
+  // What the lines print, from the start of the output file.
+  auto output_of = [&](std::initializer_list<const char*> lines) {
+    for (std::string line : lines) cli.parse(line);
+    std::fflush(out);
+    std::rewind(out);
+    std::string text(8192, '\0');
+    text.resize(std::fread(&text[0], 1, text.size(), out));
+    return text;
+  };
+  const struct { const char* line; bool runs; } cases[] = {
+      {"io", true}, {"io get 1", true}, {"io set 1", false}, {"io  set 1", false}};
+  for (const auto& c : cases) {
     const int before = runs;
-    cli.parse(line);
-    EXPECT_EQ(runs != before || std::string(c.line) == "help", c.runs) << c.line;
+    output_of({c.line});
+    EXPECT_EQ(runs != before, c.runs) << c.line;
   }
-  std::string line = "help nosuch";
-  cli.parse(line);
-  std::fflush(out);
-  std::rewind(out);
-  char buf[4096] = {};
-  std::fread(buf, 1, sizeof buf - 1, out);
-  const std::string text = buf;
+  const std::string text = output_of({"help", "help nosuch"});
   EXPECT_NE(text.find("io: not permitted for this session"), std::string::npos) << text;
   EXPECT_NE(text.find("Possible commands"), std::string::npos);
   EXPECT_NE(text.find("Unknown command: nosuch"), std::string::npos);
   EXPECT_EQ(text.find("wipeall"), std::string::npos) << text;
   cli.SetSessionLevel(3);
-  line = "help";
-  cli.parse(line);
-  std::fflush(out);
-  std::fseek(out, static_cast<long>(text.size()), SEEK_SET);
-  std::fill(buf, buf + sizeof buf, 0);
-  std::fread(buf, 1, sizeof buf - 1, out);
-  EXPECT_NE(std::string(buf).find("wipeall"), std::string::npos) << buf;
+  EXPECT_NE(output_of({"help"}).find("wipeall", text.size()), std::string::npos);
   std::fclose(out);
   std::fclose(in);
 }

@@ -3,16 +3,14 @@
 // the station's end-to-end script.)
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
+#include <optional>
 #include <thread>
 
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/dh.h>
-
-#include <atomic>
 
 #include "support/child_process.h"
 #include "zqcommon/bug.h"
@@ -24,76 +22,60 @@ using ZQSecurity::SSLConnection;
 
 namespace {
 
-constexpr int kWait = 10 * Connection::wait_1s;
-
-// Runs the Python peer.
-struct Peer : ChildProcess {
-  explicit Peer(const std::vector<std::string>& args)
-      : ChildProcess(with_script(args)) {}
-  // The port the peer listens on; 0 when it did not start.
-  int port() {
-    int port = 0;
-    return out() != nullptr && std::fscanf(out(), "%d", &port) == 1 ? port : 0;
-  }
-  static std::vector<std::string> with_script(std::vector<std::string> args) {
-    args.insert(args.begin(), {"python3", ZQ_TLS_PEER});
-    return args;
-  }
+// DEBUG_LEVEL at `level` for a scope.
+struct DebugLevel {
+  int saved = DEBUG_LEVEL;
+  explicit DebugLevel(int level) { DEBUG_LEVEL = level; }
+  ~DebugLevel() { DEBUG_LEVEL = saved; }
 };
 
 std::string line_of(Connection& c) {
   std::string line;
-  c.readln(line, false, kWait);
+  c.readln(line, false, 10 * Connection::wait_1s);
   return line;
 }
 
-// One side of the exchange on an open connection.
-void serve_exchange(Connection& c) {
-  EXPECT_EQ(line_of(c), "PLAIN hello");
-  c.writeln("PLAIN ok");
-  EXPECT_EQ(line_of(c), "STARTTLS");
-  c.writeln("GO");
-  EXPECT_EQ(c.flush(), 0);
-  c.SSL_setup(true, "", "", "");
-  ASSERT_TRUE(c.SSL_start_TLS(true));
+// Either side of the exchange on an open connection: clear text, the switch
+// to TLS, and a line each way encrypted.
+void exchange(Connection& c, bool server) {
+  if (server) {
+    EXPECT_EQ(line_of(c), "PLAIN hello");
+    c.writeln("PLAIN ok");
+    EXPECT_EQ(line_of(c), "STARTTLS");
+    c.writeln("GO");
+    EXPECT_EQ(c.flush(), 0);
+  } else {
+    c.writeln("PLAIN hello");
+    EXPECT_EQ(line_of(c), "PLAIN ok");
+    c.writeln("STARTTLS");
+    EXPECT_EQ(line_of(c), "GO");
+  }
+  c.SSL_setup(server, "", "", "");
+  ASSERT_TRUE(c.SSL_start_TLS(server));
   EXPECT_TRUE(c.IsEncrypted());
-  EXPECT_EQ(line_of(c), "SECRET ping");
-  c.writeln("SECRET pong");
+  if (!server) c.writeln("SECRET ping");
+  EXPECT_EQ(line_of(c), server ? "SECRET ping" : "SECRET pong");
+  if (server) c.writeln("SECRET pong");
   EXPECT_EQ(c.flush(), 0);
-}
-
-void client_exchange(Connection& c) {
-  c.writeln("PLAIN hello");
-  EXPECT_EQ(line_of(c), "PLAIN ok");
-  c.writeln("STARTTLS");
-  EXPECT_EQ(line_of(c), "GO");
-  c.SSL_setup(false, "", "", "");
-  ASSERT_TRUE(c.SSL_start_TLS(false));
-  EXPECT_TRUE(c.IsEncrypted());
-  c.writeln("SECRET ping");
-  EXPECT_EQ(line_of(c), "SECRET pong");
 }
 
 }  // namespace
 
 TEST(SSLConnection, OurClientAgainstPythonServer) {
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = -1;
-  Peer peer({"server"});
-  const int port = peer.port();
-  ASSERT_GT(port, 0);
+  DebugLevel quiet(-1);
+  ChildProcess peer({"python3", ZQ_TLS_PEER, "server"});
+  int port = 0;
+  ASSERT_TRUE(peer.out() != nullptr && std::fscanf(peer.out(), "%d", &port) == 1 && port > 0);
   MySocketClient client;
   ASSERT_GE(client.Connect("127.0.0.1", port, true), 0);
   SSLConnection c;
   ASSERT_TRUE(c.SetSocket(&client.sock));
-  client_exchange(c);
+  exchange(c, false);
   EXPECT_EQ(peer.wait(), 0);
-  DEBUG_LEVEL = saved;
 }
 
 TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = -1;
+  std::optional<DebugLevel> quiet(-1);
   MySocketServer server;
   ASSERT_TRUE(server.Start("127.0.0.1", 0, 5));
   std::thread server_side([&] {
@@ -101,7 +83,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
     {
       SSLConnection c;  // holds a pointer to s->sock: goes before s
       c.SetSocket(&s->sock);
-      serve_exchange(c);
+      exchange(c, true);
       EXPECT_EQ(line_of(c), "bye");
     }
     delete s;
@@ -110,7 +92,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   ASSERT_GE(client.Connect("127.0.0.1", server.LocalPort(), true), 0);
   SSLConnection c;
   c.SetSocket(&client.sock);
-  client_exchange(c);
+  exchange(c, false);
   // An encrypted read with a time-out waits like a clear one.
   std::string idle;
   EXPECT_EQ(c.readln(idle, false, 50 * Connection::wait_1ms), -2);
@@ -129,7 +111,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   }
   signal(SIGPIPE, old_action);
   EXPECT_FALSE(c.IsConnected());
-  DEBUG_LEVEL = saved;
+  quiet.reset();
 
   // Without SSL_setup the switch is refused and clear text goes on.
   int sv[2];
@@ -181,8 +163,7 @@ TEST(SSLSetup, LockTableAndDHGroups) {
   ZQSecurity::locking_callback(0, 7, __FILE__, __LINE__);
   EXPECT_NE(ZQSecurity::id_callback(), 0u);
 
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = 0;
+  std::optional<DebugLevel> loud(0);
   ::testing::internal::CaptureStderr();
   DH* a = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
   DH* b = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
@@ -193,7 +174,7 @@ TEST(SSLSetup, LockTableAndDHGroups) {
             "tmp_dh_callback for keylen 777 called!\n"
             "tmp_dh_callback wants keylen 777, which is not provided!\n"
             "tmp_dh_callback for keylen 4096 called!\n");
-  DEBUG_LEVEL = saved;
+  loud.reset();
   EXPECT_NE(a, nullptr);
   EXPECT_EQ(a, b);  // cached
   EXPECT_EQ(odd, big);  // the strongest group
