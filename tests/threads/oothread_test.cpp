@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include "support/eventually.h"
@@ -16,40 +14,33 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double ms_since(Clock::time_point t0) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
 struct Guarded : lockable {};
 
-// Holds `lock` on another thread for `hold_ms`.
+// Holds `lock` on another thread for `hold_ms`, once `held` is seen true.
 std::thread hold(lockable& lock, int hold_ms, std::atomic<bool>& held) {
-  return std::thread([&lock, hold_ms, &held] {
+  std::thread t([&lock, hold_ms, &held] {
     lock.lock();
     held = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(hold_ms));
+    usleep(hold_ms * 1000);
     held = false;
     lock.unlock();
   });
+  EXPECT_TRUE(eventually([&] { return held.load(); }));
+  return t;
 }
 
 // Counts until told to stop; polls the cancel bit.
 struct Counter : thread {
   std::atomic<long> count{0};
-  std::atomic<bool> cleaned{false}, cleaned_cancelled{false};
-  std::atomic<bool> exit_self{false};
-  ~Counter() override { stop(); }
-  void stop() {
+  std::atomic<bool> cleaned{false}, cleaned_cancelled{false}, exit_self{false};
+  ~Counter() override {
     SetCancel();
     for (int i = 0; i < 2000 && IsRunning() && !IsSuspended(); ++i) usleep(1000);
   }
   void* run(void* arg) override {
-    while (!IsCancelled() || exit_self) {
+    for (; !IsCancelled() || exit_self; usleep(200)) {
       ++count;
       if (exit_self) ExitIfCancelled();
-      usleep(200);
     }
     return arg;
   }
@@ -63,7 +54,6 @@ struct Quick : thread {
   void* run(void* arg) override { return arg; }
 };
 
-
 }  // namespace
 
 TEST(Lockable, LockedAndTrylockFromOtherThreads) {
@@ -73,25 +63,21 @@ TEST(Lockable, LockedAndTrylockFromOtherThreads) {
   g.lock();  // recursive
   EXPECT_FALSE(g.locked());  // the holder never sees its own lock as taken
   EXPECT_TRUE(g.trylock(0));
-  g.unlock();
-  g.unlock();
-  g.unlock();
+  for (int i = 0; i < 3; ++i) g.unlock();
 
   std::atomic<bool> held{false};
   std::thread holder = hold(g, 300, held);
-  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.locked());
   EXPECT_FALSE(g.trylock(0));
-  const auto t0 = Clock::now();
+  const auto t0 = std::chrono::steady_clock::now();
   EXPECT_FALSE(g.trylock(50));
-  EXPECT_GE(ms_since(t0), 45.0);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(45));
   EXPECT_TRUE(g.trylock(-1));  // waits for the holder
   EXPECT_FALSE(held);
   g.unlock();
   holder.join();
 
   std::thread brief = hold(g, 20, held);
-  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.trylock(5000));
   g.unlock();
   brief.join();
@@ -146,17 +132,12 @@ TEST(Thread, JoinWaitsOnlyForAPlainRunningThread) {
 }
 
 TEST(Thread, JoinAndExitIfCancelled) {
-  struct Sleeper : thread {
-    std::atomic<bool> go{false};
-    void* run(void*) override {
-      while (!go) usleep(500);
-      return nullptr;
-    }
-  } s;
+  Counter s;
+  s.exit_self = true;  // runs until cancelled, then ends itself
   s.Start(nullptr);
   std::thread release([&] {
     usleep(20000);
-    s.go = true;
+    s.SetCancel();
   });
   s.Join();  // waits for the body
   release.join();
