@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 
 #include "zqmath/Angle.h"
 #include "zqmath/amoeba.h"
@@ -17,16 +16,14 @@ TEST(CVector, DummiesResizingAndOperations) {
   v[3] = 99.0;  // the dummy takes the write
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Vector Access to Element:: 3 denied:\n");
   EXPECT_EQ(v[2], 3.0);
-  CVector<double> w(5);
-  for (int i = 0; i < 5; ++i) w[i] = i;
-  w.ReSize(2);
-  w.ReSize(5);  // the same storage: the first two values remain
-  EXPECT_EQ(w[1], 1.0);
-  EXPECT_EQ(w.Dim(), 5);
   CVector<double> copy = v;
   EXPECT_EQ(copy * v, 14.0);
   EXPECT_DOUBLE_EQ(v.Norm2(), std::sqrt(14.0));
   EXPECT_EQ(v.NormMax(), 3.0);
+  copy.ReSize(1);
+  copy.ReSize(3);  // the same storage: the first value remains
+  EXPECT_EQ(copy[0], 1.0);
+  EXPECT_EQ(copy.Dim(), 3);
   copy.clear();
   EXPECT_EQ(copy.NormMax(), 0.0);
 }
@@ -63,13 +60,10 @@ TEST(CMatrix, DummiesSwapsAndProducts) {
 
 namespace {
 double line_model(void*, const CVector<double>& m, const CVector<double>& p) {
-  const double r = p(0) * m(0) + p(1) - m(1);
-  return r * r;
+  return std::pow(p(0) * m(0) + p(1) - m(1), 2);
 }
 double zero_model(void*, const CVector<double>&, const CVector<double>&) { return 0.0; }
-double noise_model(void*, const CVector<double>&, const CVector<double>&) {
-  return std::rand() / static_cast<double>(RAND_MAX);
-}
+double noise_model(void*, const CVector<double>&, const CVector<double>&) { return std::rand() / (RAND_MAX + 1.0); }
 }  // namespace
 
 TEST(Amoeba, FitsAndItsBoundaries) {
@@ -100,9 +94,9 @@ TEST(Amoeba, FitsAndItsBoundaries) {
   testing::internal::CaptureStderr();
   fit(nullptr, one, noise_model, params, &nfunk, &chi);
   const std::string err = testing::internal::GetCapturedStderr();
-  size_t count = 0;
-  for (size_t p = 0; (p = err.find("NMAX exceeded\n", p)) != std::string::npos; ++p) ++count;
-  EXPECT_EQ(count, 16u);
+  std::string sixteen;
+  for (int i = 0; i < 16; ++i) sixteen += "NMAX exceeded\n";
+  EXPECT_EQ(err, sixteen);
   EXPECT_GE(nfunk, 16 * 50000);
 }
 
@@ -111,8 +105,7 @@ TEST(NumericTools, DivisorsFactorialAndGenerators) {
   EXPECT_EQ(ggT(0, 5), 5);
   EXPECT_EQ(kgV(4, 6), 12);
   EXPECT_EQ(kgV(-4, 6), -12);
-  EXPECT_EQ(Fak(0), 1);
-  EXPECT_EQ(Fak(1), 1);
+  EXPECT_EQ(Fak(0) + Fak(1), 2);
   EXPECT_EQ(Fak(12), 479001600);
   EXPECT_EQ(Fak(13), static_cast<int32_t>(6227020800LL));  // wraps as 32-bit
 
@@ -133,8 +126,6 @@ TEST(NumericTools, DivisorsFactorialAndGenerators) {
 }
 
 TEST(NumericTools, GammaAgainstTheStandardLibrary) {
-  EXPECT_NEAR(LnGamma(1.0), 0.0, 1e-10);
-  EXPECT_NEAR(LnGamma(2.0), 0.0, 1e-10);
   for (double x = 0.5; x <= 100.0; x += 0.37) {
     ASSERT_NEAR(LnGamma(x), std::lgamma(x), 1e-10 * std::max(1.0, std::fabs(std::lgamma(x)))) << x;
   }
@@ -151,9 +142,7 @@ TEST(NumericTools, GammaAgainstTheStandardLibrary) {
     const double want = std::tgamma(x);
     ASSERT_NEAR(FGamma(x), want, 1e-13 * std::fabs(want)) << x;
   }
-  EXPECT_TRUE(std::isinf(FGamma(171.0)));
-  EXPECT_TRUE(std::isinf(FGamma(-2.0)));
-  EXPECT_TRUE(std::isinf(FGamma(0.0)));
+  for (double pole_or_overflow : {171.0, -2.0, 0.0}) EXPECT_TRUE(std::isinf(FGamma(pole_or_overflow)));
 }
 
 TEST(AngleClass, ConversionsAndNormalisation) {
