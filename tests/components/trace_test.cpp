@@ -12,24 +12,19 @@ using namespace components;
 
 namespace {
 
+// Samples "<base + cycle>;x" in every cycle it is asked to.
 struct Values : Traceable {
   explicit Values(int base) : base_(base) {}
   std::vector<TraceBinarySample> recorded;
   void SetTraceBuffer(void*, unsigned int) override {}
   void Sample(unsigned int cycle, const TIME& t) override {
-    TraceBinarySample s;
-    s.cycle = cycle;
-    s.systime = t;
-    s.data = std::to_string(base_ + static_cast<int>(cycle)) + ";x";
-    recorded.push_back(s);
+    recorded.push_back({cycle, t, std::to_string(base_ + static_cast<int>(cycle)) + ";x"});
   }
   void Clear() override { recorded.clear(); }
   unsigned int Size() override { return static_cast<unsigned>(recorded.size()); }
   unsigned int MaxSize() override { return 100; }
   std::string GetPrintable() override { return ""; }
-  void GetBinary(std::vector<TraceBinarySample>& out) override {
-    out.insert(out.end(), recorded.begin(), recorded.end());
-  }
+  void GetBinary(std::vector<TraceBinarySample>& out) override { out.insert(out.end(), recorded.begin(), recorded.end()); }
   int base_;
 };
 
@@ -38,11 +33,22 @@ std::string read_file(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
+// A fresh folder below the test's temporary folder.
+std::string scratch() {
+  std::string pattern = ::testing::TempDir() + "zqctXXXXXX";
+  return mkdtemp(&pattern[0]);
+}
+
+// Points trace `i` at `file`, to be dumped once.
+void dump_to(TraceManager& tm, unsigned i, const char* file) {
+  tm.GetTraceData(i).SetFile(file);
+  tm.GetTraceData(i).SetFileCount(1);
+}
+
 }  // namespace
 
 TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
-  std::string pattern = ::testing::TempDir() + "zqctXXXXXX";
-  const fixed_string path(mkdtemp(&pattern[0]));
+  const fixed_string path(scratch());
   TraceData slots[4];
   TraceManager tm(4, slots, path);
   Values a(100), b(200), c(300);
@@ -53,8 +59,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   EXPECT_EQ(tm.FindTrace("zz"), TraceManager::kNone);
   for (unsigned i = 0; i < 3; ++i) {
     tm.GetTraceData(i).SetActive(true);
-    tm.GetTraceData(i).SetFile("shared.csv");
-    tm.GetTraceData(i).SetFileCount(1);
+    dump_to(tm, i, "shared.csv");
   }
   tm.GetTraceData(0).SetGranularity(2);
   for (unsigned cycle = 1; cycle <= 4; ++cycle) tm.Sample(cycle, 1000 + cycle);
@@ -82,8 +87,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
 }
 
 TEST(ComponentTrace, DumpPathsAndFailures) {
-  std::string pattern = ::testing::TempDir() + "zqcwXXXXXX";
-  const std::string dir = mkdtemp(&pattern[0]);
+  const std::string dir = scratch();
   char old_cwd[4096];
   ASSERT_NE(getcwd(old_cwd, sizeof old_cwd), nullptr);
   ASSERT_EQ(chdir(dir.c_str()), 0);
@@ -95,10 +99,8 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   tm.AddTrace(b, "b");
   a.Sample(1, 2);
   b.Sample(1, 2);
-  tm.GetTraceData(0).SetFile("here.csv");
-  tm.GetTraceData(0).SetFileCount(1);
-  tm.GetTraceData(1).SetFile("no/such/dir.csv");
-  tm.GetTraceData(1).SetFileCount(1);
+  dump_to(tm, 0, "here.csv");
+  dump_to(tm, 1, "no/such/dir.csv");
   ::testing::internal::CaptureStderr();
   tm.Dump();
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
