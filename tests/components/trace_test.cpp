@@ -24,7 +24,9 @@ struct Values : Traceable {
   unsigned int Size() override { return static_cast<unsigned>(recorded.size()); }
   unsigned int MaxSize() override { return 100; }
   std::string GetPrintable() override { return ""; }
-  void GetBinary(std::vector<TraceBinarySample>& out) override { out.insert(out.end(), recorded.begin(), recorded.end()); }
+  void GetBinary(std::vector<TraceBinarySample>& out) override {
+    out.insert(out.end(), recorded.begin(), recorded.end());
+  }
   int base_;
 };
 

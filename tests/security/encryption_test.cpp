@@ -22,8 +22,8 @@ TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
   // Key and vector for "open sesame" computed independently from the
   // published definition of EVP_BytesToKey (Python, hashlib RIPEMD-160, three
   // iterations, the first eight bytes of the fixed salt text).
-  const unsigned char key[] = {0xd6, 0x25, 0x6c, 0x00, 0xc2, 0x5d, 0xda, 0x16, 0x55, 0xff, 0x1e, 0x22, 0x19, 0x99, 0x4a, 0xfd};
-  const unsigned char iv[] = {0x33, 0x91, 0xec, 0xdd, 0x06, 0xbe, 0xdf, 0x8d, 0xbf, 0x5f, 0x0c, 0x87, 0x00, 0x03, 0x0d, 0xf2};
+  const unsigned char key[] = "\xd6\x25\x6c\x00\xc2\x5d\xda\x16\x55\xff\x1e\x22\x19\x99\x4a\xfd";
+  const unsigned char iv[] = "\x33\x91\xec\xdd\x06\xbe\xdf\x8d\xbf\x5f\x0c\x87\x00\x03\x0d\xf2";
   Cipher phrase("aes-128-cbc"), raw("aes-128-cbc");
   ASSERT_TRUE(phrase.setkey(std::string("open sesame")));
   EXPECT_EQ(phrase.keysize(), 16u);
