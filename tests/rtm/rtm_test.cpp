@@ -7,25 +7,11 @@
 #include <vector>
 
 #include "support/eventually.h"
+#include "support/rt_task.h"
 #include "zqcommon/bug.h"
 #include "zqrtm/rtdebug.h"
 #include "zqrtm/rtmailbox.h"
 #include "zqrtm/rtthread.h"
-
-namespace {
-
-struct Ticker : rtthread {
-  explicit Ticker(long long period) : rtthread("TICKER", period, false, 0, true) {}
-  ~Ticker() override {
-    SetCancel();
-    WaitFinished(5000);
-  }
-  std::atomic<int> ticks{0}, starts{0};
-  void start(void*) override { ++starts; }
-  void* rtrun(void* arg) override { return ++ticks, arg; }
-};
-
-}  // namespace
 
 TEST(RtThread, NameNumbers) {
   const struct { const char* name; unsigned int number; } rows[] = {
@@ -39,7 +25,9 @@ TEST(RtThread, NameNumbers) {
 TEST(RtThread, CyclesSuspendResumeAndCancel) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  Ticker bad(0);
+  std::atomic<int> ticks{0};
+  auto tick = [&](RtTask&) { ++ticks; };
+  RtTask bad(0, tick);
   bad.Start(nullptr);
   ASSERT_TRUE(eventually([&] { return !bad.thread::IsRunning(); }));
   EXPECT_EQ(bad.starts, 0);
@@ -47,20 +35,20 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   testing::internal::GetCapturedStdout();
   EXPECT_NE(err.find("FATAL: Invalid realtime period specified!!!\n\n"), std::string::npos);
 
-  Ticker t(1000000);  // 1 kHz
+  RtTask t(1000000, tick);  // 1 kHz
   EXPECT_EQ(t.AvgCycleLength(), 0);
   t.Start(nullptr);
-  ASSERT_TRUE(eventually([&] { return t.ticks > 20; }));
+  ASSERT_TRUE(eventually([&] { return ticks > 20; }));
   EXPECT_TRUE(t.IsRunning());
   EXPECT_EQ(t.starts, 1);
   t.Suspend();
   EXPECT_FALSE(t.IsRunning());
   usleep(20000);
-  const int parked = t.ticks;
+  const int parked = ticks;
   usleep(50000);
-  EXPECT_EQ(t.ticks, parked);  // the period ticks on, cycles do not run
+  EXPECT_EQ(ticks, parked);  // the period ticks on, cycles do not run
   t.Resume();
-  ASSERT_TRUE(eventually([&] { return t.ticks > parked + 10; }));
+  ASSERT_TRUE(eventually([&] { return ticks > parked + 10; }));
   EXPECT_EQ(t.CyclePeriod(), 1000000);
   EXPECT_GE(t.CycleCount(), 30);
   EXPECT_LE(t.MinCycleLength(), t.AvgCycleLength());
