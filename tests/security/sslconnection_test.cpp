@@ -121,22 +121,18 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   b.SetSocket(&sv[1]);
   ::testing::internal::CaptureStderr();
   EXPECT_FALSE(a.SSL_start_TLS(true));
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                "cannot setup ssl object, since no SSL_CTX was prepared"),
-            std::string::npos);
+  const std::string refusal = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(refusal.find("cannot setup ssl object, since no SSL_CTX was prepared"), std::string::npos);
   EXPECT_FALSE(a.IsEncrypted());
   a.writeln("still clear");
   EXPECT_EQ(line_of(b), "still clear");
 
-  // create_connection keeps the class.
+  // create_connection keeps the class. A copy of `a` closes the shared
+  // descriptor when it goes; `a` notices.
   Connection plain;
-  std::unique_ptr<Connection> p(ZQSecurity::create_connection(plain));
-  EXPECT_FALSE(p->SSL_support());
-  std::unique_ptr<Connection> q(ZQSecurity::create_connection(a));
-  EXPECT_TRUE(q->SSL_support());
-  std::unique_ptr<Connection> fresh(ZQSecurity::create_connection());
-  EXPECT_TRUE(fresh->SSL_support());
-  q.reset();  // a copy: closing it closes the shared descriptor; a notices
+  EXPECT_FALSE(std::unique_ptr<Connection>(ZQSecurity::create_connection(plain))->SSL_support());
+  EXPECT_TRUE(std::unique_ptr<Connection>(ZQSecurity::create_connection(a))->SSL_support());
+  EXPECT_TRUE(std::unique_ptr<Connection>(ZQSecurity::create_connection())->SSL_support());
 }
 
 TEST(SSLSetup, LockTableAndDHGroups) {
@@ -165,10 +161,8 @@ TEST(SSLSetup, LockTableAndDHGroups) {
 
   std::optional<DebugLevel> loud(0);
   ::testing::internal::CaptureStderr();
-  DH* a = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
-  DH* b = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
-  DH* odd = ZQSecurity::tmp_dh_callback(nullptr, 0, 777);
-  DH* big = ZQSecurity::tmp_dh_callback(nullptr, 0, 4096);
+  auto dh = [](int bits) { return ZQSecurity::tmp_dh_callback(nullptr, 0, bits); };
+  DH *a = dh(1024), *b = dh(1024), *odd = dh(777), *big = dh(4096);  // in this order
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "tmp_dh_callback for keylen 1024 called!\ntmp_dh_callback for keylen 1024 called!\n"
             "tmp_dh_callback for keylen 777 called!\n"
