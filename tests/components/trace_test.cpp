@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
+#include "support/scratch_dir.h"
 #include "zqcomponents/trace.h"
 
 using namespace components;
@@ -35,12 +35,6 @@ std::string read_file(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-// A fresh folder below the test's temporary folder.
-std::string scratch() {
-  std::string pattern = ::testing::TempDir() + "zqctXXXXXX";
-  return mkdtemp(&pattern[0]);
-}
-
 // Points trace `i` at `file`, to be dumped once.
 void dump_to(TraceManager& tm, unsigned i, const char* file) {
   tm.GetTraceData(i).SetFile(file);
@@ -50,7 +44,8 @@ void dump_to(TraceManager& tm, unsigned i, const char* file) {
 }  // namespace
 
 TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
-  const fixed_string path(scratch());
+  ScratchDir dir;
+  const fixed_string path(dir.path);
   TraceData slots[4];
   TraceManager tm(4, slots, path);
   Values a(100), b(200), c(300);
@@ -71,7 +66,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
 
   tm.GetTraceData(1).SetActive(false);
   tm.Dump();
-  const std::string text = read_file(std::string(path.c_str()) + "/shared.csv");
+  const std::string text = read_file(dir / "shared.csv");
   const std::string third("301;x", 5);
   EXPECT_EQ(text,
             "2;1002;102;x\r\n4;1004;104;x\r\n"
@@ -84,15 +79,14 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   tm.GetTraceData(0).SetFileCount(0);
   tm.GetTraceData(2).SetFileCount(0);
   tm.Dump();  // nothing has a file count now
-  EXPECT_EQ(read_file(std::string(path.c_str()) + "/shared.csv"), text);
-  std::filesystem::remove_all(path.c_str());
+  EXPECT_EQ(read_file(dir / "shared.csv"), text);
 }
 
 TEST(ComponentTrace, DumpPathsAndFailures) {
-  const std::string dir = scratch();
+  ScratchDir dir;
   char old_cwd[4096];
   ASSERT_NE(getcwd(old_cwd, sizeof old_cwd), nullptr);
-  ASSERT_EQ(chdir(dir.c_str()), 0);
+  ASSERT_EQ(chdir(dir.path.c_str()), 0);
   const fixed_string empty;
   TraceData slots[2];
   TraceManager tm(2, slots, empty);
@@ -113,5 +107,4 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   Values c(0);
   EXPECT_EQ(tm.AddTrace(c, "full"), TraceManager::kNone);
 #endif
-  std::filesystem::remove_all(dir);
 }

@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "support/scratch_dir.h"
 #include "zqfleet/FleetCommand.h"
 #include "zqfleet/JsonFields.h"
 #include "zqfleet/MqttLink.h"
@@ -49,13 +50,12 @@ TEST(JsonFields, EscapesWhatJsonNeeds) {
 }
 
 TEST(MqttLink, QueueDropsTheOldestAndKeepsTheRestOnDiskAcrossARestart) {
-  char tmpl[] = "/tmp/fleet-queue-XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  const std::string dir = tmpl, file = dir + "/q1.queue";
+  ScratchDir dir;
+  const std::string file = dir / "q1.queue";
   zqfleet::MqttSettings s;
   s.Host = "127.0.0.1";
   s.Port = 1;  // nothing listens: every record waits
-  s.QueueDir = dir;
+  s.QueueDir = dir.path;
   s.QueueLimit = 1024;
   std::string error;
   ASSERT_TRUE(s.Resolve("q1", error)) << error;
@@ -92,7 +92,6 @@ TEST(MqttLink, QueueDropsTheOldestAndKeepsTheRestOnDiskAcrossARestart) {
   struct stat st {};
   ASSERT_EQ(stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
 }
 
 TEST(MqttSettings, ResolveChecksRangesAndFillsDefaults) {

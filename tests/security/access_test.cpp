@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "support/scratch_dir.h"
 #include "zqcommon/cli.h"
 #include "zqsecurity/loginthrottle.h"
 #include "zqsecurity/sslconnection.h"
@@ -18,11 +19,8 @@ namespace {
 
 // A scratch folder with two self-signed certificates made by the openssl
 // command: "a" names localhost and 127.0.0.1, "b" is another key.
-struct Folder {
-  std::string path;
+struct Folder : ScratchDir {
   Folder() {
-    char tmpl[] = "/tmp/zq-access-XXXXXX";
-    path = mkdtemp(tmpl);
     for (const char* n : {"a", "b"}) {
       const std::string cmd = "cd " + path + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
                               " -days 1 -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1"
@@ -31,8 +29,6 @@ struct Folder {
       chmod((path + "/" + n + ".key").c_str(), 0600);
     }
   }
-  ~Folder() { std::system(("rm -rf " + path).c_str()); }
-  std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
 std::shared_ptr<TLSContext> context(const Folder& f, bool server, const char* key = "a.key", std::string* err = nullptr) {
