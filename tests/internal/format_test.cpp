@@ -30,25 +30,20 @@ bool quick() { return std::getenv("ZQ_SANITIZE") != nullptr && *std::getenv("ZQ_
 // Doubles that hit the rounding paths: ties at every decimal place, values
 // next to powers of ten, random bit patterns and the special values.
 double random_double(std::mt19937_64& rng) {
+  static const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, DBL_MIN, DBL_TRUE_MIN, DBL_MAX,
+                                   0.5, 1.5, 2.5, 9.5, 0.05, 0.125, 999999.5, 1e22, 1e23};
+  const uint64_t r = rng();
+  double any;  // any bit pattern
+  std::memcpy(&any, &r, sizeof any);
+  const double power = std::pow(10.0, static_cast<int>(r % 40) - 20);
   switch (rng() % 8) {
-    case 0: return static_cast<double>(static_cast<int64_t>(rng() % 2000001) - 1000000) / 1000.0;
-    case 1: return (static_cast<double>(rng() % 100000) + 0.5) / std::pow(10.0, rng() % 8);
-    case 2: {
-      const double p = std::pow(10.0, static_cast<int>(rng() % 40) - 20);
-      return rng() % 2 ? std::nextafter(p, 0.0) : std::nextafter(p, 1e300);
-    }
-    case 3: {  // any bit pattern
-      double d;
-      const uint64_t bits = rng();
-      return *static_cast<double*>(std::memcpy(&d, &bits, sizeof d));
-    }
-    case 4: {
-      const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, DBL_MIN, DBL_TRUE_MIN, DBL_MAX,
-                                0.5, 1.5, 2.5, 9.5, 0.05, 0.125, 999999.5, 1e22, 1e23};
-      return special[rng() % (sizeof special / sizeof special[0])];
-    }
-    case 5: return std::ldexp(static_cast<double>(rng() % 1000003), static_cast<int>(rng() % 120) - 60);
-    default: return (static_cast<double>(rng() % 20000000) - 1e7) * std::pow(10.0, static_cast<int>(rng() % 12) - 8);
+    case 0: return static_cast<double>(static_cast<int64_t>(r % 2000001) - 1000000) / 1000.0;
+    case 1: return (static_cast<double>(r % 100000) + 0.5) / std::pow(10.0, rng() % 8);
+    case 2: return std::nextafter(power, rng() % 2 ? 0.0 : 1e300);
+    case 3: return any;
+    case 4: return special[r % (sizeof special / sizeof special[0])];
+    case 5: return std::ldexp(static_cast<double>(r % 1000003), static_cast<int>(rng() % 120) - 60);
+    default: return (static_cast<double>(r % 20000000) - 1e7) * std::pow(10.0, static_cast<int>(rng() % 12) - 8);
   }
 }
 
