@@ -1,11 +1,14 @@
-// The dynamic library loader and library information tables. The test
-// libraries live in a folder on LD_LIBRARY_PATH, set by the test driver.
+// The dynamic library loader, library information tables and the library's
+// version header. The test libraries live in a folder on LD_LIBRARY_PATH, set
+// by the test driver.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "zqcommon/bug.h"
 #include "zqcommon/dynlib.h"
+#include "zqcommon/library_info.h"
+#include "zqcommon/version.h"
 
 TEST(DynLib, FailedSearchJoinsThreeLoaderTexts) {
   std::string error = "stale";
@@ -64,4 +67,23 @@ TEST(DynLib, LibraryInformationTables) {
   EXPECT_FALSE(GetLibraryInfo("zq_no_such_library", info));
   ASSERT_EQ(info.size(), 1u);
   EXPECT_NE(info[0].find("\r\n"), std::string::npos);
+}
+
+static_assert(ZQCOMMON_VERSION_NUMBER ==
+              ZQCOMMON_VERSION_MAJOR * 10000 + ZQCOMMON_VERSION_MINOR * 100 + ZQCOMMON_VERSION_PATCH);
+static_assert(ZQCOMMON_VERSION_AT_LEAST(ZQCOMMON_VERSION_MAJOR, ZQCOMMON_VERSION_MINOR, 0));
+static_assert(!ZQCOMMON_VERSION_AT_LEAST(ZQCOMMON_VERSION_MAJOR + 1, 0, 0));
+
+TEST(LibraryInfo, TheLibraryReadsItsOwnTableThroughTheLoader) {
+  std::vector<std::string> info;
+  ASSERT_TRUE(GetLibraryInfo("zqcommon", info)) << (info.empty() ? "" : info[0]);
+  ASSERT_EQ(info.size(), 4u);
+  EXPECT_EQ(info[0], "zqcommon " ZQCOMMON_VERSION_STRING);
+  EXPECT_EQ(info[1].rfind("built 20", 0), 0u) << info[1];
+  EXPECT_EQ(info[2].rfind("OpenSSL 3.", 0), 0u) << info[2];
+  const std::string engines[] = {"CRC-32 vpclmulqdq", "CRC-32 pclmulqdq", "CRC-32 slice-by-8"};
+  EXPECT_NE(std::find(std::begin(engines), std::end(engines), info[3]), std::end(engines)) << info[3];
+  // The loader found the same library this program runs with.
+  for (size_t i = 0; i < info.size(); ++i) EXPECT_EQ(info[i], zqcommon_LIBRARYINFO[i]);
+  EXPECT_EQ(zqcommon_LIBRARYINFO[4], nullptr);
 }

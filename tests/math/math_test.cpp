@@ -1,4 +1,5 @@
-// Vectors and matrices, the simplex fitter, numeric tools and angles.
+// Vectors and matrices, the simplex fitter, numeric tools, angles and the
+// 32-bit bit functions.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -6,6 +7,7 @@
 
 #include "zqmath/Angle.h"
 #include "zqmath/amoeba.h"
+#include "zqmath/encryption_tools.h"
 #include "zqmath/math_tools.h"
 #include "zqmath/random.h"
 
@@ -144,4 +146,17 @@ TEST(AngleClass, ConversionsAndNormalisation) {
   EXPECT_NEAR(Angle::Degrees(-90).Normalized().deg(), 270.0, 1e-12);
   EXPECT_NEAR(Angle::Degrees(270).Signed().deg(), -90.0, 1e-12);
   EXPECT_NEAR((Angle::Degrees(30) + Angle::Degrees(60)).deg(), 90.0, 1e-12);
+}
+
+TEST(BitFunctions, SwapsAndRotations) {
+  EXPECT_EQ(Swap32(0x11223344u), 0x44332211u);
+  EXPECT_EQ(LRot32(0x80000001u, 1), 0x00000003u);
+  EXPECT_EQ(RRot32(0x00000003u, 1), 0x80000001u);
+  EXPECT_EQ(LRot32(0x12345678u, 0), 0x12345678u);
+  EXPECT_EQ(LRot32(0x12345678u, 32), 0x12345678u);
+  EXPECT_EQ(LRot32(0x12345678u, 36), LRot32(0x12345678u, 4));
+  EXPECT_EQ(RRot32(0x12345678u, -28), RRot32(0x12345678u, 4));
+  EXPECT_EQ(LRot32_p(0xFFFFFFFFu, 2, 4), 0x10u);
+  EXPECT_EQ(LRot32_m(0, 1, 4), 0xFFFFFFFFu);
+  EXPECT_EQ(LRot32_x(0xF0F0F0F0u, 0xFFFFFFFFu, 4), 0xF0F0F0F0u);
 }

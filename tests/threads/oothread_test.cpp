@@ -1,5 +1,7 @@
-// Recursive locks, the thread status word, suspension and the semaphore registry.
+// Recursive locks, the thread status word, suspension, the signals a thread
+// blocks and the semaphore registry.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
@@ -52,6 +54,11 @@ struct Counter : thread {
 
 struct Quick : thread {
   void* run(void* arg) override { return arg; }
+};
+
+struct MaskReporter : thread {
+  sigset_t mask;
+  void* run(void*) override { return pthread_sigmask(SIG_SETMASK, nullptr, &mask), nullptr; }
 };
 
 }  // namespace
@@ -149,6 +156,18 @@ TEST(Thread, JoinWaitsForABodyThatEndsItselfWhenCancelled) {
   usleep(30000);
   EXPECT_EQ(c.count, after);
   EXPECT_FALSE(c.cleaned);  // ended by cancellation inside run()
+}
+
+// Every signal is blocked except stop, continue and the library's own
+// suspend/resume pair.
+TEST(ThreadSignalMask, OnlyStopContinueAndSuspendResumeStayDeliverable) {
+  MaskReporter t;
+  t.Start(nullptr);
+  ASSERT_TRUE(t.WaitFinished(10000));
+  t.Join();
+  using T = thread;
+  for (int s : {SIGCONT, SIGSTOP, T::kSuspendSignal, T::kResumeSignal}) EXPECT_EQ(sigismember(&t.mask, s), 0) << s;
+  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGCHLD, SIGRTMIN}) EXPECT_EQ(sigismember(&t.mask, s), 1) << s;
 }
 
 TEST(Semaphore, RegisteredSetsAreRemoved) {
