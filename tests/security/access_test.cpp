@@ -107,7 +107,7 @@ TEST(SSLConnection, CertificateHandshakeChecksTheHostName) {
 }
 
 TEST(UserFile, SaveLoadVerifyAndRefusedLines) {
-  Folder f;
+  ScratchDir f;
   UserFile users;
   std::string error;
   EXPECT_FALSE(users.Set("bad name", kViewer, "pw", error));
