@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "support/scratch_dir.h"
@@ -31,25 +32,25 @@ struct Folder : ScratchDir {
   }
 };
 
-std::shared_ptr<TLSContext> context(const Folder& f, bool server, const char* key = "a.key", std::string* err = nullptr) {
+// A server's context with certificate "a", or a client's trusting it.
+std::shared_ptr<TLSContext> context(const Folder& f, bool server, std::string& error) {
   TLSSettings s;
   s.CertificateFile = server ? f / "a.pem" : "";
-  s.KeyFile = server ? f / key : "";
+  s.KeyFile = server ? f / "a.key" : "";
   s.CAFile = f / "a.pem";
-  std::string error;
-  auto ctx = TLSContext::Create(s, server, error);
-  if (err != nullptr) *err = error;
-  return ctx;
+  return TLSContext::Create(s, server, error);
 }
 
 }  // namespace
 
 TEST(TLSContext, LoadTimeChecksNameTheFileAndTheReason) {
   Folder f;
-  chmod((f / "b.key").c_str(), 0644);
+  std::filesystem::copy_file(f / "a.key", f / "open.key");
+  chmod((f / "open.key").c_str(), 0644);
   const struct { const char *key, *value, *expect; } cases[] = {
       {"CertificateFile", "missing.pem", "missing.pem: no such file"},
-      {"KeyFile", "b.key", "b.key: readable by group or others"},
+      {"KeyFile", "open.key", "open.key: readable by group or others"},
+      {"KeyFile", "b.key", "b.key: key values mismatch"},  // OpenSSL's reason
       {"MinVersion", "1.1", "MinVersion '1.1'"},
       {"VerifyPeer", "maybe", "VerifyPeer 'maybe'"},
       {"Ciphers", "NOSUCHCIPHER", "Ciphers 'NOSUCHCIPHER'"},
@@ -67,19 +68,16 @@ TEST(TLSContext, LoadTimeChecksNameTheFileAndTheReason) {
     EXPECT_EQ(TLSContext::Create(s, true, error), nullptr) << c.key;
     EXPECT_NE(error.find(c.expect), std::string::npos) << error;
   }
-  chmod((f / "b.key").c_str(), 0600);
   std::string error;
-  EXPECT_EQ(context(f, true, "b.key", &error), nullptr);
-  EXPECT_NE(error.find("b.key"), std::string::npos) << error;
-  EXPECT_NE(error.find("mismatch"), std::string::npos) << error;
-  EXPECT_NE(context(f, true), nullptr);
+  EXPECT_NE(context(f, true, error), nullptr) << error;
 }
 
 // Both ends of our own, stepped in turn without ever waiting: the client
 // checks the name it expects against the server's certificate.
 TEST(SSLConnection, CertificateHandshakeChecksTheHostName) {
   Folder f;
-  auto server_ctx = context(f, true), client_ctx = context(f, false);
+  std::string error;
+  auto server_ctx = context(f, true, error), client_ctx = context(f, false, error);
   ASSERT_TRUE(server_ctx && client_ctx);
   for (const auto& c : {std::make_pair("localhost", true), std::make_pair("127.0.0.1", true),
                         std::make_pair("other.example", false), std::make_pair("10.0.0.1", false)}) {
