@@ -14,7 +14,9 @@ Config_File from_args(std::initializer_list<const char*> args) {
   return Config_File(static_cast<int>(argv.size()), argv.data());
 }
 
-std::string arg(Config_File& cfg, const std::string& name) {
+// The command line's entry `name`, or "<none>".
+template <typename Cfg>
+std::string arg(Cfg&& cfg, const std::string& name) {
   return cfg.get_entry("@@Argline", name, "<none>");
 }
 
@@ -32,32 +34,24 @@ TEST(Argline, EveryFormBecomesAnEntry) {
                     {"app", "--configfile", "=", "my.cfg"},
                     {"app", "-F", "=my.cfg"},
                     {"app", "--cfg=", "my.cfg"}}) {
-    Config_File cfg = from_args(args);
-    EXPECT_EQ(arg(cfg, "config_file"), "my.cfg");
+    EXPECT_EQ(arg(from_args(args), "config_file"), "my.cfg") << args.begin()[1];
   }
 
-  Config_File mixed = from_args({"app", "verbose", "-x", "5", "a=b=c", "=5", "-d", "-5"});
-  EXPECT_EQ(arg(mixed, "verbose"), "1");
-  EXPECT_EQ(arg(mixed, "-x"), "5");
-  EXPECT_EQ(arg(mixed, "debuglevel"), "1");  // a negative number is taken for an option
-  EXPECT_EQ(arg(mixed, "-5"), "1");
-  EXPECT_EQ(arg(mixed, "a"), "b=c");
-  EXPECT_EQ(arg(mixed, "=5"), "<none>");  // the flag "=5" is a line without a name
-  Config_File last = from_args({"app", "-V"});
-  EXPECT_EQ(arg(last, "show_version"), "1");
-
-  Config_File dangling = from_args({"app", "x", "="});
-  EXPECT_EQ(arg(dangling, "x"), "<none>");
-
-  Config_File none(0, nullptr);
-  EXPECT_EQ(none.Size(), 0u);
+  // A negative number is taken for an option; the flag "=5" is a line
+  // without a name.
+  Config_File mixed = from_args({"app", "verbose", "-x", "5", "a=b=c", "=5", "-V", "-d", "-5"});
+  const std::pair<const char*, const char*> entries[] = {
+      {"verbose", "1"}, {"-x", "5"}, {"debuglevel", "1"}, {"-5", "1"}, {"a", "b=c"}, {"=5", "<none>"},
+      {"show_version", "1"}};
+  for (const auto& [name, value] : entries) EXPECT_EQ(arg(mixed, name), value) << name;
+  EXPECT_EQ(arg(from_args({"app", "x", "="}), "x"), "<none>");  // a last "=" has no value
+  EXPECT_EQ(Config_File(0, nullptr).Size(), 0u);
 }
 
 TEST(Argline, SwitchesUsageAndDebugLevel) {
-  std::string name = "--Debug";
-  EXPECT_EQ(Config_File::argline_subst(name), "debuglevel");
-  name = "-q";
-  EXPECT_EQ(Config_File::argline_subst(name), "-q");
+  std::string debug = "--Debug", other = "-q";
+  EXPECT_EQ(Config_File::argline_subst(debug), "debuglevel");
+  EXPECT_EQ(Config_File::argline_subst(other), "-q");
 
   Config_File cfg = from_args({"app", "-h", "-d", "2"});
   EXPECT_EQ(cfg.get_debug(7), 2);
@@ -65,25 +59,19 @@ TEST(Argline, SwitchesUsageAndDebugLevel) {
   EXPECT_TRUE(cfg.parse_argline_default("extra text"));
   const std::string usage = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(usage.substr(0, 15), "\nUsage is:\n\napp");
-  EXPECT_NE(usage.find("-f, --cfg = filename: use filename as config file\nextra text\n"),
-            std::string::npos);
+  EXPECT_NE(usage.find("-f, --cfg = filename: use filename as config file\nextra text\n"), std::string::npos);
 
   Config_File no_help = from_args({"app", "-h", "foo"});
   EXPECT_FALSE(no_help.parse_argline_default(""));
   EXPECT_EQ(no_help.get_debug(7), 7);
-  Config_File text_level = from_args({"app", "--debug=high"});
-  EXPECT_EQ(text_level.get_debug(7), 0);
+  EXPECT_EQ(from_args({"app", "--debug=high"}).get_debug(7), 0);
 
-  Config_File empty;
-  EXPECT_THROW(empty.parse_argline_default(""), std::invalid_argument);
+  EXPECT_THROW(Config_File().parse_argline_default(""), std::invalid_argument);
 }
 
 TEST(Argline, FileNamedOnTheCommandLineSitsBesideIt) {
   const std::string path = ::testing::TempDir() + "zq_args.cfg";
-  {
-    std::ofstream out(path);
-    out << "[net]\nport = 10\n";
-  }
+  std::ofstream(path) << "[net]\nport = 10\n";
   Config_File cfg = from_args({"app", "-f", path.c_str(), "port=20"});
   EXPECT_TRUE(cfg.open_argfile("/nonexistent/default.cfg"));
   EXPECT_EQ(cfg.get_entry("net", "port", ""), "10");

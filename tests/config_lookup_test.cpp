@@ -21,28 +21,24 @@ std::string fold(std::string s) {
 // section of that name (exactly, else upper case, else the first in byte
 // order without regard to case), then its first entry of that name.
 struct Reference {
-  std::vector<std::pair<std::string, std::vector<std::pair<std::string, std::string>>>> sections;
+  using Entries = std::vector<std::pair<std::string, std::string>>;
+  std::vector<std::pair<std::string, Entries>> sections;
 
-  const std::vector<std::pair<std::string, std::string>>* section(const std::string& name, bool nocase) const {
-    const std::vector<std::string> tries = nocase ? std::vector<std::string>{name, fold(name)}
-                                                  : std::vector<std::string>{name};
-    for (const std::string& t : tries) {
-      for (const auto& s : sections) {
-        if (s.first == t) return &s.second;
-      }
+  const Entries* section(const std::string& name, bool nocase) const {
+    const Entries* best = nullptr;
+    std::pair<int, std::string> best_rank{3, ""};  // (rank, name among the caseless matches)
+    for (const auto& [n, entries] : sections) {
+      const int rank = n == name ? 0 : !nocase ? 3 : n == fold(name) ? 1 : fold(n) == fold(name) ? 2 : 3;
+      const std::pair<int, std::string> r{rank, rank == 2 ? n : ""};
+      if (r < best_rank) best_rank = r, best = &entries;
     }
-    if (!nocase) return nullptr;
-    const decltype(sections)::value_type* best = nullptr;
-    for (const auto& s : sections) {
-      if (fold(s.first) == fold(name) && (best == nullptr || s.first < best->first)) best = &s;
-    }
-    return best == nullptr ? nullptr : &best->second;
+    return best;
   }
   std::string get(const std::string& sec, const std::string& key, bool nocase) const {
-    const auto* entries = section(sec, nocase);
-    if (entries == nullptr) return "<def>";
-    for (const auto& e : *entries) {
-      if (nocase ? fold(e.first) == fold(key) : e.first == key) return e.second;
+    if (const Entries* entries = section(sec, nocase)) {
+      for (const auto& [k, v] : *entries) {
+        if (nocase ? fold(k) == fold(key) : k == key) return v;
+      }
     }
     return "<def>";
   }
@@ -51,13 +47,10 @@ struct Reference {
 }  // namespace
 
 TEST(ConfigLookup, IndexGivesWhatTheScanGives) {
-  struct Shape {
-    int sections, entries;
-    bool nocase;
-  } const shapes[] = {{3, 400, true}, {300, 4, true}, {40, 30, false}};
+  const struct { int sections, entries; bool nocase; } shapes[] = {{3, 400, true}, {300, 4, true}, {40, 30, false}};
   std::mt19937 rng(99);
   const char* const variants[] = {"Key", "KEY", "key", "kEy"};
-  for (const Shape& shape : shapes) {
+  for (const auto& shape : shapes) {
     Reference ref;
     std::ostringstream text;
     for (int s = 0; s < shape.sections; ++s) {

@@ -4,8 +4,6 @@
 
 #include <functional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "zqcommon/bug.h"
 #include "zqcommon/diagnostics.h"
@@ -15,72 +13,44 @@
 namespace {
 
 using zqcommon::DiagnosticStream;
-
-struct Captured {
-  std::vector<std::pair<DiagnosticStream, std::string>> lines;
-};
+using Lines = std::vector<std::pair<DiagnosticStream, std::string>>;
 
 void capture(void* context, DiagnosticStream stream, const char* text, size_t length) {
-  static_cast<Captured*>(context)->lines.emplace_back(stream, std::string(text, length));
+  static_cast<Lines*>(context)->emplace_back(stream, std::string(text, length));
 }
 
+// Restores the debug level and the default sink.
 class Diagnostics : public ::testing::Test {
  protected:
-  void SetUp() override { saved_level_ = DEBUG_LEVEL; }
   void TearDown() override {
     zqcommon::SetDiagnosticSink(nullptr);
     DEBUG_LEVEL = saved_level_;
   }
-  int saved_level_ = 0;
+  int saved_level_ = DEBUG_LEVEL;
 };
-
-struct Case {
-  const char* what;
-  int level;
-  std::function<void()> make;
-  std::string expected;  // empty: the gate keeps it back
-};
-
-const std::vector<Case>& cases() {
-  static const std::vector<Case> table = {
-      {"configuration repair above the gate", 1,
-       [] {
-         std::istringstream in("[open\nk=v\n");
-         Config_File cfg(in);
-       },
-       "libconfig: inserting missing closing bracket ']' after found Section opening '[', "
-       "line #1:[open]\n"},
-      {"configuration repair at level 0 is silent", 0,
-       [] {
-         std::istringstream in("[open\n");
-         Config_File cfg(in);
-       },
-       ""},
-      {"vector index out of range (header template)", 0,
-       [] {
-         CVector<double> v(2);
-         v[5] = 1.0;
-       },
-       "Vector Access to Element:: 5 denied:\n"},
-  };
-  return table;
-}
 
 TEST_F(Diagnostics, ASinkReceivesExactlyWhatTheDefaultPrints) {
-  for (const Case& c : cases()) {
+  const struct { const char* what; int level; std::function<void()> make; std::string expected; } cases[] = {
+      {"configuration repair above the gate", 1, [] { std::istringstream in("[open\nk=v\n"); Config_File cfg(in); },
+       "libconfig: inserting missing closing bracket ']' after found Section opening '[', line #1:[open]\n"},
+      {"configuration repair at level 0 is silent", 0,
+       [] { std::istringstream in("[open\n"); Config_File cfg(in); }, ""},
+      {"vector index out of range (header template)", 0, [] { CVector<double>(2)[5] = 1.0; },
+       "Vector Access to Element:: 5 denied:\n"},
+  };
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     DEBUG_LEVEL = c.level;
-    Captured got;
+    Lines got;
     zqcommon::SetDiagnosticSink(capture, &got);
     c.make();
     zqcommon::SetDiagnosticSink(nullptr);
     std::string sunk;
-    for (const auto& line : got.lines) {
+    for (const auto& line : got) {
       EXPECT_EQ(line.first, DiagnosticStream::kError);
       sunk += line.second;
     }
     EXPECT_EQ(sunk, c.expected);
-
     ::testing::internal::CaptureStderr();
     c.make();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), c.expected);
@@ -89,13 +59,10 @@ TEST_F(Diagnostics, ASinkReceivesExactlyWhatTheDefaultPrints) {
 
 TEST_F(Diagnostics, TheOutputStreamIsKeptApartAndLongTextIsWhole) {
   const std::string long_text(300, 'x');  // longer than any first formatting guess
-  Captured got;
+  Lines got;
   zqcommon::SetDiagnosticSink(capture, &got);
   zqcommon::DiagnosticPrintf(DiagnosticStream::kOutput, "%s|%i\n", long_text.c_str(), 7);
-  ASSERT_EQ(got.lines.size(), 1u);
-  EXPECT_EQ(got.lines[0].first, DiagnosticStream::kOutput);
-  EXPECT_EQ(got.lines[0].second, long_text + "|7\n");
-
+  EXPECT_EQ(got, (Lines{{DiagnosticStream::kOutput, long_text + "|7\n"}}));
   zqcommon::SetDiagnosticSink(nullptr);
   ::testing::internal::CaptureStdout();
   zqcommon::DiagnosticPrintf(DiagnosticStream::kOutput, "%s\n", "to standard output");

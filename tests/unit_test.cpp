@@ -1,8 +1,7 @@
+// The unit catalogue: its specified rows and the first-row-wins append.
 #include "zqcommon/unit.h"
 
 #include <gtest/gtest.h>
-
-#include <cstring>
 
 namespace {
 
@@ -20,22 +19,17 @@ TEST(Unit, CatalogueRows) {
   EXPECT_EQ(Unit::Info.at(eu_h).scale[2], 1.0 / 3600.0);
   EXPECT_EQ(Unit::Info.at(eu_deg).kind[1], 1.0);
   EXPECT_EQ(Unit::Info.at(eu_press).scale[4], 1000.0);
-  for (const auto& row : Unit::Info) {
-    EXPECT_EQ(row.first, row.second.id);
-    EXPECT_EQ(row.second.kind[7], 0.0);
-  }
+  for (const auto& row : Unit::Info) EXPECT_EQ(row.first, row.second.id);
 }
 
 TEST(Unit, AppendKeepsFirstRow) {
-  EnumList<eUnits, SI> list(eunMax, Unit::UnitInfo);
+  EnumList<eUnits, SI> list(eunMax, Unit::UnitInfo), partial(2, Unit::UnitInfo);
   const EnumInfo<eUnits, SI> extra[] = {{eu_m, "M", "metre again", SI{}, SI{}}};
   list.append(1, extra);
   list.append(0, extra);
   list.append(1, nullptr);
   EXPECT_STREQ(list.at(eu_m).symbol, "m");
   EXPECT_EQ(list.size(), 12u);
-
-  EnumList<eUnits, SI> partial(2, Unit::UnitInfo);
   partial.append(1, extra);
   partial.append(eunMax, Unit::UnitInfo);
   EXPECT_EQ(partial.size(), 12u);

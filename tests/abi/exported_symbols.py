@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks the dynamic symbol table of libzqcommon against its public headers.
+"""Checks the dynamic symbol table of a library (libzqcommon, libzqfleet)
+against the public headers.
 
 Usage: exported_symbols.py LIBRARY INCLUDE_DIR SYMBOLS_FILE [--write]
 

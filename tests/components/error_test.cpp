@@ -1,45 +1,44 @@
 // Error records, severities and fixed texts.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "zqcomponents/error.h"
 
 using namespace components;
+
+namespace {
+// (last severity, count, total count, time of the last change, active)
+std::tuple<Severity, unsigned, unsigned, TIME, bool> state(const OneError& e) {
+  return {e.s, e.count, e.total_count, e.last_time, e.active};
+}
+}  // namespace
 
 TEST(OneError, LevelAndEventReports) {
   OneError e;
   EXPECT_EQ(Severity(e), NONE);
   for (TIME t : {10, 20, 30}) e.Set(WARNING, t);
-  EXPECT_EQ(e.count, 1u);  // the same severity counts once
-  EXPECT_EQ(e.last_time, 10);
-  EXPECT_TRUE(e.active);
+  EXPECT_EQ(state(e), std::make_tuple(WARNING, 1u, 1u, TIME{10}, true));  // the same severity counts once
   e.Set(ERROR, 40);
   e.Set(WARNING, 50);
-  EXPECT_EQ(e.total_count, 3u);
   e.Set(NONE, 60);
-  EXPECT_FALSE(e.active);
-  EXPECT_EQ(e.count, 0u);
-  EXPECT_EQ(e.s, WARNING);  // the last severity stays readable
-  EXPECT_EQ(e.total_count, 3u);
+  EXPECT_EQ(state(e), std::make_tuple(WARNING, 0u, 3u, TIME{10}, false));  // the last severity stays readable
 
   OneError events;
   for (TIME t : {1, 2, 3, 4}) events.Signal(INFO, t);
   events.Signal(NONE, 5);
-  EXPECT_FALSE(events.active);
-  EXPECT_EQ(events.count, 4u);
-  EXPECT_EQ(events.last_time, 4);
+  EXPECT_EQ(state(events), std::make_tuple(INFO, 4u, 4u, TIME{4}, false));
   events.text = "sensor 3";
   events.Reset();
-  EXPECT_EQ(events.count, 0u);
-  EXPECT_EQ(events.s, NONE);
+  EXPECT_EQ(state(events), std::make_tuple(NONE, 0u, 0u, TIME{0}, false));
   EXPECT_TRUE(events.text == "sensor 3");
 }
 
 TEST(OneError, ThresholdsAndPromotion) {
   OneError e;
   e = std::string("WARNING:0x10,BOGUS:5,,E:3,noitem,INFO:0,PANIC:2");
-  EXPECT_EQ(e.promotion[WARNING - 1], 16u);
-  EXPECT_EQ(e.promotion[ERROR - 1], 3u);
-  EXPECT_EQ(e.promotion[INFO - 1], OneError::kDisabled);  // 0 is refused
+  const unsigned int want[4] = {OneError::kDisabled, OneError::kDisabled, 16, 3};  // 0 is refused
+  EXPECT_TRUE(std::equal(want, want + 4, e.promotion));
   e = std::string("WARNING:10");
   for (int i = 0; i < 9; ++i) e.Signal(WARNING, i);
   EXPECT_EQ(Severity(e), WARNING);
@@ -48,12 +47,10 @@ TEST(OneError, ThresholdsAndPromotion) {
   for (int i = 0; i < 20; ++i) e.Signal(WARNING, i);
   EXPECT_EQ(Severity(e), PANIC);  // 30 warnings: 3 errors: a panic
 
-  OneError stop;
+  OneError stop, none;
   stop = std::string("L:2");  // INFO disabled: promotion stops there
-  for (int i = 0; i < 100; ++i) stop.Signal(LOG, i);
+  for (int i = 0; i < 100; ++i) stop.Signal(LOG, i), none.Signal(ERROR, i);
   EXPECT_EQ(Severity(stop), INFO);
-  OneError none;
-  for (int i = 0; i < 100; ++i) none.Signal(ERROR, i);
   EXPECT_EQ(Severity(none), ERROR);
 }
 
@@ -64,14 +61,12 @@ TEST(FixedString, BoundedAndAlwaysTerminated) {
   f = "abc";
   EXPECT_EQ(f.length(), 3u);
   EXPECT_EQ(f.str_data[3], '\0');
-  EXPECT_TRUE(f == "abc");
-  EXPECT_TRUE(f == std::string("abc"));
-  EXPECT_TRUE(f == fixed_string("abc"));
-  EXPECT_TRUE(f != "abd");
+  EXPECT_TRUE(f == "abc" && f == std::string("abc") && f == fixed_string("abc") && f != "abd");
   f = f.c_str();  // self-assignment
   EXPECT_STREQ(static_cast<const char*>(f), "abc");
   f.erase();
   EXPECT_EQ(f.size(), 0u);
+  f = "x";
   f = static_cast<const char*>(nullptr);
   EXPECT_EQ(f.size(), 0u);
 }

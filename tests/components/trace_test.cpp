@@ -2,26 +2,23 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
+#include "support/scratch_dir.h"
 #include "zqcomponents/trace.h"
 
 using namespace components;
 
 namespace {
 
+// Samples "<base + cycle>;x" in every cycle it is asked to.
 struct Values : Traceable {
   explicit Values(int base) : base_(base) {}
   std::vector<TraceBinarySample> recorded;
   void SetTraceBuffer(void*, unsigned int) override {}
   void Sample(unsigned int cycle, const TIME& t) override {
-    TraceBinarySample s;
-    s.cycle = cycle;
-    s.systime = t;
-    s.data = std::to_string(base_ + static_cast<int>(cycle)) + ";x";
-    recorded.push_back(s);
+    recorded.push_back({cycle, t, std::to_string(base_ + static_cast<int>(cycle)) + ";x"});
   }
   void Clear() override { recorded.clear(); }
   unsigned int Size() override { return static_cast<unsigned>(recorded.size()); }
@@ -38,11 +35,17 @@ std::string read_file(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
+// Points trace `i` at `file`, to be dumped once.
+void dump_to(TraceManager& tm, unsigned i, const char* file) {
+  tm.GetTraceData(i).SetFile(file);
+  tm.GetTraceData(i).SetFileCount(1);
+}
+
 }  // namespace
 
 TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
-  std::string pattern = ::testing::TempDir() + "zqctXXXXXX";
-  const fixed_string path(mkdtemp(&pattern[0]));
+  ScratchDir dir;
+  const fixed_string path(dir.path);
   TraceData slots[4];
   TraceManager tm(4, slots, path);
   Values a(100), b(200), c(300);
@@ -53,8 +56,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   EXPECT_EQ(tm.FindTrace("zz"), TraceManager::kNone);
   for (unsigned i = 0; i < 3; ++i) {
     tm.GetTraceData(i).SetActive(true);
-    tm.GetTraceData(i).SetFile("shared.csv");
-    tm.GetTraceData(i).SetFileCount(1);
+    dump_to(tm, i, "shared.csv");
   }
   tm.GetTraceData(0).SetGranularity(2);
   for (unsigned cycle = 1; cycle <= 4; ++cycle) tm.Sample(cycle, 1000 + cycle);
@@ -64,7 +66,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
 
   tm.GetTraceData(1).SetActive(false);
   tm.Dump();
-  const std::string text = read_file(std::string(path.c_str()) + "/shared.csv");
+  const std::string text = read_file(dir / "shared.csv");
   const std::string third("301;x", 5);
   EXPECT_EQ(text,
             "2;1002;102;x\r\n4;1004;104;x\r\n"
@@ -77,16 +79,14 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   tm.GetTraceData(0).SetFileCount(0);
   tm.GetTraceData(2).SetFileCount(0);
   tm.Dump();  // nothing has a file count now
-  EXPECT_EQ(read_file(std::string(path.c_str()) + "/shared.csv"), text);
-  std::filesystem::remove_all(path.c_str());
+  EXPECT_EQ(read_file(dir / "shared.csv"), text);
 }
 
 TEST(ComponentTrace, DumpPathsAndFailures) {
-  std::string pattern = ::testing::TempDir() + "zqcwXXXXXX";
-  const std::string dir = mkdtemp(&pattern[0]);
+  ScratchDir dir;
   char old_cwd[4096];
   ASSERT_NE(getcwd(old_cwd, sizeof old_cwd), nullptr);
-  ASSERT_EQ(chdir(dir.c_str()), 0);
+  ASSERT_EQ(chdir(dir.path.c_str()), 0);
   const fixed_string empty;
   TraceData slots[2];
   TraceManager tm(2, slots, empty);
@@ -95,10 +95,8 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   tm.AddTrace(b, "b");
   a.Sample(1, 2);
   b.Sample(1, 2);
-  tm.GetTraceData(0).SetFile("here.csv");
-  tm.GetTraceData(0).SetFileCount(1);
-  tm.GetTraceData(1).SetFile("no/such/dir.csv");
-  tm.GetTraceData(1).SetFileCount(1);
+  dump_to(tm, 0, "here.csv");
+  dump_to(tm, 1, "no/such/dir.csv");
   ::testing::internal::CaptureStderr();
   tm.Dump();
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
@@ -109,5 +107,4 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   Values c(0);
   EXPECT_EQ(tm.AddTrace(c, "full"), TraceManager::kNone);
 #endif
-  std::filesystem::remove_all(dir);
 }

@@ -6,18 +6,12 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
-#include <cstdarg>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <random>
-#include <string>
 
 #include "support/format_call.h"
 
 namespace {
-
-constexpr auto ours = format_call;
 
 template <typename... Args>
 void expect_same(size_t size, const char* format, Args... args) {
@@ -25,7 +19,7 @@ void expect_same(size_t size, const char* format, Args... args) {
   std::memset(want, 'W', sizeof want);
   std::memset(got, 'W', sizeof got);
   const int n_want = std::snprintf(want, size, format, args...);
-  const int n_got = ours(got, size, format, args...);
+  const int n_got = format_call(got, size, format, args...);
   ASSERT_EQ(0, std::memcmp(want, got, sizeof want)) << format << " size " << size << ": \"" << want
                                                     << "\" vs \"" << got << '"';
   ASSERT_EQ(n_want, n_got) << format;
@@ -36,26 +30,20 @@ bool quick() { return std::getenv("ZQ_SANITIZE") != nullptr && *std::getenv("ZQ_
 // Doubles that hit the rounding paths: ties at every decimal place, values
 // next to powers of ten, random bit patterns and the special values.
 double random_double(std::mt19937_64& rng) {
+  static const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, DBL_MIN, DBL_TRUE_MIN, DBL_MAX,
+                                   0.5, 1.5, 2.5, 9.5, 0.05, 0.125, 999999.5, 1e22, 1e23};
+  const uint64_t r = rng();
+  double any;  // any bit pattern
+  std::memcpy(&any, &r, sizeof any);
+  const double power = std::pow(10.0, static_cast<int>(r % 40) - 20);
   switch (rng() % 8) {
-    case 0: return static_cast<double>(static_cast<int64_t>(rng() % 2000001) - 1000000) / 1000.0;
-    case 1: return (static_cast<double>(rng() % 100000) + 0.5) / std::pow(10.0, rng() % 8);
-    case 2: {
-      const double p = std::pow(10.0, static_cast<int>(rng() % 40) - 20);
-      return rng() % 2 ? std::nextafter(p, 0.0) : std::nextafter(p, 1e300);
-    }
-    case 3: {
-      double d;
-      uint64_t bits = rng();
-      std::memcpy(&d, &bits, sizeof d);
-      return d;
-    }
-    case 4: {
-      const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, DBL_MIN, DBL_TRUE_MIN, DBL_MAX,
-                                0.5, 1.5, 2.5, 9.5, 0.05, 0.125, 999999.5, 1e22, 1e23};
-      return special[rng() % (sizeof special / sizeof special[0])];
-    }
-    case 5: return std::ldexp(static_cast<double>(rng() % 1000003), static_cast<int>(rng() % 120) - 60);
-    default: return (static_cast<double>(rng() % 20000000) - 1e7) * std::pow(10.0, static_cast<int>(rng() % 12) - 8);
+    case 0: return static_cast<double>(static_cast<int64_t>(r % 2000001) - 1000000) / 1000.0;
+    case 1: return (static_cast<double>(r % 100000) + 0.5) / std::pow(10.0, rng() % 8);
+    case 2: return std::nextafter(power, rng() % 2 ? 0.0 : 1e300);
+    case 3: return any;
+    case 4: return special[r % (sizeof special / sizeof special[0])];
+    case 5: return std::ldexp(static_cast<double>(r % 1000003), static_cast<int>(rng() % 120) - 60);
+    default: return (static_cast<double>(r % 20000000) - 1e7) * std::pow(10.0, static_cast<int>(rng() % 12) - 8);
   }
 }
 
@@ -76,28 +64,20 @@ void random_case(std::mt19937_64& rng) {
   static const char* const kIntLength[] = {"", "", "hh", "h", "l", "ll", "z", "j", "t"};
   static const char* const kConv = "diuxXocsfFeEgG";
   const char conv = kConv[rng() % std::strlen(kConv)];
-  const char* const width = kWidth[rng() % 7];
-  const char* const precision = kPrecision[rng() % 11];
+  const char *const width = kWidth[rng() % 7], *const precision = kPrecision[rng() % 11];
   const char* length = "";
   if (std::strchr("diuxXo", conv) != nullptr) length = kIntLength[rng() % 9];
   if (std::strchr("fFeEgG", conv) != nullptr && rng() % 4 == 0) length = "l";
   std::string format = std::string(rng() % 2 ? "value " : "") + "%" + kFlags[rng() % 12] + width +
                        precision + length + conv + (rng() % 2 ? " end %%" : "");
   const int w = static_cast<int>(rng() % 41) - 20, p = static_cast<int>(rng() % 30) - 5;
-  const size_t sizes[] = {1024, 1024, 1024, 0, 1, 7, 20};
-  const size_t size = sizes[rng() % 7];
+  const size_t sizes[] = {1024, 1024, 1024, 0, 1, 7, 20}, size = sizes[rng() % 7];
   const char* f = format.c_str();
   const bool star_w = *width == '*', star_p = std::strcmp(precision, ".*") == 0;
   auto run = [&](auto value) {
-    if (star_w && star_p) {
-      expect_same(size, f, w, p, value);
-    } else if (star_w) {
-      expect_same(size, f, w, value);
-    } else if (star_p) {
-      expect_same(size, f, p, value);
-    } else {
-      expect_same(size, f, value);
-    }
+    if (star_w && star_p) return expect_same(size, f, w, p, value);
+    if (star_w || star_p) return expect_same(size, f, star_w ? w : p, value);
+    expect_same(size, f, value);
   };
   const int64_t i = random_integer(rng);
   if (std::strchr("fFeEgG", conv) != nullptr) {
@@ -121,10 +101,7 @@ TEST(Format, RandomConversionsMatchVsnprintf) {
 }
 
 TEST(Format, RoundingAndLayoutBoundaries) {
-  struct Case {
-    const char* format;
-    double value;
-  } const cases[] = {
+  const struct { const char* format; double value; } cases[] = {
       {"%.0f", 0.5},        {"%.0f", 1.5},       {"%.0f", 2.5},       {"%.2f", 1.005},
       {"%.3f", 2.0005},     {"%.1f", 0.25},      {"%.1f", -0.05},     {"%f", 1e19},
       {"%f", 1.8446744073709552e19}, {"%.20f", 0.1}, {"%.22f", 1e-22},  {"%e", 9.9999995},
@@ -133,7 +110,7 @@ TEST(Format, RoundingAndLayoutBoundaries) {
       {"%#.0e", 1.0},       {"%#.0f", 3.0},      {"%.0g", 0.5},       {"%G", 1e-300},
       {"%e", 5e-324},       {"%08.3f", -1.5},    {"%-9.2e|", 3.14159}, {"%+ .3g", 2.0},
   };
-  for (const Case& c : cases) expect_same(64, c.format, c.value);
+  for (const auto& c : cases) expect_same(64, c.format, c.value);
   // Another rounding mode goes to the C library.
   ASSERT_EQ(0, std::fesetround(FE_UPWARD));
   expect_same(64, "%.2f %e", 1.001, 1.0 / 3);
@@ -143,7 +120,7 @@ TEST(Format, RoundingAndLayoutBoundaries) {
 TEST(Format, EverythingElseGoesToTheCLibrary) {
   int n = 0;
   char buf[64];
-  ours(buf, sizeof buf, "%2$s %1$d%3$n", 7, "x", &n);
+  format_call(buf, sizeof buf, "%2$s %1$d%3$n", 7, "x", &n);
   EXPECT_STREQ("x 7", buf);
   EXPECT_EQ(3, n);
   expect_same(64, "%p %a %Lf %ls", static_cast<void*>(buf), 0.1, 1.0L, L"w");

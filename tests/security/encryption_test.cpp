@@ -2,33 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <vector>
 
 #include "zqsecurity/encryption.h"
 
 using ZQSecurity::Cipher;
 
-namespace {
-
-std::vector<unsigned char> from_hex(const char* hex) {
-  std::vector<unsigned char> bytes;
-  for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
-    bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(hex + i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
-
-}  // namespace
-
 TEST(Cipher, UnknownNamesAreResults) {
   Cipher none("no-such-cipher");
   EXPECT_EQ(none.GetMethod(), "");
-  EXPECT_EQ(none.blocksize(), 0u);
-  EXPECT_EQ(none.keysize(), 0u);
+  EXPECT_EQ(none.blocksize() + none.keysize(), 0u);
   EXPECT_FALSE(none.setkey("phrase"));
-  const unsigned char key[16] = {};
+  unsigned char key[16] = {}, out[64];
   EXPECT_FALSE(none.setkey(key, 16, key));
-  unsigned char out[64];
   EXPECT_EQ(none.encrypt("abc", 3, out), 0u);
   EXPECT_EQ(none.maxkeysize(), 32u);
 }
@@ -37,12 +22,12 @@ TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
   // Key and vector for "open sesame" computed independently from the
   // published definition of EVP_BytesToKey (Python, hashlib RIPEMD-160, three
   // iterations, the first eight bytes of the fixed salt text).
-  const auto key = from_hex("d6256c00c25dda1655ff1e2219994afd");
-  const auto iv = from_hex("3391ecdd06bedf8dbf5f0c8700030df2");
+  const unsigned char key[] = "\xd6\x25\x6c\x00\xc2\x5d\xda\x16\x55\xff\x1e\x22\x19\x99\x4a\xfd";
+  const unsigned char iv[] = "\x33\x91\xec\xdd\x06\xbe\xdf\x8d\xbf\x5f\x0c\x87\x00\x03\x0d\xf2";
   Cipher phrase("aes-128-cbc"), raw("aes-128-cbc");
   ASSERT_TRUE(phrase.setkey(std::string("open sesame")));
   EXPECT_EQ(phrase.keysize(), 16u);
-  ASSERT_TRUE(raw.setkey(key.data(), 16, iv.data()));
+  ASSERT_TRUE(raw.setkey(key, 16, iv));
   unsigned char a[64], b[64], back[64];
   EXPECT_EQ(phrase.encrypt("hello", 5, a), 16u);
   EXPECT_EQ(raw.encrypt("hello", 5, b), 16u);
@@ -57,7 +42,7 @@ TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
   Cipher bf("bf-cbc"), bf_raw("bf-cbc");
   ASSERT_EQ(bf.GetMethod(), "bf-cbc");
   ASSERT_TRUE(bf.setkey(std::string("open sesame")));
-  ASSERT_TRUE(bf_raw.setkey(key.data(), 16, iv.data()));
+  ASSERT_TRUE(bf_raw.setkey(key, 16, iv));
   EXPECT_EQ(bf.encrypt("blowfish", 8, a), bf_raw.encrypt("blowfish", 8, b));
   EXPECT_EQ(std::memcmp(a, b, 16), 0);
 }
@@ -68,7 +53,6 @@ TEST(Cipher, RawKeyLengthRuleAndBurn) {
   unsigned char key[32] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   const unsigned char iv[16] = {};
   EXPECT_TRUE(bf.setkey(key, 16, iv));
-  EXPECT_EQ(bf.keysize(), 16u);
   EXPECT_FALSE(bf.setkey(key, 8, iv));  // shorter than the key in force
   EXPECT_EQ(bf.keysize(), 16u);
   EXPECT_TRUE(bf.setkey(key, 24, iv));

@@ -3,16 +3,14 @@
 // the station's end-to-end script.)
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
+#include <optional>
 #include <thread>
 
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/dh.h>
-
-#include <atomic>
 
 #include "support/child_process.h"
 #include "zqcommon/bug.h"
@@ -25,76 +23,60 @@ using ZQSecurity::SSLConnection;
 
 namespace {
 
-constexpr int kWait = 10 * Connection::wait_1s;
-
-// Runs the Python peer.
-struct Peer : ChildProcess {
-  explicit Peer(const std::vector<std::string>& args)
-      : ChildProcess(with_script(args)) {}
-  // The port the peer listens on; 0 when it did not start.
-  int port() {
-    int port = 0;
-    return out() != nullptr && std::fscanf(out(), "%d", &port) == 1 ? port : 0;
-  }
-  static std::vector<std::string> with_script(std::vector<std::string> args) {
-    args.insert(args.begin(), {"python3", ZQ_TLS_PEER});
-    return args;
-  }
+// DEBUG_LEVEL at `level` for a scope.
+struct DebugLevel {
+  int saved = DEBUG_LEVEL;
+  explicit DebugLevel(int level) { DEBUG_LEVEL = level; }
+  ~DebugLevel() { DEBUG_LEVEL = saved; }
 };
 
 std::string line_of(Connection& c) {
   std::string line;
-  c.readln(line, false, kWait);
+  c.readln(line, false, 10 * Connection::wait_1s);
   return line;
 }
 
-// One side of the exchange on an open connection.
-void serve_exchange(Connection& c) {
-  EXPECT_EQ(line_of(c), "PLAIN hello");
-  c.writeln("PLAIN ok");
-  EXPECT_EQ(line_of(c), "STARTTLS");
-  c.writeln("GO");
-  EXPECT_EQ(c.flush(), 0);
-  c.SSL_setup(true, "", "", "");
-  ASSERT_TRUE(c.SSL_start_TLS(true));
+// Either side of the exchange on an open connection: clear text, the switch
+// to TLS, and a line each way encrypted.
+void exchange(Connection& c, bool server) {
+  if (server) {
+    EXPECT_EQ(line_of(c), "PLAIN hello");
+    c.writeln("PLAIN ok");
+    EXPECT_EQ(line_of(c), "STARTTLS");
+    c.writeln("GO");
+    EXPECT_EQ(c.flush(), 0);
+  } else {
+    c.writeln("PLAIN hello");
+    EXPECT_EQ(line_of(c), "PLAIN ok");
+    c.writeln("STARTTLS");
+    EXPECT_EQ(line_of(c), "GO");
+  }
+  c.SSL_setup(server, "", "", "");
+  ASSERT_TRUE(c.SSL_start_TLS(server));
   EXPECT_TRUE(c.IsEncrypted());
-  EXPECT_EQ(line_of(c), "SECRET ping");
-  c.writeln("SECRET pong");
+  if (!server) c.writeln("SECRET ping");
+  EXPECT_EQ(line_of(c), server ? "SECRET ping" : "SECRET pong");
+  if (server) c.writeln("SECRET pong");
   EXPECT_EQ(c.flush(), 0);
-}
-
-void client_exchange(Connection& c) {
-  c.writeln("PLAIN hello");
-  EXPECT_EQ(line_of(c), "PLAIN ok");
-  c.writeln("STARTTLS");
-  EXPECT_EQ(line_of(c), "GO");
-  c.SSL_setup(false, "", "", "");
-  ASSERT_TRUE(c.SSL_start_TLS(false));
-  EXPECT_TRUE(c.IsEncrypted());
-  c.writeln("SECRET ping");
-  EXPECT_EQ(line_of(c), "SECRET pong");
 }
 
 }  // namespace
 
 TEST(SSLConnection, OurClientAgainstPythonServer) {
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = -1;
-  Peer peer({"server"});
-  const int port = peer.port();
-  ASSERT_GT(port, 0);
+  DebugLevel quiet(-1);
+  ChildProcess peer({"python3", ZQ_TLS_PEER, "server"});
+  int port = 0;
+  ASSERT_TRUE(peer.out() != nullptr && std::fscanf(peer.out(), "%d", &port) == 1 && port > 0);
   MySocketClient client;
   ASSERT_GE(client.Connect("127.0.0.1", port, true), 0);
   SSLConnection c;
   ASSERT_TRUE(c.SetSocket(&client.sock));
-  client_exchange(c);
+  exchange(c, false);
   EXPECT_EQ(peer.wait(), 0);
-  DEBUG_LEVEL = saved;
 }
 
 TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = -1;
+  std::optional<DebugLevel> quiet(-1);
   MySocketServer server;
   ASSERT_TRUE(server.Start("127.0.0.1", 0, 5));
   std::thread server_side([&] {
@@ -102,7 +84,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
     {
       SSLConnection c;  // holds a pointer to s->sock: goes before s
       c.SetSocket(&s->sock);
-      serve_exchange(c);
+      exchange(c, true);
       EXPECT_EQ(line_of(c), "bye");
     }
     delete s;
@@ -111,7 +93,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   ASSERT_GE(client.Connect("127.0.0.1", server.LocalPort(), true), 0);
   SSLConnection c;
   c.SetSocket(&client.sock);
-  client_exchange(c);
+  exchange(c, false);
   // An encrypted read with a time-out waits like a clear one.
   std::string idle;
   EXPECT_EQ(c.readln(idle, false, 50 * Connection::wait_1ms), -2);
@@ -130,7 +112,7 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   }
   signal(SIGPIPE, old_action);
   EXPECT_FALSE(c.IsConnected());
-  DEBUG_LEVEL = saved;
+  quiet.reset();
 
   // Without SSL_setup the switch is refused and clear text goes on.
   int sv[2];
@@ -140,22 +122,18 @@ TEST(SSLConnection, TwoOfOurOwnAndClearTextFallback) {
   b.SetSocket(&sv[1]);
   ::testing::internal::CaptureStderr();
   EXPECT_FALSE(a.SSL_start_TLS(true));
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
-                "cannot setup ssl object, since no SSL_CTX was prepared"),
-            std::string::npos);
+  const std::string refusal = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(refusal.find("cannot setup ssl object, since no SSL_CTX was prepared"), std::string::npos);
   EXPECT_FALSE(a.IsEncrypted());
   a.writeln("still clear");
   EXPECT_EQ(line_of(b), "still clear");
 
-  // create_connection keeps the class.
+  // create_connection keeps the class. A copy of `a` closes the shared
+  // descriptor when it goes; `a` notices.
   Connection plain;
-  std::unique_ptr<Connection> p(ZQSecurity::create_connection(plain));
-  EXPECT_FALSE(p->SSL_support());
-  std::unique_ptr<Connection> q(ZQSecurity::create_connection(a));
-  EXPECT_TRUE(q->SSL_support());
-  std::unique_ptr<Connection> fresh(ZQSecurity::create_connection());
-  EXPECT_TRUE(fresh->SSL_support());
-  q.reset();  // a copy: closing it closes the shared descriptor; a notices
+  EXPECT_FALSE(std::unique_ptr<Connection>(ZQSecurity::create_connection(plain))->SSL_support());
+  EXPECT_TRUE(std::unique_ptr<Connection>(ZQSecurity::create_connection(a))->SSL_support());
+  EXPECT_TRUE(std::unique_ptr<Connection>(ZQSecurity::create_connection())->SSL_support());
 }
 
 TEST(SSLSetup, LockTableAndDHGroups) {
@@ -182,19 +160,16 @@ TEST(SSLSetup, LockTableAndDHGroups) {
   ZQSecurity::locking_callback(0, 7, __FILE__, __LINE__);
   EXPECT_NE(ZQSecurity::id_callback(), 0u);
 
-  const int saved = DEBUG_LEVEL;
-  DEBUG_LEVEL = 0;
+  std::optional<DebugLevel> loud(0);
   ::testing::internal::CaptureStderr();
-  DH* a = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
-  DH* b = ZQSecurity::tmp_dh_callback(nullptr, 0, 1024);
-  DH* odd = ZQSecurity::tmp_dh_callback(nullptr, 0, 777);
-  DH* big = ZQSecurity::tmp_dh_callback(nullptr, 0, 4096);
+  auto dh = [](int bits) { return ZQSecurity::tmp_dh_callback(nullptr, 0, bits); };
+  DH *a = dh(1024), *b = dh(1024), *odd = dh(777), *big = dh(4096);  // in this order
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "tmp_dh_callback for keylen 1024 called!\ntmp_dh_callback for keylen 1024 called!\n"
             "tmp_dh_callback for keylen 777 called!\n"
             "tmp_dh_callback wants keylen 777, which is not provided!\n"
             "tmp_dh_callback for keylen 4096 called!\n");
-  DEBUG_LEVEL = saved;
+  loud.reset();
   EXPECT_NE(a, nullptr);
   EXPECT_EQ(a, b);  // cached
   EXPECT_EQ(odd, big);  // the strongest group

@@ -25,8 +25,7 @@ class ChildProcess {
     pid_ = fork();
     if (pid_ == 0) {
       dup2(p[1], STDOUT_FILENO);
-      close(p[0]);
-      close(p[1]);
+      close(p[0]), close(p[1]);
       execvp(args[0], args.data());
       _exit(127);
     }
@@ -34,10 +33,7 @@ class ChildProcess {
     out_ = fdopen(p[0], "r");
   }
   ~ChildProcess() {
-    if (pid_ > 0) {
-      kill(pid_, stop_signal_);
-      wait();
-    }
+    if (pid_ > 0) kill(pid_, stop_signal_), wait();
     if (out_ != nullptr) std::fclose(out_);
   }
   ChildProcess(const ChildProcess&) = delete;

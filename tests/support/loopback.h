@@ -7,11 +7,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// The connected descriptor, or -1 after 100 attempts 10 ms apart.
-inline int connect_local(int port) {
+// The connected descriptor, or -1 after 100 attempts 10 ms apart. With
+// `from`, the client's end is bound to that loopback address first.
+inline int connect_local(int port, const char* from = nullptr) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
+  if (from != nullptr) {
+    addr.sin_addr.s_addr = inet_addr(from);
+    if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return close(s), -1;
+  }
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   for (int attempt = 0; attempt < 100; ++attempt) {

@@ -1,24 +1,29 @@
-// Test helper: a private folder removed with its contents, and whole-file reads.
+// Test helper: a fresh folder below the test's temporary folder, removed with
+// everything in it when the object goes, and whole-file reads.
 #ifndef ZQ_TESTS_SCRATCH_DIR_H
 #define ZQ_TESTS_SCRATCH_DIR_H
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
-// A new folder under /tmp for one test; removed, contents and all, at the end.
 struct ScratchDir {
   std::string path;
   ScratchDir() {
-    char pattern[] = "/tmp/zqtestXXXXXX";
-    path = mkdtemp(pattern) ? pattern : "/tmp";
+    std::string pattern = ::testing::TempDir() + "zqXXXXXX";
+    EXPECT_NE(mkdtemp(&pattern[0]), nullptr) << pattern;
+    path = pattern;
   }
   ~ScratchDir() {
-    if (path != "/tmp") std::system(("rm -rf '" + path + "'").c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
   }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
   std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 

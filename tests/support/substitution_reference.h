@@ -7,33 +7,31 @@
 #include <string>
 
 inline std::string reference_substitution(const std::string& line,
-                                          const std::map<std::string, std::string>& vars,
-                                          int retcode) {
+                                          const std::map<std::string, std::string>& vars, int retcode) {
   std::string out;
-  const size_t len = line.size();
-  size_t i = 0;
-  while (i < len) {
+  for (size_t i = 0; i < line.size();) {
     if (line[i] != '$') {
       out += line[i++];
-      continue;
-    }
-    if (i + 1 >= len) break;
-    if (line[i + 1] == '$' || line[i + 1] == '?') {
+    } else if (i + 1 == line.size()) {
+      break;
+    } else if (line[i + 1] == '$' || line[i + 1] == '?') {
       out += line[i + 1] == '$' ? std::string("$") : std::to_string(retcode);
       i += 2;
-      continue;
-    }
-    size_t p = i + 1, n = 1;
-    while (p + n <= len) {
-      auto it = vars.find(line.substr(p, n));
-      if (it != vars.end()) {
-        out += it->second;
-        p += n;
-      } else {
-        ++n;
+    } else {
+      // The shortest names first; each one found is replaced and the search
+      // goes on behind it, up to the end of the line.
+      size_t p = i + 1, n = 1;
+      while (p + n <= line.size()) {
+        const auto it = vars.find(line.substr(p, n));
+        if (it == vars.end()) {
+          ++n;
+        } else {
+          out += it->second;
+          p += n;
+        }
       }
+      i = p + 1;
     }
-    i = p + 1;
   }
   return out;
 }

@@ -1,13 +1,13 @@
-// Recursive locks, the thread status word, suspension and the semaphore registry.
+// Recursive locks, the thread status word, suspension, the signals a thread
+// blocks and the semaphore registry.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include "support/eventually.h"
@@ -16,40 +16,33 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double ms_since(Clock::time_point t0) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
 struct Guarded : lockable {};
 
-// Holds `lock` on another thread for `hold_ms`.
+// Holds `lock` on another thread for `hold_ms`, once `held` is seen true.
 std::thread hold(lockable& lock, int hold_ms, std::atomic<bool>& held) {
-  return std::thread([&lock, hold_ms, &held] {
+  std::thread t([&lock, hold_ms, &held] {
     lock.lock();
     held = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(hold_ms));
+    usleep(hold_ms * 1000);
     held = false;
     lock.unlock();
   });
+  EXPECT_TRUE(eventually([&] { return held.load(); }));
+  return t;
 }
 
 // Counts until told to stop; polls the cancel bit.
 struct Counter : thread {
   std::atomic<long> count{0};
-  std::atomic<bool> cleaned{false}, cleaned_cancelled{false};
-  std::atomic<bool> exit_self{false};
-  ~Counter() override { stop(); }
-  void stop() {
+  std::atomic<bool> cleaned{false}, cleaned_cancelled{false}, exit_self{false};
+  ~Counter() override {
     SetCancel();
     for (int i = 0; i < 2000 && IsRunning() && !IsSuspended(); ++i) usleep(1000);
   }
   void* run(void* arg) override {
-    while (!IsCancelled() || exit_self) {
+    for (; !IsCancelled() || exit_self; usleep(200)) {
       ++count;
       if (exit_self) ExitIfCancelled();
-      usleep(200);
     }
     return arg;
   }
@@ -63,6 +56,10 @@ struct Quick : thread {
   void* run(void* arg) override { return arg; }
 };
 
+struct MaskReporter : thread {
+  sigset_t mask;
+  void* run(void*) override { return pthread_sigmask(SIG_SETMASK, nullptr, &mask), nullptr; }
+};
 
 }  // namespace
 
@@ -73,25 +70,21 @@ TEST(Lockable, LockedAndTrylockFromOtherThreads) {
   g.lock();  // recursive
   EXPECT_FALSE(g.locked());  // the holder never sees its own lock as taken
   EXPECT_TRUE(g.trylock(0));
-  g.unlock();
-  g.unlock();
-  g.unlock();
+  for (int i = 0; i < 3; ++i) g.unlock();
 
   std::atomic<bool> held{false};
   std::thread holder = hold(g, 300, held);
-  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.locked());
   EXPECT_FALSE(g.trylock(0));
-  const auto t0 = Clock::now();
+  const auto t0 = std::chrono::steady_clock::now();
   EXPECT_FALSE(g.trylock(50));
-  EXPECT_GE(ms_since(t0), 45.0);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(45));
   EXPECT_TRUE(g.trylock(-1));  // waits for the holder
   EXPECT_FALSE(held);
   g.unlock();
   holder.join();
 
   std::thread brief = hold(g, 20, held);
-  ASSERT_TRUE(eventually([&] { return held.load(); }));
   EXPECT_TRUE(g.trylock(5000));
   g.unlock();
   brief.join();
@@ -145,43 +138,40 @@ TEST(Thread, JoinWaitsOnlyForAPlainRunningThread) {
   EXPECT_EQ(c.Status(), 8u);  // the cancel bit is sticky
 }
 
-TEST(Thread, JoinAndExitIfCancelled) {
-  struct Sleeper : thread {
-    std::atomic<bool> go{false};
-    void* run(void*) override {
-      while (!go) usleep(500);
-      return nullptr;
-    }
-  } s;
-  s.Start(nullptr);
-  std::thread release([&] {
-    usleep(20000);
-    s.go = true;
-  });
-  s.Join();  // waits for the body
-  release.join();
-  EXPECT_FALSE(s.IsRunning());
-  EXPECT_EQ(s.Error(), 0);
-
+TEST(Thread, JoinWaitsForABodyThatEndsItselfWhenCancelled) {
   Counter c;
-  c.exit_self = true;
+  c.exit_self = true;  // runs until cancelled, then ends itself at its next check
   c.Start(nullptr);
   ASSERT_TRUE(eventually([&] { return c.count > 0; }));
-  EXPECT_EQ(c.Id(), c.Id());
-  c.SetCancel();
+  std::thread cancel([&] {
+    usleep(20000);
+    c.SetCancel();
+  });
+  c.Join();  // waits for the body
+  cancel.join();
+  EXPECT_FALSE(c.IsRunning());
+  EXPECT_EQ(c.Error(), 0);
   c.ExitIfCancelled();  // not the object's own thread: nothing happens here
-  const long seen = c.count;
-  usleep(50000);  // the thread ends itself at its next check
   const long after = c.count;
   usleep(30000);
   EXPECT_EQ(c.count, after);
-  EXPECT_GE(after, seen);
   EXPECT_FALSE(c.cleaned);  // ended by cancellation inside run()
 }
 
+// Every signal is blocked except stop, continue and the library's own
+// suspend/resume pair.
+TEST(ThreadSignalMask, OnlyStopContinueAndSuspendResumeStayDeliverable) {
+  MaskReporter t;
+  t.Start(nullptr);
+  ASSERT_TRUE(t.WaitFinished(10000));
+  t.Join();
+  using T = thread;
+  for (int s : {SIGCONT, SIGSTOP, T::kSuspendSignal, T::kResumeSignal}) EXPECT_EQ(sigismember(&t.mask, s), 0) << s;
+  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGCHLD, SIGRTMIN}) EXPECT_EQ(sigismember(&t.mask, s), 1) << s;
+}
+
 TEST(Semaphore, RegisteredSetsAreRemoved) {
-  const int a = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
-  const int b = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+  const int a = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600), b = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
   if (a < 0 || b < 0) GTEST_SKIP() << "System V semaphores are not available here";
   ASSERT_TRUE(Semaphore::Register(a));
   ASSERT_TRUE(Semaphore::Register(b));
