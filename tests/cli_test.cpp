@@ -1,9 +1,8 @@
 // The command interpreter: registry, substitution, parsing, the polling state
-// machine, completion, columns, built-ins, and a real pseudo-terminal.
-#include <fcntl.h>
+// machine, completion, columns and built-ins. (On a real terminal, as a person
+// types, it is run by scripts/cli-tmux.sh and scripts/station-tmux.sh, which
+// also check that the terminal's modes are restored.)
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <string>
@@ -181,41 +180,4 @@ TEST(CLI, BuiltinsAndSessionEnd) {
 
   s.type("exit\n");
   EXPECT_EQ(cli.update(), 4);
-}
-
-TEST(CLI, RealTerminalModesAndEcho) {
-  int master = -1, slave = -1;
-  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  termios before{};
-  tcgetattr(slave, &before);
-  ASSERT_TRUE(before.c_lflag & ICANON);
-  FILE* in = fdopen(dup(slave), "r");
-  FILE* out = fdopen(dup(slave), "w");
-  {
-    CLI cli(in, out, out);
-    termios during{};
-    tcgetattr(slave, &during);
-    EXPECT_FALSE(during.c_lflag & ICANON);
-    EXPECT_FALSE(during.c_lflag & ECHO);
-    EXPECT_EQ(cli.update(), 0);  // the prompt; nothing typed: no waiting
-    const std::string keys = "echo pty\r";
-    ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    usleep(50000);
-    cli.update_all();
-    usleep(50000);
-    fcntl(master, F_SETFL, O_NONBLOCK);
-    std::string screen;
-    char buf[4096];
-    for (ssize_t n; (n = ::read(master, buf, sizeof buf)) > 0;) screen.append(buf, static_cast<size_t>(n));
-    EXPECT_NE(screen.find("echo pty"), std::string::npos) << screen;
-    EXPECT_NE(screen.find("pty\r\n"), std::string::npos) << screen;
-  }
-  termios after{};
-  tcgetattr(slave, &after);
-  EXPECT_TRUE(after.c_lflag & ICANON);  // restored
-  EXPECT_TRUE(after.c_lflag & ECHO);
-  fclose(in);
-  fclose(out);
-  close(master);
-  close(slave);
 }

@@ -50,17 +50,16 @@ struct CliSession {
   }
   // What was written since the last type() or fresh().
   std::string fresh() {
-    const std::string all = screen();
-    const std::string text = all.substr(seen);
-    seen = all.size();
-    return text;
+    const size_t from = seen;
+    return screen().substr(from);
   }
-  // Everything written so far.
+  // Everything written so far (which counts as read for fresh()).
   std::string screen() {
     std::fflush(out);
     std::string text;
     char chunk[4096];
     for (ssize_t n; (n = pread(fileno(out), chunk, sizeof chunk, text.size())) > 0;) text.append(chunk, n);
+    seen = text.size();
     return text;
   }
 };
