@@ -3,11 +3,7 @@
 // line), then a match of a few peers of both families. Name look-ups are
 // answered "unknown" at once (no resolver traffic).
 #include <netdb.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 #include "fuzz_input.h"

@@ -3,11 +3,6 @@
 // history stays within its bound. An odd first byte switches the line editor
 // on, with (first byte / 4) columns (0: the terminal's); its line then stays
 // within its limit, valid UTF-8, with the cursor on a character boundary.
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 
 #include "fuzz_input.h"
 #include "zqcommon/cli.h"

@@ -1,5 +1,6 @@
 // The fuzz targets' ways of handing their input to the code under test: as
-// text, as lines, as a file and as a pipe's contents.
+// text, as lines, as a file and as a pipe's contents. It brings the headers
+// every target uses (<cstdint>, <cstdio>, <cstdlib>, <string>, <unistd.h>).
 #ifndef ZQ_FUZZ_INPUT_H
 #define ZQ_FUZZ_INPUT_H
 
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 

@@ -5,13 +5,8 @@
 // cheap hash; password lines for other users are skipped because their check
 // costs a full scrypt on purpose. No crash, no sanitizer report, and no level
 // above the viewer's is ever reached.
-#include <unistd.h>
 #include <zqcommon/connection.h>
 #include <zqcommon/functions.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 
 #include "../../examples/station/access.h"
 #include "station_parts.h"

@@ -1,11 +1,7 @@
 // Fuzz target: arbitrary bytes through a pipe into Connection::readln, with
 // and without line editing. Every line that ends in a terminator must come
 // out whole and in order (edited when editing is on); nothing may crash.
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 #include "fuzz_input.h"

@@ -4,12 +4,6 @@
 // through the log's escaping and the session's interpreter. No crash, no
 // sanitizer report, no file read from outside the data folder.
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "station_parts.h"
 

@@ -3,10 +3,6 @@
 // substitution must equal the plain rule (on lines short enough for it) and
 // each line must finish within a time budget, so a super-linear case fails.
 #include <ctime>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "fuzz_input.h"
 #include "support/substitution_reference.h"

@@ -3,14 +3,8 @@
 // password is checked against every user it names. Hashes whose scrypt cost
 // exceeds a small bound are not checked (a loaded file may rightly ask for
 // seconds of work per check), so each input stays fast.
-#include <unistd.h>
 #include <zqcommon/functions.h>
 #include <zqsecurity/userfile.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "fuzz_input.h"
 
