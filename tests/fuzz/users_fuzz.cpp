@@ -10,12 +10,18 @@
 
 namespace {
 
-// N*r*p of "scrypt$N$r$p$..." (read as the loader reads numbers, so leading
-// zeros and signs count), or 0 when the text does not start so.
-unsigned long long cost(const char* hash) {
-  unsigned long long n = 0, r = 0, p = 0;
-  if (std::sscanf(hash, "scrypt$%llu$%llu$%llu$", &n, &r, &p) != 3) return 0;
-  return n > 1u << 20 || r > 64 || p > 64 ? ~0ull : n * r * p;
+// N*r*p of the "scrypt$N$r$p$..." at `at` in `text`, each number read as the
+// loader reads it: up to the first byte that is not a digit, a NUL included
+// (so "16<NUL>x" counts as 16); signs count as large.
+unsigned long long cost(const std::string& text, size_t at) {
+  unsigned long long f[3] = {};
+  at = text.find('$', at);
+  for (unsigned long long& v : f) {
+    if (at == std::string::npos) return 0;
+    v = std::strtoull(text.c_str() + at + 1, nullptr, 10);
+    at = text.find('$', at + 1);
+  }
+  return f[0] > 1u << 20 || f[1] > 64 || f[2] > 64 ? ~0ull : f[0] * f[1] * f[2];
 }
 
 }  // namespace
@@ -36,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Check the password against every user the file names, unless one of its
   // hashes (any line, any section) is expensive.
   for (auto at = file.find("scrypt$"); at != std::string::npos; at = file.find("scrypt$", at + 1)) {
-    if (cost(file.c_str() + at) > 4096) return 0;
+    if (cost(file, at) > 4096) return 0;
   }
   fuzz_lines(file, file.size(), [&](const std::string& line) {
     const auto eq = line.find('=');
