@@ -5,56 +5,17 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "zqcommon/cli.h"
-#include "zqcommon/cli_editor.h"
-
-namespace {
-
-// An editing interpreter whose keys are fed and whose screen is a string.
-struct Editing {
-  FILE* in = std::fopen("/dev/null", "r");
-  char* buf = nullptr;
-  size_t size = 0;
-  FILE* out = open_memstream(&buf, &size);
-  std::unique_ptr<CLI> cli = std::make_unique<CLI>(in, out, out);
-  CLI_Editor* ed = cli->EnableEditing();
-  Editing() { cli->update_all(); }
-  ~Editing() {
-    cli.reset();
-    std::fclose(in);
-    std::fclose(out);
-    std::free(buf);
-  }
-  int type(const std::string& keys) {
-    ed->Feed(keys.data(), keys.size());
-    return cli->update_all();
-  }
-  std::string screen() {
-    std::fflush(out);
-    return std::string(buf, size);
-  }
-};
-
-}  // namespace
+#include "support/cli_session.h"
+#include "support/scratch_dir.h"
 
 // (The common keys, as a network client sends them, are scripts/cli_keys.py's
 // cases; these are the other forms and the edges.)
 TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
-  const struct {
-    const char* keys;
-    const char* line;
-    size_t cursor;
-  } kCases[] = {
-      {"abc\x1b[D\x1b[DX", "aXbc", 2},                       // Left, insert in the middle
+  const struct { const char* keys; const char* line; size_t cursor; } kCases[] = {
       {"abc\x1b[7~X\x1b[8~Y", "XabcY", 5},                    // rxvt forms
       {"abc\x02\x04", "ab", 2},                               // Ctrl-D deletes under the cursor
       {"abc\x02\x02\x06Z", "abZc", 3},                        // Ctrl-B, Ctrl-F
@@ -75,7 +36,7 @@ TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
       {"a\tb\x07\x0e\x10", "ab", 2},                          // Tab without candidates, stray controls
   };
   for (const auto& c : kCases) {
-    Editing e;
+    CliSession e(true);
     e.type(c.keys);
     EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
     EXPECT_EQ(e.ed->Cursor(), c.cursor) << c.keys;
@@ -83,10 +44,7 @@ TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
 }
 
 TEST(CLIEditor, HistoryAndSearch) {
-  const struct {
-    const char* keys;
-    const char* line;
-  } kCases[] = {
+  const struct { const char* keys; const char* line; } kCases[] = {
       {"\x1b[A", "echo three"},
       {"\x1b[A\x1b[A\x1b[A\x1b[A\x1b[A", "echo one"},  // stops at the oldest
       {"draft\x1b[A\x1b[B", "draft"},                  // Down returns to the typed line
@@ -97,20 +55,20 @@ TEST(CLIEditor, HistoryAndSearch) {
       {"\x12twX", "echo two"},                         // a failing query keeps the last match
   };
   for (const auto& c : kCases) {
-    Editing e;
+    CliSession e(true);
     e.type("echo one\recho two\r\necho three\n");
     ASSERT_EQ(e.cli->history.size(), 3u);
     e.type(c.keys);
     EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
   }
-  Editing e;
+  CliSession e(true);
   e.type("echo one\recho two\r");
   e.type("\x12on\x1b[CX");  // a movement ends the search and moves
   EXPECT_EQ(e.ed->Line(), "echo oXne");
 
   // A history entry that is not valid UTF-8 (put there by the program, or by
   // the specified editing model) is recalled and found without its stray bytes.
-  Editing raw;
+  CliSession raw(true);
   raw.cli->history.push_front("ha\xe1\xc3\xadS\x80z");
   raw.type("\x1b[A");
   EXPECT_EQ(raw.ed->Line(), "ha\xc3\xadSz");
@@ -120,7 +78,7 @@ TEST(CLIEditor, HistoryAndSearch) {
 }
 
 TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
-  Editing e;
+  CliSession e(true);
   e.cli->Register([](void*, int, const char**) { return 0; }, nullptr, "config", nullptr, "config set K V: x");
   e.ed->SetCompleter("config", [](const std::vector<std::string>& before, const std::string&) {
     if (before.size() == 1) return std::vector<std::string>{"set", "show", "save"};
@@ -128,10 +86,7 @@ TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
     if (before.size() == 3) return std::vector<std::string>{"\xc3\xa9t\xc3\xa9", "\xc3\xa8l"};
     return std::vector<std::string>{"Station.Low", "Station.High", "Server.Port"};
   });
-  const struct {
-    const char* keys;
-    const char* line;
-  } kCases[] = {
+  const struct { const char* keys; const char* line; } kCases[] = {
       {"config sh\t", "config show "},
       {"config set St\t", "config set Station."},
       {"config set Station.L\t", "config set Station.Low "},
@@ -143,26 +98,21 @@ TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
     e.type(std::string("\x03") + c.keys);
     EXPECT_EQ(e.ed->Line(), c.line) << c.keys;
   }
-  const std::string before = e.screen();
-  e.type("\x03" "config s\t");
-  const std::string listed = e.screen().substr(before.size());
+  const std::string listed = e.type("\x03" "config s\t");
   EXPECT_NE(listed.find("save"), std::string::npos);
   EXPECT_NE(listed.find("show"), std::string::npos);
   EXPECT_EQ(e.ed->Line(), "config s");
 }
 
 TEST(CLIEditor, WideLinesAndMessagesRedrawPromptLineAndCursor) {
-  Editing e;
+  CliSession e(true);
   e.ed->SetColumns(10);
   ASSERT_EQ(e.cli->iw_prompt.size(), 7u);  // "CLI:/> " or "CLI:/# "
   e.type("0123456789012");  // 20 cells: the cursor sits at the start of row 2
-  size_t mark = e.screen().size();
-  e.type("\x01");  // Home: up two rows, redraw, back up two rows, 7 columns in
-  std::string s = e.screen().substr(mark);
+  std::string s = e.type("\x01");  // Home: up two rows, redraw, back up two rows, 7 columns in
   EXPECT_EQ(s.rfind("\x1b[2A\r\x1b[7C"), s.size() - 9) << s;
-  mark = e.screen().size();
   e.ed->Message("sensor_high: ERROR");
-  s = e.screen().substr(mark);
+  s = e.fresh();
   // From the prompt's row: cleared, the message, the prompt and line again,
   // and the cursor back after the prompt.
   EXPECT_EQ(s.find("\r\x1b[J"), 0u) << s;
@@ -170,56 +120,45 @@ TEST(CLIEditor, WideLinesAndMessagesRedrawPromptLineAndCursor) {
   EXPECT_EQ(s.rfind("\x1b[2A\r\x1b[7C"), s.size() - 9) << s;
   EXPECT_EQ(e.ed->Line(), "0123456789012");
   EXPECT_EQ(e.ed->Cursor(), 0u);
-  mark = e.screen().size();
-  e.type("\x05");  // ends exactly at the margin: the cursor goes to the next row
-  s = e.screen().substr(mark);
+  s = e.type("\x05");  // ends exactly at the margin: the cursor goes to the next row
   EXPECT_EQ(s.substr(s.size() - 3), "\r\n\r") << s;
 }
 
 TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) {
-  Editing e;
+  CliSession e(true);
   auto nop = [](void*, int, const char**) { return 0; };
   e.cli->Register(nop, nullptr, "io", nullptr, "io [get|set BIT]: the digital I/O");
   e.cli->Register(nop, nullptr, "config", nullptr, "config: settings");
   for (auto rule : {std::make_pair("io", 1), {"io set", 2}, {"config", 2}}) e.cli->SetCommandLevel(rule.first, rule.second);
   e.cli->SetSessionLevel(1);
   e.ed->SetLevelNames({{1, "viewer"}, {2, "operator"}});
-  e.type("help\r");
-  EXPECT_NE(e.screen().find("  io       the digital I/O\r\n"), std::string::npos) << e.screen();
-  EXPECT_NE(e.screen().find("  history  history [-c]\r\n"), std::string::npos);
-  e.type("con\t");  // nor completed
+  const std::string list = e.type("help\r");
+  EXPECT_NE(list.find("  io       the digital I/O\r\n"), std::string::npos) << list;
+  EXPECT_NE(list.find("  history  history [-c]\r\n"), std::string::npos);
+  e.type("con\t\x03");  // nor completed
   EXPECT_EQ(e.screen().find("config"), std::string::npos);  // beyond the session's level
-  e.type("\x03");
-  e.type("help io config\r");
-  EXPECT_NE(e.screen().find("usage: io [get|set BIT]\r\n  the digital I/O\r\n  viewer    all but io set\r\n"
-                            "  operator  all of it\r\nUnknown command: config\r\n"),
-            std::string::npos) << e.screen();
+  // (The rows derived from the rules, and a command beyond the level being
+  // unknown to help, are checked over the network by scripts/cli_keys.py.)
   e.cli->SetSessionLevel(2);
   e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}});  // given rows replace the derived ones
-  e.type("help config io\r");
-  EXPECT_NE(e.screen().find("  viewer    none of it\r\n  operator  all of it\r\nusage: io [get|set BIT]\r\n"
+  const std::string rows = e.type("help config io\r");
+  EXPECT_NE(rows.find("  viewer    none of it\r\n  operator  all of it\r\nusage: io [get|set BIT]\r\n"
                             "  the digital I/O\r\n  viewer  io, io get\r\n"),
-            std::string::npos) << e.screen();
-  e.type("nosuch\r");  // the session's own error stream
-  EXPECT_NE(e.screen().find("nosuch: command not found"), std::string::npos);
+            std::string::npos) << rows;
+  EXPECT_NE(e.type("nosuch\r").find("nosuch: command not found"), std::string::npos);  // the session's stream
 }
 
 TEST(CLIEditor, HistoryFileIsPrivateBoundedReloadedAndReplacedWhole) {
-  char dir[] = "/tmp/zq-history-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string path = std::string(dir) + "/history";
-  auto content = [&path] {
-    std::ifstream f(path);
-    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  };
+  ScratchDir dir;
+  const std::string path = dir / "history";
   struct stat st {};
   {
-    Editing e;
+    CliSession e(true);
     ASSERT_TRUE(e.ed->SetHistoryFile(path, 3, 0));
     e.type("echo 1\recho 2\recho 3\recho 4\r");
   }
-  EXPECT_EQ(content(), "echo 2\necho 3\necho 4\n");
-  Editing e;
+  EXPECT_EQ(slurp(path), "echo 2\necho 3\necho 4\n");
+  CliSession e(true);
   ASSERT_TRUE(e.ed->SetHistoryFile(path, 2, 0));
   e.type("\x1b[A\x1b[A\x1b[A");
   EXPECT_EQ(e.ed->Line(), "echo 3");  // only the newest two were loaded
@@ -237,20 +176,18 @@ TEST(CLIEditor, HistoryFileIsPrivateBoundedReloadedAndReplacedWhole) {
   EXPECT_FALSE(e.ed->SaveHistory());
   setrlimit(RLIMIT_FSIZE, &old);
   signal(SIGXFSZ, action);
-  EXPECT_EQ(content(), "echo 2\necho 3\necho 4\n");
+  EXPECT_EQ(slurp(path), "echo 2\necho 3\necho 4\n");
   EXPECT_TRUE(e.ed->SaveHistory());
   umask(mask);
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  Editing folder;
-  EXPECT_FALSE(folder.ed->SetHistoryFile(dir, 2, 0));  // a folder is no history
+  CliSession folder(true);
+  EXPECT_FALSE(folder.ed->SetHistoryFile(dir.path, 2, 0));  // a folder is no history
   EXPECT_FALSE(folder.ed->SaveHistory());
-  unlink(path.c_str());
-  rmdir(dir);
 }
 
 TEST(CLIEditor, HostileInputKeepsTheLineConsistent) {
-  Editing e;
+  CliSession e(true);
   std::string burst(100000, 'x');
   burst[50000] = '\x01';
   e.type(burst);

@@ -1,76 +1,27 @@
 // The command interpreter: registry, substitution, parsing, the polling state
-// machine, completion, columns, built-ins, and a real pseudo-terminal.
-#include <fcntl.h>
+// machine, completion, columns and built-ins. (On a real terminal, as a person
+// types, it is run by scripts/cli-tmux.sh and scripts/station-tmux.sh, which
+// also check that the terminal's modes are restored.)
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <termios.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "zqcommon/cli.h"
+#include "support/cli_session.h"
 
 namespace {
 
-// What a non-blocking descriptor holds now.
-std::string drain(int fd) {
-  std::string text;
-  char buf[4096];
-  for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
-  return text;
-}
-
-// A CLI over two pipes: the test types into `keys`, reads what it wrote.
-struct Session {
-  int in[2], out[2];
-  FILE* fin;
-  FILE* fout;
-  std::unique_ptr<CLI> cli;
-  Session() {
-    EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-    fcntl(out[0], F_SETFL, O_NONBLOCK);
-    fin = fdopen(in[0], "r");
-    fout = fdopen(out[1], "w");
-    cli = std::make_unique<CLI>(fin, fout, fout);
-  }
-  ~Session() {
-    cli.reset();
-    fclose(fin);
-    fclose(fout);
-    close(in[1]);
-    close(out[0]);
-  }
-  // Types `text` and steps the interpreter until it has nothing more to do.
-  std::string type(const std::string& text) {
-    if (!text.empty()) {
-      EXPECT_EQ(::write(in[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    }
-    cli->update_all();
-    return screen();
-  }
-  std::string screen() {
-    std::fflush(fout);
-    return drain(out[0]);
-  }
-};
-
-int g_calls = 0;
 int app_cmd(void* arg, int argc, const char** argv) {
-  ++g_calls;
   return arg != nullptr ? *static_cast<int*>(arg) + argc - static_cast<int>(std::string(argv[0]).size()) : 7;
 }
 int sub_cmd(void*, int, const char**) { return 3; }
 int deeper_cmd(void*, int, const char**) { return 5; }
 
-std::string prompt_char() { return getuid() == 0 ? "#" : ">"; }
-
 }  // namespace
 
 TEST(CLI, RegistryPathsAndPrompt) {
-  Session s;
+  CliSession s;
   CLI& cli = *s.cli;
   EXPECT_TRUE(cli.Register(app_cmd, nullptr, "net", nullptr, "network commands"));
   EXPECT_FALSE(cli.Register(sub_cmd, nullptr, "net", nullptr, ""));  // duplicate: first stays
@@ -83,7 +34,7 @@ TEST(CLI, RegistryPathsAndPrompt) {
   EXPECT_EQ(cli.path_to_command(cli.find_command_recursive(sub_cmd)), "/net");
   EXPECT_EQ(cli.path_to_command(nullptr), "/");
 
-  EXPECT_EQ(cli.iw_prompt, "CLI:/" + prompt_char() + " ");
+  EXPECT_EQ(cli.iw_prompt, std::string("CLI:/") + (getuid() == 0 ? "# " : "> "));
   cli.sw_prompt = "%m %x 100%";
   cli.SetAppName("app");
   cli.update_internal();
@@ -103,7 +54,7 @@ TEST(CLI, RegistryPathsAndPrompt) {
 }
 
 TEST(CLI, SubstitutionQuirksAndParsing) {
-  Session s;
+  CliSession s;
   CLI& cli = *s.cli;
   cli.vars["A"] = "1";
   auto subst = [&](const std::string& text) {
@@ -145,7 +96,7 @@ TEST(CLI, SubstitutionQuirksAndParsing) {
 }
 
 TEST(CLI, KeysEchoHistoryAndCompletion) {
-  Session s;
+  CliSession s;
   CLI& cli = *s.cli;
   const std::string prompt = cli.iw_prompt;
   EXPECT_EQ(s.type(""), prompt);
@@ -155,10 +106,8 @@ TEST(CLI, KeysEchoHistoryAndCompletion) {
   s.type("echo c3\n");
   s.type("echx\x7fo x\x08y\n");
   EXPECT_EQ(cli.history.front(), "echo y");
-  s.type("\x1b[A");  // from an empty line the first cursor-up shows entry 1
-  EXPECT_EQ(cli.line, "echo c3");
-  s.type("\x1b[A\x1b[A\x1b[A\x1b[A");
-  EXPECT_EQ(cli.line, "echo hi");  // and stays at the oldest
+  s.type("\x1b[A\x1b[A\x1b[A\x1b[A\x1b[A");
+  EXPECT_EQ(cli.line, "echo hi");  // cursor-up stops at the oldest
   s.type("\x1b[B");
   EXPECT_EQ(cli.line, "echo c2");
   EXPECT_EQ(s.type("\x1b[D"), "\x1b[D");  // cursor left passes through
@@ -171,7 +120,6 @@ TEST(CLI, KeysEchoHistoryAndCompletion) {
   EXPECT_NE(listed.find("help"), std::string::npos);
   EXPECT_NE(listed.find("history"), std::string::npos);
   EXPECT_EQ(cli.line, "echo x h");
-  EXPECT_EQ(s.type("\x0c"), "\f" + prompt + "echo x h");
   s.type("\n");
 
   cli.SetHistoryLimit(3);
@@ -181,15 +129,15 @@ TEST(CLI, KeysEchoHistoryAndCompletion) {
 }
 
 TEST(CLI, ColumnsAndTerminalSize) {
-  Session s;
+  CliSession s;
   CLI& cli = *s.cli;
   EXPECT_EQ(cli.cols, 80u);  // not a terminal: 80 by 24
   EXPECT_EQ(cli.rows, 24u);
-  s.screen();
+  s.fresh();
   std::vector<std::string> items;
   for (int i = 0; i < 9; ++i) items.push_back("item" + std::to_string(i) + "xyz");
   EXPECT_EQ(cli.print_in_columns(items, 0), 10u);
-  const std::string out = s.screen();
+  const std::string out = s.fresh();
   EXPECT_EQ(out.find("\r\n"), 80u);  // eight items fill a line
   EXPECT_EQ(out.size(), 80u + 2 + 10 + 2);
   EXPECT_EQ(cli.print_in_columns({std::string(79, 'w')}, 0), 80u);  // capped at cols
@@ -198,7 +146,7 @@ TEST(CLI, ColumnsAndTerminalSize) {
 }
 
 TEST(CLI, BuiltinsAndSessionEnd) {
-  Session s;
+  CliSession s;
   CLI& cli = *s.cli;
   cli.Register(app_cmd, nullptr, "app", nullptr, "");
   ::testing::internal::CaptureStdout();
@@ -224,7 +172,6 @@ TEST(CLI, BuiltinsAndSessionEnd) {
   s.type("unset x nothere\n");
   EXPECT_EQ(cli.vars.count("x"), 0u);
 
-  s.screen();
   EXPECT_EQ(s.type("echo -n a b\n"), "echo -n a b\na b" + cli.iw_prompt);
   s.type("history -c\n");
   EXPECT_EQ(s.type("history\n"), "history\nHistory is empty.\r\n" + cli.iw_prompt);
@@ -233,39 +180,4 @@ TEST(CLI, BuiltinsAndSessionEnd) {
 
   s.type("exit\n");
   EXPECT_EQ(cli.update(), 4);
-}
-
-TEST(CLI, RealTerminalModesAndEcho) {
-  int master = -1, slave = -1;
-  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  termios before{};
-  tcgetattr(slave, &before);
-  ASSERT_TRUE(before.c_lflag & ICANON);
-  FILE* in = fdopen(dup(slave), "r");
-  FILE* out = fdopen(dup(slave), "w");
-  {
-    CLI cli(in, out, out);
-    termios during{};
-    tcgetattr(slave, &during);
-    EXPECT_FALSE(during.c_lflag & ICANON);
-    EXPECT_FALSE(during.c_lflag & ECHO);
-    EXPECT_EQ(cli.update(), 0);  // the prompt; nothing typed: no waiting
-    const std::string keys = "echo pty\r";
-    ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    usleep(50000);
-    cli.update_all();
-    usleep(50000);
-    fcntl(master, F_SETFL, O_NONBLOCK);
-    const std::string screen = drain(master);
-    EXPECT_NE(screen.find("echo pty"), std::string::npos) << screen;
-    EXPECT_NE(screen.find("pty\r\n"), std::string::npos) << screen;
-  }
-  termios after{};
-  tcgetattr(slave, &after);
-  EXPECT_TRUE(after.c_lflag & ICANON);  // restored
-  EXPECT_TRUE(after.c_lflag & ECHO);
-  fclose(in);
-  fclose(out);
-  close(master);
-  close(slave);
 }

@@ -14,18 +14,6 @@
 
 #include "zqcommon/mysocket.h"
 
-namespace {
-
-std::string read_all(int s) {
-  std::string data;
-  char chunk[256];
-  ssize_t n;
-  while ((n = recv(s, chunk, sizeof chunk, 0)) > 0) data.append(chunk, static_cast<size_t>(n));
-  return data;
-}
-
-}  // namespace
-
 TEST(InetAddress, LookupsAndTheirFailures) {
   InetAddress local("127.0.0.1");
   EXPECT_EQ(local.IPList(), std::vector<std::string>{"127.0.0.1"});
@@ -58,6 +46,7 @@ TEST(AccessList, RulesOfBothFamiliesInOrder) {
     six.Add(ACL_ALLOW, rule);  // the last two are not rules: ignored
   }
   six.Add(ACL_DENY, "fe80::/10");
+  AccessList odd6(ACL_ALLOW, "2001:db8:8000::/33");  // a length that ends inside a byte
   const struct { AccessList& acl; const char* peer; ACL_Mode want; } cases[] = {
       {none, "10.1.2.3", ACL_DENY},         {net, "10.1.2.3", ACL_ALLOW},        {net, "192.168.7.9", ACL_DENY},
       {dotted, "10.1.2.3", ACL_ALLOW},      {no_mask, "10.1.2.3", ACL_DENY},     {short_mask, "10.1.2.3", ACL_ALLOW},
@@ -66,6 +55,7 @@ TEST(AccessList, RulesOfBothFamiliesInOrder) {
       {six, "::2", ACL_DENY},               {six, "fe80::1", ACL_DENY},          {six, "2001:db8:ffff::1", ACL_ALLOW},
       {six, "2001:db9::", ACL_DENY},        {six, "::", ACL_DENY},               {all6, "10.1.2.3", ACL_ALLOW},
       {all6, "::5", ACL_ALLOW},             {all6, "::ffff:10.0.0.1", ACL_ALLOW}, {any4, "192.168.7.9", ACL_ALLOW},
+      {odd6, "2001:db8:ffff::1", ACL_ALLOW},  {odd6, "2001:db8:7fff:ffff::", ACL_DENY},
   };
   for (const auto& c : cases) {
     InetAddress peer(c.peer, true);
@@ -131,7 +121,8 @@ TEST(MySocketServer, AcceptRefuseStopAndResume) {
   });
   const int refused = connect_local(port);
   ASSERT_GE(refused, 0);
-  EXPECT_EQ(read_all(refused), std::string("Your IP is not allowed to connect\r\n\0", 36));
+  char refusal[64];  // its text is checked with the connection server's
+  EXPECT_EQ(recv(refused, refusal, sizeof refusal, MSG_WAITALL), 36);
   close(refused);
   usleep(20000);
   EXPECT_FALSE(returned);  // still waiting for an allowed peer

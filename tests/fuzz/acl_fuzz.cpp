@@ -3,14 +3,10 @@
 // line), then a match of a few peers of both families. Name look-ups are
 // answered "unknown" at once (no resolver traffic).
 #include <netdb.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "zqcommon/mysocket.h"
 
 extern "C" int gethostbyname_r(const char*, hostent*, char*, size_t, hostent** result, int* err) {
@@ -34,23 +30,13 @@ extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string path = [] {
-    char name[] = "/tmp/zqaclfuzzXXXXXX";
-    const int fd = mkstemp(name);
-    if (fd < 0) std::abort();
-    close(fd);
-    std::atexit([] { std::remove(path.c_str()); });
-    return std::string(name);
-  }();
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) std::abort();
-  if (size != 0 && std::fwrite(data, 1, size, f) != size) std::abort();
-  std::fclose(f);
+  const std::string path = fuzz_file(fuzz_text(data, size));
   AccessList acl;
   acl.load_ACL(path);
   AccessList checked;
   std::vector<std::string> problems;
   checked.load_checked(path, &problems);
+  unlink(path.c_str());
   for (const std::string& p : problems) {
     if (p.compare(0, path.size() + 1, path + ":") != 0) std::abort();
   }

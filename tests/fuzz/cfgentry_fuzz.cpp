@@ -12,11 +12,9 @@
 namespace {
 
 struct Everything : zqcommon::Config_Data {
-  int i = 0;
+  int i = 0, scaled = 0, octal = 0;
   unsigned int u = 0;
   long long l = 0;
-  int scaled = 0;
-  int octal = 0;
   double d = 0;
   std::string s;
   bool b = false;

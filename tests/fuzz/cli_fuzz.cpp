@@ -3,13 +3,8 @@
 // history stays within its bound. An odd first byte switches the line editor
 // on, with (first byte / 4) columns (0: the terminal's); its line then stays
 // within its limit, valid UTF-8, with the cursor on a character boundary.
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-
+#include "fuzz_input.h"
 #include "zqcommon/cli.h"
 #include "zqcommon/cli_editor.h"
 
@@ -20,9 +15,7 @@ int sub(void*, int, const char**) { return 1; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int p[2];
-  if (pipe2(p, O_CLOEXEC) != 0) std::abort();
-  fcntl(p[1], F_SETPIPE_SZ, 1 << 20);
-  if (size != 0 && ::write(p[1], data, size) != static_cast<ssize_t>(size)) std::abort();
+  fuzz_pipe(fuzz_text(data, size), p);
   ::close(p[1]);
   FILE* in = fdopen(p[0], "r");
   FILE* out = std::fopen("/dev/null", "w");

@@ -5,16 +5,8 @@
 // cheap hash; password lines for other users are skipped because their check
 // costs a full scrypt on purpose. No crash, no sanitizer report, and no level
 // above the viewer's is ever reached.
-#include <unistd.h>
-#include <zqcommon/cli.h>
 #include <zqcommon/connection.h>
 #include <zqcommon/functions.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <sstream>
-#include <string>
 
 #include "../../examples/station/access.h"
 #include "station_parts.h"
@@ -26,16 +18,11 @@ const char kUsers[] =
     "f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f\n";
 
 struct World : StationParts {
-  std::string users;
+  std::string users = fuzz_file(kUsers);
   std::unique_ptr<station::Gate> gate;
   Connection conn;  // not connected, not encrypted
 
   World() {
-    char path[] = "/tmp/zqloginfuzzXXXXXX";
-    const int fd = mkstemp(path);
-    users = path;
-    if (fd < 0 || write(fd, kUsers, sizeof kUsers - 1) != static_cast<ssize_t>(sizeof kUsers - 1)) std::abort();
-    close(fd);
     settings.UsersFile = users;
     settings.DataDir = settings.DumpPath = "/nonexistent";
     server.access_cfg.tls.CertificateFile = "none";
@@ -54,44 +41,29 @@ struct World : StationParts {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static World* w = [] {
-    static World world;
-    return &world;
-  }();
+  static World w;
   station::Session session;
-  session.station = w->st.get();
-  session.out = w->out;
-  session.network = true;
-  session.peer = "fuzz";
-  CLI cli(w->out, w->out, w->out);
-  cli.SetLimits(128 * 1024, 1024 * 1024);
-  station::register_commands(cli, session);
-  w->gate->Admit(cli, session, w->out);
-
-  const std::string input(reinterpret_cast<const char*>(data), size);
-  size_t start = 0;
-  for (int lines = 0; start < input.size() && lines < 32; ++lines) {
-    size_t end = input.find('\n', start);
-    if (end == std::string::npos) end = input.size();
-    const std::string line = input.substr(start, end - start);
-    start = end + 1;
-    if (session.access.step == station::AccessState::kPassword && session.access.user != "op") continue;
+  CLI cli(w.out, w.out, w.out);
+  w.Open(session, cli);
+  w.gate->Admit(cli, session, w.out);
+  fuzz_lines(fuzz_text(data, size), 32, [&](const std::string& line) {
+    if (session.access.step == station::AccessState::kPassword && session.access.user != "op") return;
     session.access.hold_until_ms = 0;
-    if (w->gate->Screen(cli, session, w->conn, line, w->out)) {
+    if (w.gate->Screen(cli, session, w.conn, line, w.out)) {
       // A password is checked on the gate's own thread: wait for it as the
       // station's loop would, so that its outcome belongs to this input.
       for (int i = 0; i < 100000 && session.access.login != nullptr && !session.access.login->done; ++i) usleep(100);
-      w->gate->Tick(cli, session, w->conn, station::Gate::NowMs());
-      continue;
+      w.gate->Tick(cli, session, w.conn, station::Gate::NowMs());
+      return;
     }
     const std::string text = Trim(line);
     const std::string word = text.substr(0, text.find(' '));
     // The task does not run here: io commands would wait for its cycles.
-    if (word.empty() || word == "io" || cli.find_command(word) == nullptr || text.find('$') != std::string::npos) continue;
+    if (word.empty() || word == "io" || cli.find_command(word) == nullptr || text.find('$') != std::string::npos) return;
     std::string copy = text;
     cli.parse(copy);
-    w->gate->Audit(session, text, cli.retcode);
+    w.gate->Audit(session, text, cli.retcode);
     if (session.level > ZQSecurity::kViewer) std::abort();
-  }
+  });
   return 0;
 }

@@ -1,14 +1,10 @@
 // Fuzz target: arbitrary bytes through a pipe into Connection::readln, with
 // and without line editing. Every line that ends in a terminator must come
 // out whole and in order (edited when editing is on); nothing may crash.
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "zqcommon/connection.h"
 
 namespace {
@@ -34,9 +30,7 @@ std::vector<std::string> expected_lines(const std::string& data, bool edit) {
 // complete, so none has to wait); then nothing complete may be left.
 std::vector<std::string> read_lines(const std::string& data, bool edit, size_t count) {
   int p[2];
-  if (pipe2(p, O_CLOEXEC) != 0) std::abort();
-  fcntl(p[1], F_SETPIPE_SZ, 1 << 20);
-  if (::write(p[1], data.data(), data.size()) != static_cast<ssize_t>(data.size())) std::abort();
+  fuzz_pipe(data, p);
   Connection c;
   c.Set_Modify(edit);
   c.SetFd(&p[0]);
@@ -56,7 +50,7 @@ std::vector<std::string> read_lines(const std::string& data, bool edit, size_t c
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   // A final line break makes every line complete.
-  const std::string data = std::string(reinterpret_cast<const char*>(bytes), size) + "\n";
+  const std::string data = fuzz_text(bytes, size) + "\n";
   for (bool edit : {false, true}) {
     const std::vector<std::string> want = expected_lines(data, edit);
     if (read_lines(data, edit, want.size()) != want) std::abort();

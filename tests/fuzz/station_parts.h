@@ -1,5 +1,6 @@
 // The station's parts in-process for its fuzz targets: its settings, a quiet
-// log, a Station whose task does not run and an output that discards.
+// log, a Station whose task does not run, an output that discards and the
+// network sessions on it.
 #ifndef ZQ_FUZZ_STATION_PARTS_H
 #define ZQ_FUZZ_STATION_PARTS_H
 
@@ -8,6 +9,8 @@
 #include <sstream>
 
 #include "../../examples/station/station.h"
+#include "fuzz_input.h"
+#include "zqcommon/cli.h"
 
 struct StationParts {
   std::istringstream text{"[Station]\nPeriodUs = 1000\n"};
@@ -23,6 +26,15 @@ struct StationParts {
   void Start() {
     logcfg.pmask = 0;
     st = std::make_unique<station::Station>(cfg, settings, server, logcfg, log);
+  }
+  // Makes `session` a network client's session of the station's commands on `cli`.
+  void Open(station::Session& session, CLI& cli) {
+    session.station = st.get();
+    session.out = out;
+    session.network = true;
+    session.peer = "fuzz";
+    cli.SetLimits(128 * 1024, 1024 * 1024);
+    station::register_commands(cli, session);
   }
   ~StationParts() {
     st.reset();

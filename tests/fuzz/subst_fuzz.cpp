@@ -3,11 +3,8 @@
 // substitution must equal the plain rule (on lines short enough for it) and
 // each line must finish within a time budget, so a super-linear case fails.
 #include <ctime>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
+#include "fuzz_input.h"
 #include "support/substitution_reference.h"
 #include "zqcommon/cli.h"
 
@@ -25,13 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CLI cli(sink, sink, sink);
   cli.SetLimits(128 * 1024, 1024 * 1024);
   cli.Register(nothing, nullptr, "run", nullptr, "");
-  const std::string input(reinterpret_cast<const char*>(data), size);
-  size_t start = 0;
-  while (start < input.size()) {
-    size_t end = input.find('\n', start);
-    if (end == std::string::npos) end = input.size();
-    std::string line = input.substr(start, end - start);
-    start = end + 1;
+  fuzz_lines(fuzz_text(data, size), size, [&cli](std::string line) {
     if (line.size() < 300) {
       cli.line = line;
       cli.substitute_vars();
@@ -42,6 +33,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     cli.parse(line);
     if (cpu_seconds() - t0 > 0.2) std::abort();  // processor time: the machine's load does not count
     if (cli.SessionBytes() > 1024 * 1024 + 3 * 128 * 1024) std::abort();
-  }
+  });
   return 0;
 }

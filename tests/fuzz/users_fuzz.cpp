@@ -3,65 +3,57 @@
 // password is checked against every user it names. Hashes whose scrypt cost
 // exceeds a small bound are not checked (a loaded file may rightly ask for
 // seconds of work per check), so each input stays fast.
-#include <unistd.h>
+#include <zqcommon/functions.h>
 #include <zqsecurity/userfile.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
+#include "fuzz_input.h"
 
 namespace {
 
-// N*r*p of "scrypt$N$r$p$..." (read as the loader reads numbers, so leading
-// zeros and signs count), or 0 when the text does not start so.
-unsigned long long cost(const char* hash) {
-  unsigned long long n = 0, r = 0, p = 0;
-  if (std::sscanf(hash, "scrypt$%llu$%llu$%llu$", &n, &r, &p) != 3) return 0;
-  return n > 1u << 20 || r > 64 || p > 64 ? ~0ull : n * r * p;
+// N*r*p of the "scrypt$N$r$p$..." at `at` in `text`, each number read as the
+// loader reads it: up to the first byte that is not a digit, a NUL included
+// (so "16<NUL>x" counts as 16); signs count as large.
+unsigned long long cost(const std::string& text, size_t at) {
+  unsigned long long f[3] = {};
+  at = text.find('$', at);
+  for (unsigned long long& v : f) {
+    if (at == std::string::npos) return 0;
+    v = std::strtoull(text.c_str() + at + 1, nullptr, 10);
+    at = text.find('$', at + 1);
+  }
+  return f[0] > 1u << 20 || f[1] > 64 || f[2] > 64 ? ~0ull : f[0] * f[1] * f[2];
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string input(reinterpret_cast<const char*>(data), size);
+  const std::string input = fuzz_text(data, size);
   const auto nl = input.find('\n');
   const std::string password = input.substr(0, nl);
   const std::string file = nl == std::string::npos ? "" : input.substr(nl + 1);
 
-  char path[] = "/tmp/zqusersfuzzXXXXXX";
-  const int fd = mkstemp(path);
-  if (fd < 0) return 0;
-  const bool written = write(fd, file.data(), file.size()) == static_cast<ssize_t>(file.size());
-  close(fd);
+  const std::string path = fuzz_file(file);
   ZQSecurity::UserFile users;
   std::string error;
-  const bool loaded = written && users.Load(path, error);
-  unlink(path);
+  const bool loaded = users.Load(path, error);
+  unlink(path.c_str());
   if (!loaded) return 0;
 
   // Check the password against every user the file names, unless one of its
   // hashes (any line, any section) is expensive.
   for (auto at = file.find("scrypt$"); at != std::string::npos; at = file.find("scrypt$", at + 1)) {
-    if (cost(file.c_str() + at) > 4096) return 0;
+    if (cost(file, at) > 4096) return 0;
   }
-  size_t start = 0;
-  while (start < file.size()) {
-    size_t end = file.find('\n', start);
-    if (end == std::string::npos) end = file.size();
-    const std::string line = file.substr(start, end - start);
-    start = end + 1;
+  fuzz_lines(file, file.size(), [&](const std::string& line) {
     const auto eq = line.find('=');
-    if (eq == std::string::npos) continue;
-    std::string name = line.substr(0, eq);
-    name.erase(0, name.find_first_not_of(" \t"));
-    name.erase(name.find_last_not_of(" \t") + 1);
+    if (eq == std::string::npos) return;
+    const std::string name = Trim(line.substr(0, eq));  // as the loader reads it
     const ZQSecurity::AccessLevel known = users.LevelOf(name);
-    if (known == ZQSecurity::kNoAccess) continue;
+    if (known == ZQSecurity::kNoAccess) return;
     const ZQSecurity::AccessLevel level = users.Verify(name, password);
     if (level != ZQSecurity::kNoAccess && level != known) std::abort();
     const auto hash_at = line.find("scrypt$", eq);
     if (hash_at != std::string::npos) ZQSecurity::UserFile::CheckHash(line.substr(hash_at), password);
-  }
+  });
   return 0;
 }
