@@ -63,7 +63,7 @@ bool unhex(const std::string& text, Bytes& out) {
     char* end = nullptr;
     const std::string pair = text.substr(i, 2);
     const unsigned long v = std::strtoul(pair.c_str(), &end, 16);
-    if (*end != 0 || !isxdigit(static_cast<unsigned char>(pair[0]))) return false;
+    if (end != pair.c_str() + pair.size() || !isxdigit(static_cast<unsigned char>(pair[0]))) return false;
     out.push_back(static_cast<unsigned char>(v));
   }
   return true;
@@ -73,7 +73,8 @@ bool number(const std::string& text, uint64_t limit, uint64_t& value) {
   char* end = nullptr;
   if (text.empty() || !isdigit(static_cast<unsigned char>(text[0]))) return false;
   value = std::strtoull(text.c_str(), &end, 10);
-  return *end == 0 && value >= 1 && value <= limit;
+  // The whole field: a NUL inside it does not end the number early.
+  return end == text.c_str() + text.size() && value >= 1 && value <= limit;
 }
 
 // The parts of "scrypt$N$r$p$SALT$KEY"; false when it is not one.

@@ -122,11 +122,14 @@ TEST(UserFile, SaveLoadVerifyAndRefusedLines) {
   EXPECT_EQ(loaded.Verify("nobody", "pw#1"), kNoAccess);
   EXPECT_EQ(UserLevel(f / "users", "otto"), kOperator);
 
+  using namespace std::string_literals;
   const std::string hash = UserFile::MakeHash("x");
   const struct { std::string text, expect; } cases[] = {
       {"[users]\nbob = king:" + hash, ":2: unknown level"},
       {"[users]\n\nbob = admin:md5$abc", ":3: malformed hash"},
       {"[users]\nbob = admin:scrypt$1073741824$8$1$00$00", ":2: malformed hash"},  // a cost nobody should pay
+      {"[users]\nbob = admin:scrypt$16\0x$8$1$00$00"s, ":2: malformed hash"},  // NUL in a number
+      {"[users]\nbob = admin:scrypt$16$8$1$0\0$00"s, ":2: malformed hash"},  // and in hex
       {"[users]\nb/b = admin:" + hash, ":2: invalid user name"},
       {"[users]\njust text", ":2: expected name = level:hash"},
   };
