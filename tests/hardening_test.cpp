@@ -10,6 +10,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "support/cli_session.h"
 #include "support/scratch_dir.h"
 #include "support/substitution_reference.h"
 #include "zqcommon/cli.h"
@@ -18,61 +19,44 @@
 #include "zqcommon/log.h"
 #include "zqcommon/setting_check.h"
 
-namespace {
-
-struct Quiet {
-  FILE* out = std::tmpfile();
-  CLI cli{out, out, out};
-  ~Quiet() { std::fclose(out); }
-  std::string text() {
-    std::fflush(out);
-    std::rewind(out);
-    std::string s;
-    for (int c; (c = std::fgetc(out)) != EOF;) s += static_cast<char>(c);
-    return s;
-  }
-};
-
-}  // namespace
-
 TEST(Hardening, SubstitutionMatchesThePlainRule) {
-  Quiet q;
-  q.cli.vars = {{"a", "1"}, {"ab", "XY"}, {"b", ""}, {"$a", "D"}, {"abc", "3"}, {"z", "zz"}, {"?", "q"}};
+  CliSession q;
+  q.cli->vars = {{"a", "1"}, {"ab", "XY"}, {"b", ""}, {"$a", "D"}, {"abc", "3"}, {"z", "zz"}, {"?", "q"}};
   std::mt19937 rng(7);
   const std::string alphabet = "ab$c? z";
   for (int round = 0; round < 3000; ++round) {
     std::string line;
     for (size_t n = rng() % 24; n > 0; --n) line += alphabet[rng() % alphabet.size()];
-    q.cli.line = line;
-    q.cli.substitute_vars();
-    ASSERT_EQ(q.cli.line, reference_substitution(line, q.cli.vars, q.cli.retcode)) << line;
+    q.cli->line = line;
+    q.cli->substitute_vars();
+    ASSERT_EQ(q.cli->line, reference_substitution(line, q.cli->vars, q.cli->retcode)) << line;
   }
 }
 
 TEST(Hardening, InterpreterBoundsAndFailures) {
-  Quiet q;
-  q.cli.SetLimits(128 * 1024, 1024 * 1024);
+  CliSession q;
+  q.cli->SetLimits(128 * 1024, 1024 * 1024);
   int (*thrower)(void*, int, const char**) = [](void*, int, const char**) -> int {
     throw std::runtime_error("Is a directory");
   };
-  q.cli.Register(thrower, nullptr, "boom", nullptr, "");
+  q.cli->Register(thrower, nullptr, "boom", nullptr, "");
   std::string line = "set a=" + std::string(100000, 'x');
-  EXPECT_TRUE(q.cli.parse(line));
+  EXPECT_TRUE(q.cli->parse(line));
   std::string amplify = "set b=";
   for (int i = 0; i < 1000; ++i) amplify += "$a";
   const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_FALSE(q.cli.parse(amplify));
+  EXPECT_FALSE(q.cli->parse(amplify));
   EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 0.5);
-  EXPECT_EQ(q.cli.vars.count("b"), 0u);
+  EXPECT_EQ(q.cli->vars.count("b"), 0u);
   for (int i = 0; i < 12; ++i) {  // each fits the line, not all the session
     std::string more = "set v" + std::to_string(i) + "=$a";
-    q.cli.parse(more);
+    q.cli->parse(more);
   }
-  EXPECT_LE(q.cli.SessionBytes(), 1024u * 1024u);
+  EXPECT_LE(q.cli->SessionBytes(), 1024u * 1024u);
   std::string boom = "boom /";
-  EXPECT_TRUE(q.cli.parse(boom));
-  EXPECT_EQ(q.cli.retcode, 1);
-  const std::string said = q.text();
+  EXPECT_TRUE(q.cli->parse(boom));
+  EXPECT_EQ(q.cli->retcode, 1);
+  const std::string said = q.screen();
   EXPECT_NE(said.find("line refused: longer than 131072 bytes"), std::string::npos);
   EXPECT_NE(said.find("set: refused"), std::string::npos);
   EXPECT_NE(said.find("boom: failed: Is a directory\r\n"), std::string::npos);
