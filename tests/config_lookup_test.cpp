@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "zqcommon/lib_config.h"
+#include "support/config_text.h"
 
 namespace {
 
@@ -65,8 +65,7 @@ TEST(ConfigLookup, IndexGivesWhatTheScanGives) {
         ref.sections.back().second.push_back({key, value});
       }
     }
-    std::istringstream in(text.str());
-    Config_File cfg(in, "", shape.nocase);
+    Config_File cfg = config_from_text(text.str(), shape.nocase);
     for (int i = 0; i < 3000; ++i) {
       const std::string sec = (rng() % 3 == 0 ? "SEC" : rng() % 2 ? "sec" : "Sec") +
                               std::to_string(rng() % (shape.sections / 2 + 2));
@@ -77,8 +76,7 @@ TEST(ConfigLookup, IndexGivesWhatTheScanGives) {
 }
 
 TEST(ConfigLookup, LaterEditsAreSeen) {
-  std::istringstream in("[A]\nx = 1\ny = 2\n[B]\nx = 3");  // no final line end: line 6 is free
-  Config_File cfg(in);
+  Config_File cfg = config_from_text("[A]\nx = 1\ny = 2\n[B]\nx = 3");  // no final line end: line 6 is free
   EXPECT_EQ(cfg.get_entry("a", "X", "d"), "1");
   cfg.get_section("B").add_entry("z", std::string("4"));  // after the index was built
   EXPECT_EQ(cfg.get_entry("B", "z", "d"), "4");

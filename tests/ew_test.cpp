@@ -1,11 +1,11 @@
 // Typed configuration structures: conversions, Load and Save.
 #include <gtest/gtest.h>
 
+#include "support/config_text.h"
 #include "support/exception_text.h"
 
 #include <climits>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
 #include <tuple>
 
@@ -59,11 +59,6 @@ struct App : Config_Data {
   }
 };
 
-Config_File parse(const std::string& text) {
-  std::istringstream in(text);
-  return Config_File(in);
-}
-
 }  // namespace
 
 TEST(ConfigData, MemberTextByKind) {
@@ -104,7 +99,7 @@ TEST(ConfigData, MemberTextByKind) {
 }
 
 TEST(ConfigData, LoadWithSuffixesMarkersAndSubSections) {
-  Config_File file = parse(
+  Config_File file = config_from_text(
       "[App]\n"
       "buffer = 8k # _U{ KiB } _D{ ring size }\n"
       "readonly = 99\n"
@@ -131,7 +126,7 @@ TEST(ConfigData, LoadWithSuffixesMarkersAndSubSections) {
 }
 
 TEST(ConfigData, SaveUpdatesKnownLinesAndAddsDescribedEntries) {
-  Config_File file = parse("[App]\nreadonly = 1   # keep this\n\n");
+  Config_File file = config_from_text("[App]\nreadonly = 1   # keep this\n\n");
   App app;
   app.Load(file, "App");
   app.readonly = 7;
