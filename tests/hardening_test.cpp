@@ -1,12 +1,14 @@
 // Hostile input against the interpreter, the settings checks, file saves and
-// the log: bounded work, refused values, no file reached through a link.
-// Full disks are the station's to show: scripts/station_hostile.py fills a
-// small file system under it and checks the save and the log's losses.
+// the log: bounded work, refused values, no file reached through a link,
+// nothing torn or lost unnoticed when the disk is full.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <random>
 #include <stdexcept>
 
@@ -18,6 +20,26 @@
 #include "zqcommon/lib_config.h"
 #include "zqcommon/log.h"
 #include "zqcommon/setting_check.h"
+
+namespace {
+
+// Runs `body` in a child whose files may not grow beyond `limit` bytes (the
+// way a full disk answers); the child's exit code.
+template <typename F>
+int with_file_limit(rlim_t limit, F body) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit r{limit, limit};
+    setrlimit(RLIMIT_FSIZE, &r);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
 
 TEST(Hardening, SubstitutionMatchesThePlainRule) {
   CliSession q;
@@ -87,13 +109,18 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   EXPECT_EQ(why, "Server.ListenPort: '-5' is not an integer in 0..65535");
 }
 
-TEST(Hardening, SavesKeepTheModeAndLinks) {
+TEST(Hardening, SavesAreWholeOrNotAtAll) {
   ScratchDir dir;
   const std::string path = dir.path + "/station.cfg";
-  std::ofstream(path) << "[Server]\nListenPort = 7600\n";
+  const std::string original = "[Server]\nListenPort = 7600\n";
+  std::ofstream(path) << original;
   chmod(path.c_str(), 0640);
   Config_File cfg(path);
-  cfg.add_section("Padding").add_entry("Filler", std::string("p"));
+  SECTION pad = cfg.add_section("Padding");
+  for (int i = 0; i < 8; ++i) pad.add_entry("Filler" + std::to_string(i), std::string(1000, 'p'));
+  // The disk takes 4 KB, the new content is larger: the old file stays.
+  EXPECT_EQ(with_file_limit(4096, [&] { return cfg.write(path) ? 1 : 0; }), 0);
+  EXPECT_EQ(slurp(path), original);
   EXPECT_TRUE(cfg.write(path));
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
@@ -106,12 +133,24 @@ TEST(Hardening, SavesKeepTheModeAndLinks) {
   EXPECT_EQ(std::system(("test $(ls -A " + dir.path + " | wc -l) -eq 2").c_str()), 0);  // no temporary left
 }
 
-TEST(Hardening, LogNeverFollowsALink) {
+TEST(Hardening, LogCountsLostLinesAndNeverFollowsALink) {
   ScratchDir dir;
   Log_Config_Data cfg;
+  cfg.base = dir.path + "/run";
   cfg.ext = "log";
   cfg.autodate = 0;
   cfg.flushcycle = 1;
+  // 3 lines of 60 bytes fit in 200 bytes; the 4th is cut back, the rest lost.
+  EXPECT_EQ(with_file_limit(200, [&] {
+              Log log(cfg);
+              log.Start();
+              for (int i = 0; i < 10; ++i) log.Add(elog_INFO, i, "%023d", i);
+              return static_cast<int>(log.WriteFailures() * 16 + log.LogSize() / 60);
+            }),
+            7 * 16 + 3);
+  const std::string written = slurp(cfg.base + ".log");
+  EXPECT_TRUE(written.size() == 180 && written.back() == '\n') << written;
+
   const std::string victim = dir.path + "/victim";
   std::ofstream(victim) << "keep\n";
   cfg.base = dir.path + "/linked";
