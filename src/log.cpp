@@ -36,9 +36,10 @@ char type_letter(eLog_Type type) {
 }
 
 // Formats into text[0..kTextLimit) and returns the length kept: vsnprintf's
-// bytes, cut at 1023 characters, none on a formatting error.
-size_t format_text(char* text, const char* format, va_list args) {
-  const int n = zqdetail::vformat(text, kTextLimit, format, args);
+// bytes, cut at 1023 characters, none on a formatting error. `args` and
+// `again` are both started on the arguments (see zqdetail::vformat).
+size_t format_text(char* text, const char* format, va_list* args, va_list* again) {
+  const int n = zqdetail::vformat(text, kTextLimit, format, args, again);
   return n < 0 ? 0 : std::min(static_cast<size_t>(n), kTextLimit - 1);
 }
 
@@ -66,9 +67,11 @@ size_t stamped_head(double time, eLog_Type type, int nerr, char* out) {
 
 void Log_Entry::Text(const char* format, ...) {
   char buffer[kTextLimit];
-  va_list args;
+  va_list args, again;
   va_start(args, format);
-  const size_t n = format_text(buffer, format, args);
+  va_start(again, format);
+  const size_t n = format_text(buffer, format, &args, &again);
+  va_end(again);
   va_end(args);
   text.assign(buffer, n);
 }
@@ -282,9 +285,11 @@ void Log::Add(eLog_Type type, int nerr, const char* format, ...) {
   route(type, echo, to_file);
   char* const line = line_room(kLineRoom);
   const size_t head = echo || to_file ? formatter_.head(time, type, nerr, line) : 0;
-  va_list args;
+  va_list args, again;
   va_start(args, format);
-  const size_t n = format_text(line + head, format, args);
+  va_start(again, format);
+  const size_t n = format_text(line + head, format, &args, &again);
+  va_end(again);
   va_end(args);
   if ((type & cfg->mask) != 0 && cfg->maxlength > 0) {
     Log_Entry& e = enqueue(type);
