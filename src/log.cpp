@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstring>
 
 #include "chartype.h"
@@ -48,8 +49,16 @@ size_t head_tail(eLog_Type type, int nerr, char* out) {
   out[0] = ';';
   out[1] = type_letter(type);
   out[2] = ';';
-  const auto bits = static_cast<unsigned>(nerr);
-  for (int i = 0; i < 8; ++i) out[3 + i] = zqdetail::kHexDigits[(bits >> (28 - 4 * i)) & 15u];
+  // The eight nibbles spread to one a byte, the first one lowest, and turned
+  // into '0'..'9' and 'a'..'f' all at once.
+  uint64_t x = static_cast<unsigned>(nerr);
+  x = (x | x << 16) & 0x0000ffff0000ffffULL;
+  x = (x | x << 8) & 0x00ff00ff00ff00ffULL;
+  x = (x | x << 4) & 0x0f0f0f0f0f0f0f0fULL;
+  x = __builtin_bswap64(x);
+  const uint64_t letters = ((x + 0x0606060606060606ULL) >> 4) & 0x0101010101010101ULL;
+  x += 0x3030303030303030ULL + letters * ('a' - '0' - 10);
+  std::memcpy(out + 3, &x, 8);
   out[11] = ';';
   return 12;
 }
@@ -91,6 +100,7 @@ void Log_Entry::make_logline(std::string& out) const {
 // mktimestr() does: x - trunc(x) is exact for these magnitudes, so the
 // comparison with one half decides exactly as std::round would.
 size_t Log::LineFormatter::head(double time, eLog_Type type, int nerr, char* out) {
+  static_assert(sizeof prefix + 15 <= kHeadRoom, "the prefix is copied whole");
   const double x = time * 1000.0;
   if (!(x > -1e15 && x < 1e15)) return stamped_head(time, type, nerr, out);  // beyond the fast range, or NaN
   long long ms = static_cast<long long>(x);
@@ -108,7 +118,7 @@ size_t Log::LineFormatter::head(double time, eLog_Type type, int nerr, char* out
     std::memcpy(prefix, stamp.data(), prefix_len);
     second = this_second;
   }
-  std::memcpy(out, prefix, prefix_len);
+  std::memcpy(out, prefix, sizeof prefix);  // a constant size: no call; out has the room
   char* p = out + prefix_len;
   p[0] = static_cast<char>('0' + ms / 100);
   p[1] = static_cast<char>('0' + ms / 10 % 10);

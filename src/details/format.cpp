@@ -359,8 +359,9 @@ int decimal_digits(uint64_t v) {
 char* right_aligned(Writer& w, int width, size_t len) {
   const size_t pad = static_cast<size_t>(width) > len ? width - len : 0;
   char* const at = w.claim(pad + len);
-  if (at != nullptr) std::memset(at, ' ', pad);
-  return at == nullptr ? nullptr : at + pad;
+  if (at == nullptr) return nullptr;
+  if (pad != 0) std::memset(at, ' ', pad);
+  return at + pad;
 }
 
 enum class Plain { no, done, fail };
