@@ -155,7 +155,9 @@ class ZQ_EXPORT Log : public std::list<Log_Entry> {
     // which has room for the longest one (kHeadRoom in log.cpp); returns its
     // length.
     size_t head(double time, eLog_Type type, int nerr, char* out);
-    // The whole line, the same bytes as Log_Entry::make_logline().
+    // The whole line, the same bytes as Log_Entry::make_logline(). The log
+    // itself formats in place with head(); this stays in the recorded
+    // binary interface.
     void format(const Log_Entry& e, std::string& out);
   };
   void count(eLog_Type type, int delta);
