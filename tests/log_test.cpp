@@ -156,9 +156,7 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
   cfg.base = dir + "r";
   cfg.autodate = 0;
   cfg.maxsize = 1000;
-  {
-    std::ofstream(dir + "r.txt") << std::string(990, 'x');
-  }
+  std::ofstream(dir + "r.txt") << std::string(990, 'x');  // closed at the end of the statement
   Log log(cfg);
   log.Start();
   EXPECT_EQ(log.Name(), dir + "r.txt");
