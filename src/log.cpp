@@ -44,6 +44,19 @@ size_t format_text(char* text, const char* format, va_list* args, va_list* again
   return n < 0 ? 0 : std::min(static_cast<size_t>(n), kTextLimit - 1);
 }
 
+// "000" to "999", looked up rather than divided out for every line.
+struct Milliseconds {
+  char digits[1000][3];
+  constexpr Milliseconds() : digits() {
+    for (int i = 0; i < 1000; ++i) {
+      digits[i][0] = static_cast<char>('0' + i / 100);
+      digits[i][1] = static_cast<char>('0' + i / 10 % 10);
+      digits[i][2] = static_cast<char>('0' + i % 10);
+    }
+  }
+};
+constexpr Milliseconds kMilliseconds;
+
 // ";E;0000002a;": the part of the head after the time stamp.
 size_t head_tail(eLog_Type type, int nerr, char* out) {
   out[0] = ';';
@@ -120,9 +133,7 @@ size_t Log::LineFormatter::head(double time, eLog_Type type, int nerr, char* out
   }
   std::memcpy(out, prefix, sizeof prefix);  // a constant size: no call; out has the room
   char* p = out + prefix_len;
-  p[0] = static_cast<char>('0' + ms / 100);
-  p[1] = static_cast<char>('0' + ms / 10 % 10);
-  p[2] = static_cast<char>('0' + ms % 10);
+  std::memcpy(p, kMilliseconds.digits[ms], 3);
   return prefix_len + 3 + head_tail(type, nerr, p + 3);
 }
 
@@ -267,7 +278,9 @@ void Log::emit(char* line, size_t n, eLog_Type type, bool echo, bool to_file) {
   pending_size_ += n;
   ++pending_lines_;
   const int cycle = cfg->flushcycle > 0 ? cfg->flushcycle : 1;
-  if (flushcycle % cycle == 0 || type == elog_PANIC || cfg->strictsync) {
+  // Between 1 and the cycle the count is no multiple of it: no division then.
+  const bool due = (flushcycle <= 0 || flushcycle >= cycle) && flushcycle % cycle == 0;
+  if (due || type == elog_PANIC || cfg->strictsync) {
     write_pending();
     flushcycle = 0;
   }
