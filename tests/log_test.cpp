@@ -52,14 +52,14 @@ TEST(Log, LineFormat) {
   e.make_logline(line);
   EXPECT_EQ(line, "15.11.2025 11:30:07.123;E;0000002a;text of the message\r\n");
   e.type = static_cast<eLog_Type>(6);
-  e.nerr = -1;
   e.make_logline(line);
-  EXPECT_EQ(line.substr(23), ";?;ffffffff;text of the message\r\n");
+  EXPECT_EQ(line.substr(23), ";?;0000002a;text of the message\r\n");
   EXPECT_STREQ(Log_Entry::eLogTypeS, "?PE?W???I???????D");
 
   // The file writer's cached stamps give the same lines across second,
   // minute, day and year boundaries, leap days, millisecond rounding (half
-  // away from zero), times before 1970, far ones, and at random.
+  // away from zero), times before 1970, far ones, and at random; error
+  // numbers at random in hexadecimal as printf writes them.
   const std::string dir = scratch_dir();
   Log_Config_Data cfg;
   cfg.base = dir + "fmt";
@@ -77,9 +77,11 @@ TEST(Log, LineFormat) {
       Log_Entry x;
       x.type = elog_INFO;
       x.time = t;
+      x.nerr = static_cast<int>(rng());
       x.Text("at %f", t);
       log.Add(x);
       x.make_logline(line);
+      EXPECT_EQ(line.substr(line.find(";I;") + 3, 9), Format("%08x;", static_cast<unsigned>(x.nerr)));
       want.push_back(line.substr(0, line.size() - 2));
     }
   }
@@ -154,9 +156,7 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
   cfg.base = dir + "r";
   cfg.autodate = 0;
   cfg.maxsize = 1000;
-  {
-    std::ofstream(dir + "r.txt") << std::string(990, 'x');
-  }
+  std::ofstream(dir + "r.txt") << std::string(990, 'x');  // closed at the end of the statement
   Log log(cfg);
   log.Start();
   EXPECT_EQ(log.Name(), dir + "r.txt");

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <list>
 #include <string>
+#include <vector>
 
 #include "zqcommon/ew.h"
 #include "zqcommon/export.h"
@@ -118,7 +119,7 @@ class ZQ_EXPORT Log : public std::list<Log_Entry> {
   unsigned int GetStat() const;
   // Bytes in the current file: those there at opening plus those written
   // (and those of whole lines waiting for the flush cycle).
-  unsigned int LogSize() const { return cfsize + static_cast<unsigned int>(pending_.size()); }
+  unsigned int LogSize() const { return cfsize + static_cast<unsigned int>(pending_size_); }
   // Lines lost because the file could not take them (a full disk, an I/O
   // error). A line reaches the file whole or not at all: after a short
   // write the file is cut back to the end of its last whole line. Lines for
@@ -150,18 +151,36 @@ class ZQ_EXPORT Log : public std::list<Log_Entry> {
     long long second = -(1LL << 62);  // no second yet
     char prefix[64] = {};
     size_t prefix_len = 0;
+    // Writes the line's head, "dd.mm.yyyy hh:mm:ss.mmm;E;0000002a;", to out,
+    // which has room for the longest one (kHeadRoom in log.cpp); returns its
+    // length.
+    size_t head(double time, eLog_Type type, int nerr, char* out);
+    // The whole line, the same bytes as Log_Entry::make_logline(). The log
+    // itself formats in place with head(); this stays in the recorded
+    // binary interface.
     void format(const Log_Entry& e, std::string& out);
   };
   void count(eLog_Type type, int delta);
+  // The queue's front entry for a new entry of `type`, counted: once the
+  // queue is full, the oldest node moved to the front, else a new node.
+  Log_Entry& enqueue(eLog_Type type);
+  // Whether the line of an entry of `type` goes to standard error and to
+  // the file; counts the line as lost when its file could not be opened.
+  void route(eLog_Type type, bool& echo, bool& to_file);
+  // Room for n more bytes after the waiting lines: lines are formatted there
+  // in place and kept by emit() without another copy.
+  char* line_room(size_t n);
+  // Ends the line at `line` (n bytes, room for two more) with CR LF, echoes
+  // it and appends it to the waiting lines, rotating and flushing as due.
+  void emit(char* line, size_t n, eLog_Type type, bool echo, bool to_file);
 
   LineFormatter formatter_;
   void write_pending();
 
-  std::string line_;      // reused for every line
-  std::string pending_;   // whole lines not yet written, up to the file buffer's size
+  std::vector<char> pending_;  // whole lines not yet written, then room for the next line
+  size_t pending_size_ = 0;    // bytes of whole lines, up to the file buffer's size
   unsigned int pending_lines_ = 0;
   unsigned long long lost_ = 0;
-  Log_Entry scratch_;     // reused by the printf-style Add
 };
 
 #endif

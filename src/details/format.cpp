@@ -174,6 +174,13 @@ class Writer {
     if (!fill('0', zeros) || !put(body, blen)) return false;
     return !spec.left || fill(' ', pad);
   }
+  // n characters to fill in, or null when they do not fit.
+  char* claim(size_t n) {
+    if (n > room_ - pos_) return nullptr;
+    char* const at = out_ + pos_;
+    pos_ += n;
+    return at;
+  }
   size_t length() const { return pos_; }
   void finish() { out_[pos_] = '\0'; }
 
@@ -339,13 +346,85 @@ bool number(const char*& p, int& value) {
   return true;
 }
 
+// The number of decimal digits of v.
+int decimal_digits(uint64_t v) {
+  const int bits = 64 - __builtin_clzll(v | 1);
+  const int guess = bits * 1233 >> 12;  // floor(bits * log10(2)), one short at most
+  // v | 1 is at a power of ten (>= 10, all even) exactly when v is; 0 has one digit.
+  return guess + ((v | 1) >= static_cast<uint64_t>(kPow10.p[guess]) ? 1 : 0);
+}
+
+// A claimed field of `len` characters right-aligned in `width`, or null when
+// it does not fit; the spaces before it are written.
+char* right_aligned(Writer& w, int width, size_t len) {
+  const size_t pad = static_cast<size_t>(width) > len ? width - len : 0;
+  char* const at = w.claim(pad + len);
+  if (at == nullptr) return nullptr;
+  if (pad != 0) std::memset(at, ' ', pad);
+  return at + pad;
+}
+
+enum class Plain { no, done, fail };
+
+// The conversions most messages use, without flags or precision: an optional
+// width, an optional 'l' and d, i, u or x (no 'l' for s), written in place.
+// `no` when the conversion is another one (nothing is read from args then).
+Plain plain(Writer& w, const char*& p, va_list& args) {
+  const char* q = p;
+  int width = 0;
+  if (*q >= '1' && *q <= '9' && (!number(q, width) || *q == '$')) return Plain::no;
+  const bool wide = *q == 'l';
+  q += wide ? 1 : 0;
+  const char conv = *q;
+  uint64_t v;
+  bool negative = false;
+  switch (conv) {
+    case 'd':
+    case 'i': {
+      const long s = wide ? va_arg(args, long) : va_arg(args, int);
+      negative = s < 0;
+      v = negative ? 0 - static_cast<uint64_t>(s) : static_cast<uint64_t>(s);
+      break;
+    }
+    case 'u':
+    case 'x': v = wide ? va_arg(args, unsigned long) : va_arg(args, unsigned); break;
+    case 's': {
+      if (wide) return Plain::no;
+      const char* const text = va_arg(args, const char*);
+      if (text == nullptr) return Plain::fail;  // "(null)" is vsnprintf's to write
+      const size_t n = std::strlen(text);
+      char* const at = right_aligned(w, width, n);
+      if (at == nullptr) return Plain::fail;
+      std::memcpy(at, text, n);
+      p = q + 1;
+      return Plain::done;
+    }
+    default: return Plain::no;
+  }
+  const size_t digits = conv == 'x' ? (67 - __builtin_clzll(v | 1)) / 4 : decimal_digits(v);
+  char* const at = right_aligned(w, width, digits + negative);
+  if (at == nullptr) return Plain::fail;
+  if (negative) *at = '-';
+  char* const end = at + negative + digits;
+  if (conv == 'x') {
+    based(end, v, 4, "0123456789abcdef");
+  } else {
+    decimal(end, v);
+  }
+  p = q + 1;
+  return Plain::done;
+}
+
 // The fast formatter; false as soon as anything needs vsnprintf.
 bool fast(Writer& w, const char* p, va_list& args) {
   for (;;) {
-    const char* const pct = std::strchr(p, '%');
-    if (pct == nullptr) return w.put(p, std::strlen(p));
+    const char* const pct = strchrnul(p, '%');
     if (!w.put(p, static_cast<size_t>(pct - p))) return false;
+    if (*pct == '\0') return true;
     p = pct + 1;
+    const Plain done = plain(w, p, args);
+    if (done == Plain::done) continue;
+    if (done == Plain::fail) return false;
     if (*p == '%') {
       if (!w.put("%", 1)) return false;
       ++p;
@@ -446,18 +525,18 @@ bool fast(Writer& w, const char* p, va_list& args) {
 
 }  // namespace
 
+int vformat(char* out, size_t size, const char* format, va_list* args, va_list* again) {
+  Writer w(out, size);
+  if (size == 0 || !fast(w, format, *args)) return std::vsnprintf(out, size, format, *again);
+  w.finish();
+  return static_cast<int>(w.length());
+}
+
 int vformat(char* out, size_t size, const char* format, va_list args) {
   va_list work, again;
   va_copy(work, args);
   va_copy(again, args);
-  Writer w(out, size);
-  int n;
-  if (size > 0 && fast(w, format, work)) {
-    w.finish();
-    n = static_cast<int>(w.length());
-  } else {
-    n = std::vsnprintf(out, size, format, again);
-  }
+  const int n = vformat(out, size, format, &work, &again);
   va_end(work);
   va_end(again);
   return n;

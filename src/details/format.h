@@ -17,6 +17,12 @@ namespace zqdetail {
 // to-nearest and a text that does not fit are handed to std::vsnprintf whole.
 // Allocates nothing; thread-safe.
 int vformat(char* out, size_t size, const char* format, va_list args);
+// The same, reading the arguments from *args and, when the text is handed to
+// std::vsnprintf, from *again: two lists started on the same arguments, both
+// left indeterminate. A caller with its own va_start saves the va_copy, whose
+// load of a list just written stalls the processor for longer than the
+// formatting of a number takes.
+int vformat(char* out, size_t size, const char* format, va_list* args, va_list* again);
 
 }  // namespace zqdetail
 
