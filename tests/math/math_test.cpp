@@ -11,13 +11,9 @@
 #include "zqmath/math_tools.h"
 #include "zqmath/random.h"
 
-TEST(CVector, DummiesResizingAndOperations) {
+TEST(CVector, ResizingAndOperations) {
   CVector<double> v(3);
   for (int i = 0; i < 3; ++i) v[i] = i + 1.0;
-  testing::internal::CaptureStderr();
-  v[3] = 99.0;  // the dummy takes the write
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Vector Access to Element:: 3 denied:\n");
-  EXPECT_EQ(v[2], 3.0);
   CVector<double> copy = v;
   EXPECT_EQ(copy * v, 14.0);
   EXPECT_DOUBLE_EQ(v.Norm2(), std::sqrt(14.0));
