@@ -45,7 +45,6 @@ TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
 
 TEST(CLIEditor, HistoryAndSearch) {
   const struct { const char* keys; const char* line; } kCases[] = {
-      {"\x1b[A", "echo three"},
       {"\x1b[A\x1b[A\x1b[A\x1b[A\x1b[A", "echo one"},  // stops at the oldest
       {"draft\x1b[A\x1b[B", "draft"},                  // Down returns to the typed line
       {"\x10\x10\x0e", "echo three"},                  // Ctrl-P, Ctrl-N
@@ -88,7 +87,6 @@ TEST(CLIEditor, CompletionCompletesTheCommonPrefixThenLists) {
   });
   const struct { const char* keys; const char* line; } kCases[] = {
       {"config sh\t", "config show "},
-      {"config set St\t", "config set Station."},
       {"config set Station.L\t", "config set Station.Low "},
       {"config set x \t", "config set x "},      // never half a character in common
       {"config set x \xc3\xa9\t", "config set x \xc3\xa9t\xc3\xa9 "},
