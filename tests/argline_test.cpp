@@ -30,8 +30,7 @@ TEST(Argline, EveryFormBecomesAnEntry) {
   EXPECT_EQ(only.get_line(-1000).data, "[@@Argline]");
   EXPECT_EQ(only.get_line(-999).data, "PROGRAM_PATH = /usr/bin/app");
 
-  for (auto args : {std::initializer_list<const char*>{"app", "-f", "my.cfg"},
-                    {"app", "--CFG=my.cfg"},
+  for (auto args : {std::initializer_list<const char*>{"app", "--CFG=my.cfg"},
                     {"app", "--configfile", "=", "my.cfg"},
                     {"app", "-F", "=my.cfg"},
                     {"app", "--cfg=", "my.cfg"}}) {

@@ -153,7 +153,6 @@ TEST(CLI, BuiltinsAndSessionEnd) {
   const std::string fixed = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(fixed, "Possible commands are (built in):\r\n\r\nOther commands:\r\n\r\n");
   EXPECT_NE(lists.find("echo"), std::string::npos);
-  EXPECT_NE(lists.find("app"), std::string::npos);
 
   ::testing::internal::CaptureStdout();
   ::testing::internal::CaptureStderr();
