@@ -4,6 +4,7 @@
 #include <fstream>
 #include <initializer_list>
 
+#include "support/scratch_dir.h"
 #include "zqcommon/lib_config.h"
 
 namespace {
@@ -29,8 +30,7 @@ TEST(Argline, EveryFormBecomesAnEntry) {
   EXPECT_EQ(only.get_line(-1000).data, "[@@Argline]");
   EXPECT_EQ(only.get_line(-999).data, "PROGRAM_PATH = /usr/bin/app");
 
-  for (auto args : {std::initializer_list<const char*>{"app", "-f", "my.cfg"},
-                    {"app", "--CFG=my.cfg"},
+  for (auto args : {std::initializer_list<const char*>{"app", "--CFG=my.cfg"},
                     {"app", "--configfile", "=", "my.cfg"},
                     {"app", "-F", "=my.cfg"},
                     {"app", "--cfg=", "my.cfg"}}) {
@@ -70,7 +70,8 @@ TEST(Argline, SwitchesUsageAndDebugLevel) {
 }
 
 TEST(Argline, FileNamedOnTheCommandLineSitsBesideIt) {
-  const std::string path = ::testing::TempDir() + "zq_args.cfg";
+  ScratchDir dir;
+  const std::string path = dir / "args.cfg";
   std::ofstream(path) << "[net]\nport = 10\n";
   Config_File cfg = from_args({"app", "-f", path.c_str(), "port=20"});
   EXPECT_TRUE(cfg.open_argfile("/nonexistent/default.cfg"));
@@ -81,5 +82,4 @@ TEST(Argline, FileNamedOnTheCommandLineSitsBesideIt) {
   std::ostringstream out;
   cfg.write(out);
   EXPECT_EQ(out.str(), "[net]\r\nport = 10\r\n\r\n");  // the command line is left out
-  std::remove(path.c_str());
 }

@@ -90,7 +90,7 @@ TEST(AccessList, FilesAndTheCheckedLoadNamingEachBadLine) {
   EXPECT_FALSE(acl.load_checked("/nonexistent/acl", &problems));
 }
 
-TEST(MySocketServer, AcceptRefuseStopAndResume) {
+TEST(MySocketServer, AcceptStopAndResume) {
   MySocketServer server;
   ASSERT_TRUE(server.Start("127.0.0.1", 0, 5));
   const int port = server.LocalPort();
@@ -113,19 +113,14 @@ TEST(MySocketServer, AcceptRefuseStopAndResume) {
   EXPECT_EQ(peer->read(16, 0), "");  // the peer closed
   delete peer;  // the caller's
 
-  server.SetAcl(new AccessList());  // denies everybody
+  // (A refused peer leaves the wait going: connserv_test.cpp.)
   std::atomic<bool> returned{false};
   std::thread waiter([&] {
     EXPECT_EQ(server.WaitConnection(), nullptr);  // stopped while waiting
     returned = true;
   });
-  const int refused = connect_local(port);
-  ASSERT_GE(refused, 0);
-  char refusal[64];  // its text is checked with the connection server's
-  EXPECT_EQ(recv(refused, refusal, sizeof refusal, MSG_WAITALL), 36);
-  close(refused);
   usleep(20000);
-  EXPECT_FALSE(returned);  // still waiting for an allowed peer
+  EXPECT_FALSE(returned);
   EXPECT_TRUE(server.Stop());
   waiter.join();
   EXPECT_FALSE(server.Stop());
@@ -135,11 +130,8 @@ TEST(MySocketServer, AcceptRefuseStopAndResume) {
   EXPECT_TRUE(server.isactive);
 }
 
-TEST(MySocketServer6, DualStackPeersAndFailClosedAddresses) {
-  std::string error;
-  MySocketServer bad;
-  EXPECT_FALSE(bad.ListenNumeric("localhost", 0, 5, &error));
-  EXPECT_NE(error.find("'localhost'"), std::string::npos) << error;
+TEST(MySocketServer6, DualStackPeers) {
+  std::string error;  // (a host name refused: scripts/station_network_e2e.py)
   MySocketServer server;
   if (!server.ListenNumeric("::", 0, 16, &error)) GTEST_SKIP() << "no IPv6 here: " << error;
   server.SetPeerLookup(false);

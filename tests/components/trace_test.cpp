@@ -2,9 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "support/scratch_dir.h"
 #include "zqcomponents/trace.h"
 
@@ -29,11 +26,6 @@ struct Values : Traceable {
   }
   int base_;
 };
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 // Points trace `i` at `file`, to be dumped once.
 void dump_to(TraceManager& tm, unsigned i, const char* file) {
@@ -66,7 +58,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
 
   tm.GetTraceData(1).SetActive(false);
   tm.Dump();
-  const std::string text = read_file(dir / "shared.csv");
+  const std::string text = slurp(dir / "shared.csv");
   const std::string third("301;x", 5);
   EXPECT_EQ(text,
             "2;1002;102;x\r\n4;1004;104;x\r\n"
@@ -79,7 +71,7 @@ TEST(ComponentTrace, SamplingAndSharedColumnDumps) {
   tm.GetTraceData(0).SetFileCount(0);
   tm.GetTraceData(2).SetFileCount(0);
   tm.Dump();  // nothing has a file count now
-  EXPECT_EQ(read_file(dir / "shared.csv"), text);
+  EXPECT_EQ(slurp(dir / "shared.csv"), text);
 }
 
 TEST(ComponentTrace, DumpPathsAndFailures) {
@@ -101,7 +93,7 @@ TEST(ComponentTrace, DumpPathsAndFailures) {
   tm.Dump();
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "ERROR: cannot create trace-dump-file ./no/such/dir.csv\n");
-  EXPECT_EQ(read_file("./here.csv"), "1;2;1;x\r\n");
+  EXPECT_EQ(slurp("./here.csv"), "1;2;1;x\r\n");
   ASSERT_EQ(chdir(old_cwd), 0);
 #ifdef NDEBUG
   Values c(0);

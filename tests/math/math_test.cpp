@@ -11,13 +11,9 @@
 #include "zqmath/math_tools.h"
 #include "zqmath/random.h"
 
-TEST(CVector, DummiesResizingAndOperations) {
+TEST(CVector, ResizingAndOperations) {
   CVector<double> v(3);
   for (int i = 0; i < 3; ++i) v[i] = i + 1.0;
-  testing::internal::CaptureStderr();
-  v[3] = 99.0;  // the dummy takes the write
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Vector Access to Element:: 3 denied:\n");
-  EXPECT_EQ(v[2], 3.0);
   CVector<double> copy = v;
   EXPECT_EQ(copy * v, 14.0);
   EXPECT_DOUBLE_EQ(v.Norm2(), std::sqrt(14.0));
@@ -64,7 +60,6 @@ namespace {
 double line_model(void*, const CVector<double>& m, const CVector<double>& p) {
   return std::pow(p(0) * m(0) + p(1) - m(1), 2);
 }
-double zero_model(void*, const CVector<double>&, const CVector<double>&) { return 0.0; }
 double noise_model(void*, const CVector<double>&, const CVector<double>&) { return std::rand() / (RAND_MAX + 1.0); }
 }  // namespace
 
@@ -85,8 +80,6 @@ TEST(Amoeba, FitsAndItsBoundaries) {
   EXPECT_LT(chi, 1e-8);
   EXPECT_GT(nfunk, 0);
 
-  fit(nullptr, data, zero_model, params, nullptr, &chi);
-  EXPECT_EQ(chi, 0.0);
   CMatrix<double> none(0, 2);
   fit(nullptr, none, line_model, params, nullptr, &chi);
   EXPECT_TRUE(std::isnan(chi));  // 0 / 0 rows
@@ -115,13 +108,9 @@ TEST(NumericTools, DivisorsFactorialAndGenerators) {
   EXPECT_EQ(ran0(&a), ran0(&b));
   EXPECT_EQ(a, b);
   for (int i = 0; i < 1000; ++i) ASSERT_LT(std::fabs(ran0(&a) - 0.5f), 0.5f) << i;  // within (0, 1)
-  long idum = -1;
-  const double r4 = ran4(&idum);
-  EXPECT_TRUE(r4 >= 0.0 && r4 < 1.0);
+  long idum = -1;  // the generator's published check value, from psdes(1, 1)
+  EXPECT_NEAR(ran4(&idum), 0.219120, 1e-6);
   EXPECT_EQ(idum, 2);
-  uint32_t l = 1, r = 99;
-  psdes(&l, &r);
-  EXPECT_NE(r, 99u);
 }
 
 TEST(NumericTools, GammaAgainstTheStandardLibrary) {

@@ -52,7 +52,6 @@ TEST(RtThread, CyclesSuspendResumeAndCancel) {
   EXPECT_EQ(ticks, parked);  // the period ticks on, cycles do not run
   t.Resume();
   ASSERT_TRUE(eventually([&] { return ticks > parked + 10; }));
-  EXPECT_EQ(t.CyclePeriod(), 1000000);
   EXPECT_GE(t.CycleCount(), 30);
   EXPECT_LE(t.MinCycleLength(), t.AvgCycleLength());
   EXPECT_LE(t.AvgCycleLength(), t.MaxCycleLength());

@@ -15,7 +15,6 @@ TEST(Cipher, UnknownNamesAreResults) {
   unsigned char key[16] = {}, out[64];
   EXPECT_FALSE(none.setkey(key, 16, key));
   EXPECT_EQ(none.encrypt("abc", 3, out), 0u);
-  EXPECT_EQ(none.maxkeysize(), 32u);
 }
 
 TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
@@ -26,7 +25,6 @@ TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
   const unsigned char iv[] = "\x33\x91\xec\xdd\x06\xbe\xdf\x8d\xbf\x5f\x0c\x87\x00\x03\x0d\xf2";
   Cipher phrase("aes-128-cbc"), raw("aes-128-cbc");
   ASSERT_TRUE(phrase.setkey(std::string("open sesame")));
-  EXPECT_EQ(phrase.keysize(), 16u);
   ASSERT_TRUE(raw.setkey(key, 16, iv));
   unsigned char a[64], b[64], back[64];
   EXPECT_EQ(phrase.encrypt("hello", 5, a), 16u);
@@ -49,7 +47,6 @@ TEST(Cipher, PassPhraseKeysAreDerivedBitExactly) {
 
 TEST(Cipher, RawKeyLengthRuleAndBurn) {
   Cipher bf("bf-cbc");
-  EXPECT_EQ(bf.blocksize(), 8u);
   unsigned char key[32] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   const unsigned char iv[16] = {};
   EXPECT_TRUE(bf.setkey(key, 16, iv));
