@@ -23,7 +23,15 @@ namespace {
 const char kWhitespace[] = " \f\t\v\n\r";
 constexpr auto npos = std::string::npos;
 
-bool is_ws(char c) { return c != '\0' && std::strchr(kWhitespace, c) != nullptr; }
+// One of kWhitespace (called for every character of a name: no strchr).
+bool is_ws(char c) {
+  switch (c) {
+    case ' ': case '\f': case '\t': case '\v': case '\n': case '\r':
+      return true;
+    default:
+      return false;
+  }
+}
 
 // Whether the name of `l` is `name`, exactly or without regard to case.
 bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
