@@ -571,7 +571,8 @@ int MySocketServer::LocalPort() const {
 }
 
 MySocket* MySocketServer::WaitConnection() {
-  if (sock == -1) return nullptr;
+  // Stop() may run on another thread: read the field the way it writes it.
+  if (__atomic_load_n(&sock, __ATOMIC_SEQ_CST) == -1) return nullptr;
   if (!from_returned_) delete from;  // a refused peer of the previous call
   from = nullptr;
   from_returned_ = false;
