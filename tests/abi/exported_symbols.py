@@ -22,6 +22,10 @@ PREFIXES = ("TLS init function for ", "TLS wrapper function for ", "typeinfo nam
             "non-virtual thunk to ", "virtual thunk to ", "guard variable for ")
 # Symbols the toolchain adds when sanitizers instrument the library.
 TOOLCHAIN = re.compile(r"^(__odr_asan|__asan|__tsan|__ubsan|__sanitizer|_init$|_fini$)")
+# Type information of a dependency's classes, which the undefined-behaviour
+# sanitizer's type checks make the compiler emit (weak, and identical to the
+# dependency's own): not part of this library's interface.
+DEPENDENCY_TYPEINFO = re.compile(r"^typeinfo (name )?for (prometheus|std)::")
 
 
 def strip_comments(text):
@@ -94,7 +98,7 @@ def entity_of(demangled):
 
 
 def allowed(symbol, demangled, classes, entities, enums):
-    if TOOLCHAIN.match(symbol) or symbol.endswith("_LIBRARYINFO"):
+    if TOOLCHAIN.match(symbol) or symbol.endswith("_LIBRARYINFO") or DEPENDENCY_TYPEINFO.match(demangled):
         return True
     name = entity_of(demangled)
     if name in entities or name in classes:
