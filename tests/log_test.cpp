@@ -7,27 +7,16 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <vector>
 
 #include "support/allocation_counter.h"
+#include "support/scratch_dir.h"
 #include "zqcommon/functions.h"
 #include "zqcommon/log.h"
 
 namespace {
-
-// A fresh directory for one test's log files.
-std::string scratch_dir() {
-  std::string pattern = ::testing::TempDir() + "zqlogXXXXXX";
-  return std::string(mkdtemp(&pattern[0])) + "/";
-}
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 std::vector<std::string> lines_of(const std::string& text) {
   std::vector<std::string> lines;
@@ -60,7 +49,8 @@ TEST(Log, LineFormat) {
   // minute, day and year boundaries, leap days, millisecond rounding (half
   // away from zero), times before 1970, far ones, and at random; error
   // numbers at random in hexadecimal as printf writes them.
-  const std::string dir = scratch_dir();
+  const ScratchDir scratch;
+  const std::string dir = scratch.path + "/";
   Log_Config_Data cfg;
   cfg.base = dir + "fmt";
   cfg.autodate = 0;
@@ -85,11 +75,12 @@ TEST(Log, LineFormat) {
       want.push_back(line.substr(0, line.size() - 2));
     }
   }
-  EXPECT_EQ(lines_of(read_file(dir + "fmt.txt")), want);
+  EXPECT_EQ(lines_of(slurp(dir + "fmt.txt")), want);
 }
 
 TEST(Log, QueueCountersAndDefaults) {
-  const std::string dir = scratch_dir();
+  const ScratchDir scratch;
+  const std::string dir = scratch.path + "/";
   Log_Config_Data cfg;
   cfg.base = dir + "q";
   EXPECT_EQ(cfg.GetEntry("CreatePermissions").Value(), "0400");
@@ -103,7 +94,7 @@ TEST(Log, QueueCountersAndDefaults) {
   EXPECT_EQ(log.ErrCount(), 1u);
   EXPECT_EQ(log.GetStat(), 2u);
   log.Flush();
-  EXPECT_NE(read_file(log.Name()).find(";E;0000002a;x\r\n"), std::string::npos);
+  EXPECT_NE(slurp(log.Name()).find(";E;0000002a;x\r\n"), std::string::npos);
 
   for (int i = 0; i < 100; ++i) log.Add(elog_DEBUG, i, "d%d", i);
   EXPECT_EQ(log.size(), 100u);
@@ -151,7 +142,8 @@ TEST(Log, QueueCountersAndDefaults) {
 }
 
 TEST(Log, RotationFlushingAndMissingDirectories) {
-  const std::string dir = scratch_dir();
+  const ScratchDir scratch;
+  const std::string dir = scratch.path + "/";
   Log_Config_Data cfg;
   cfg.base = dir + "r";
   cfg.autodate = 0;
@@ -173,9 +165,9 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
   EXPECT_EQ(log.Name(), dir + "r03.txt");
   EXPECT_EQ(log.fcount, 4);
   log.Add(elog_INFO, 0, "buffered");
-  EXPECT_EQ(read_file(dir + "r03.txt"), "");
+  EXPECT_EQ(slurp(dir + "r03.txt"), "");
   log.Add(elog_PANIC, 0, "now");
-  EXPECT_NE(read_file(dir + "r03.txt").find(";P;00000000;now"), std::string::npos);
+  EXPECT_NE(slurp(dir + "r03.txt").find(";P;00000000;now"), std::string::npos);
 
   cfg.base = dir + "no/such/dir/log";
   log.Next();
@@ -186,7 +178,8 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
 }
 
 TEST(Log, SteadyStateAddMakesNoAllocation) {
-  const std::string dir = scratch_dir();
+  const ScratchDir scratch;
+  const std::string dir = scratch.path + "/";
   Log_Config_Data cfg;
   cfg.base = dir + "a";
   Log log(cfg);
@@ -222,7 +215,7 @@ static std::vector<std::string> killed_writer(const std::string& dir, int n, uns
   for (int file = 1; file < 1000; ++file) {
     const std::string name = dir + Format("k%02i.txt", file);
     if (access(name.c_str(), F_OK) != 0) break;
-    for (const std::string& l : lines_of(read_file(name))) lines.push_back(l);
+    for (const std::string& l : lines_of(slurp(name))) lines.push_back(l);
   }
   return lines;
 }
@@ -230,7 +223,8 @@ static std::vector<std::string> killed_writer(const std::string& dir, int n, uns
 TEST(Log, StrictSyncingLosesNothingWhenKilled) {
   for (unsigned maxsize : {0u, 400u}) {
     const int n = 57;
-    const std::vector<std::string> lines = killed_writer(scratch_dir(), n, maxsize);
+    const ScratchDir scratch;
+    const std::vector<std::string> lines = killed_writer(scratch.path + "/", n, maxsize);
     ASSERT_EQ(lines.size(), static_cast<size_t>(n)) << "maxsize " << maxsize;
     for (int i = 1; i <= n; ++i) {
       EXPECT_EQ(lines[i - 1].substr(23), Format(";I;%08x;line %d of the killed writer", i, i));
