@@ -52,7 +52,7 @@ def main():
     seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 3
     work = tempfile.mkdtemp(prefix="station-tls-")
     for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(ROOT, "examples/station", name), work)
+        shutil.copy(os.path.join(ROOT, "apps/station", name), work)
     out = open(os.path.join(work, "out.txt"), "w+")
     proc = subprocess.Popen([binary, "Server.ListenPort=0", "Station.UsersFile=none",
                              "Server.RequireTLS=0", "Server.MaxConnections=8"], cwd=work,

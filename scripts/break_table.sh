@@ -15,14 +15,14 @@ build=${1:-$root/build}
 
 # subsystem ~ file ~ text ~ replacement ~ what the break does ~ test programs
 breaks=(
-  "config parsing~src/lib_config.cpp~if (c == '\"' && (i == 0 || data[i - 1] != '\\\\'))~if (c == '\"')~an escaped quote opens a quoted value~zq_core_tests"
-  "log~src/logretention.cpp~count > static_cast<size_t>(cfg_.max_files)~count >= static_cast<size_t>(cfg_.max_files)~one log file fewer kept than MaxFiles~zq_core_tests"
-  "trace/error records~src/tracer.cpp~s.cduration < s.duration~s.cduration <= s.duration~a recording runs one cycle too long~zq_core_tests zq_components_tests"
-  "line server/connection~src/connection.cpp~if (crlf && s.empty()) write_raw~if (false) write_raw~an empty line is sent without its line end~zq_core_tests zq_security_tests"
-  "interpreter~src/cli.cpp~if (line[i + 1] == '\$') {~if (line[i + 1] == '#') {~'\$\$' no longer stands for a literal '\$'~zq_core_tests"
+  "config parsing~src/config/lib_config.cpp~if (c == '\"' && (i == 0 || data[i - 1] != '\\\\'))~if (c == '\"')~an escaped quote opens a quoted value~zq_config_tests"
+  "log~src/log/logretention.cpp~count > static_cast<size_t>(cfg_.max_files)~count >= static_cast<size_t>(cfg_.max_files)~one log file fewer kept than MaxFiles~zq_log_tests"
+  "trace/error records~src/log/tracer.cpp~s.cduration < s.duration~s.cduration <= s.duration~a recording runs one cycle too long~zq_log_tests"
+  "line server/connection~src/net/connection.cpp~if (crlf && s.empty()) write_raw~if (false) write_raw~an empty line is sent without its line end~zq_net_tests zq_security_tests"
+  "interpreter~src/cli/cli.cpp~if (line[i + 1] == '\$') {~if (line[i + 1] == '#') {~'\$\$' no longer stands for a literal '\$'~zq_cli_tests zq_hardening_tests"
   "threads~src/threads/oothread.cpp~if (_status & 9u) return;~if (_status & 1u) return;~a thread cancelled for good starts again~zq_threads_tests"
   "rtm~src/rtm/cyclestats.cpp~std::lower_bound(kBoundNs.begin()~std::upper_bound(kBoundNs.begin()~a lateness on a bucket bound counts in the next bucket~zq_rtm_tests"
-  "serial/io~src/iocontrol.cpp~if (pos + 1 >= size) return IOR_BOUNDARY;~if (pos >= size) return IOR_BOUNDARY;~the last input byte becomes readable~zq_core_tests"
+  "serial/io~src/io/iocontrol.cpp~if (pos + 1 >= size) return IOR_BOUNDARY;~if (pos >= size) return IOR_BOUNDARY;~the last input byte becomes readable~zq_io_tests"
   "crc/hash/cipher~src/security/crc32.cpp~(r >> 1) ^ 0xEDB88320u~(r >> 1) ^ 0xEDB88321u~CRC-32 polynomial off by one bit~zq_internal_tests zq_security_tests"
   "math~src/math/math_tools.cpp~for (long i = 2; i <= n; ++i) product~for (long i = 2; i < n; ++i) product~factorial stops one factor short~zq_math_tests"
 )
@@ -89,7 +89,7 @@ for spec in "${breaks[@]}"; do
 done
 rm -f "$log"
 # Leave the programs built from the unbroken sources.
-cmake --build "$build" --target zq_core_tests zq_components_tests zq_security_tests zq_threads_tests \
+cmake --build "$build" --target zq_config_tests zq_log_tests zq_net_tests zq_cli_tests zq_hardening_tests zq_io_tests zq_security_tests zq_threads_tests \
   zq_rtm_tests zq_internal_tests zq_math_tests -j2 >/dev/null 2>&1
 
 printf '%-22s | %-30s | %-52s | %s\n' subsystem file:line break "caught by"

@@ -9,7 +9,7 @@ packages=(cmake ninja-build g++ make pkg-config binutils libssl-dev openssl libg
           libsystemd-dev systemd logrotate libmosquitto-dev mosquitto mosquitto-clients
           prometheus-cpp-dev libedit-dev zlib1g-dev python3-paho-mqtt python3-prometheus-client
           # packaging, documentation, interface checks
-          dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper
+          dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper ccache
           "$@")
 missing=()
 for p in "${packages[@]}"; do

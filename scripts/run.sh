@@ -16,7 +16,7 @@ cmake --build "$build" -j"$(nproc)" --target station >/dev/null
 work="$build/station"
 mkdir -p "$work"
 for f in station.cfg station.acl; do
-  [ -e "$work/$f" ] || cp "$root/examples/station/$f" "$work/$f"
+  [ -e "$work/$f" ] || cp "$root/apps/station/$f" "$work/$f"
 done
 cd "$work"
 echo "station: working in $work" >&2
@@ -28,4 +28,4 @@ if [ "$(id -u)" -ne 0 ] && [ "$(ulimit -l)" != unlimited ]; then
   sudo prlimit --pid $$ --memlock=unlimited:unlimited ||
     echo "station: could not raise it; the sensor task will not start" >&2
 fi
-exec "$build/examples/station/station" "$@"
+exec "$build/apps/station/station" "$@"

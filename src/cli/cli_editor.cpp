@@ -15,7 +15,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "atomic_file.h"
+#include "core/atomic_file.h"
 #include "zqcommon/cli.h"
 
 namespace {

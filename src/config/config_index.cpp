@@ -1,9 +1,9 @@
 // Config_File's look-up index: built from the lines in file order.
-#include "details/config_index.h"
+#include "config/config_index.h"
 
 #include <memory>
 
-#include "chartype.h"
+#include "core/chartype.h"
 
 uint64_t Config_File::LookupIndex::key(int header, const char* name, size_t n) const {
   uint64_t h = 0x9E3779B97F4A7C15ull ^ static_cast<uint32_t>(header);

@@ -11,9 +11,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "atomic_file.h"
-#include "chartype.h"
-#include "details/config_index.h"
+#include "core/atomic_file.h"
+#include "core/chartype.h"
+#include "config/config_index.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
 #include "zqsecurity/hash.h"

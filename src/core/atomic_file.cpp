@@ -1,5 +1,5 @@
 // Replacing a file's content as one step: temporary file, fsync, rename.
-#include "atomic_file.h"
+#include "core/atomic_file.h"
 
 #include <fcntl.h>
 #include <limits.h>

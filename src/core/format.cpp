@@ -3,7 +3,7 @@
 // rounding the exact binary value to the requested decimal unit with 128-bit
 // integer arithmetic (half to even, as glibc does in the default rounding
 // mode). Whatever it does not handle goes to vsnprintf unchanged.
-#include "details/format.h"
+#include "core/format.h"
 
 #include <cfenv>
 #include <cstdint>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "chartype.h"
+#include "core/chartype.h"
 #include "zqcommon/functions.h"
 
 namespace {

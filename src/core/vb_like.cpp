@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "chartype.h"
+#include "core/chartype.h"
 #include "zqcommon/functions.h"
 
 using zqdetail::is_blank;

@@ -11,9 +11,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "chartype.h"
-#include "journal_priority.h"
-#include "details/format.h"
+#include "core/chartype.h"
+#include "log/journal_priority.h"
+#include "core/format.h"
 #include "zqcommon/functions.h"
 
 const char Log_Entry::eLogTypeS[18] = "?PE?W???I???????D";

@@ -13,8 +13,8 @@
 #include <cerrno>
 #include <climits>
 
-#include "details/sigpipe_guard.h"
-#include "line_scan.h"
+#include "net/sigpipe_guard.h"
+#include "core/line_scan.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/functions.h"
 

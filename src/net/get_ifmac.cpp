@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "chartype.h"
+#include "core/chartype.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/diagnostics.h"
 #include "zqcommon/mysocket.h"

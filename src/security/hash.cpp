@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "chartype.h"
+#include "core/chartype.h"
 #include "security/openssl_init.h"
 #include "security/tool_listing.h"
 #include "zqcommon/functions.h"

@@ -9,7 +9,7 @@
 
 #include <cstdio>
 
-#include "details/sigpipe_guard.h"
+#include "net/sigpipe_guard.h"
 #include "security/openssl_init.h"
 #include "zqcommon/bug.h"
 #include "zqcommon/diagnostics.h"

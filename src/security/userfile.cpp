@@ -13,8 +13,8 @@
 #include <fstream>
 #include <vector>
 
-#include "atomic_file.h"
-#include "chartype.h"
+#include "core/atomic_file.h"
+#include "core/chartype.h"
 #include "zqcommon/functions.h"
 
 namespace ZQSecurity {

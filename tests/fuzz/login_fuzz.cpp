@@ -8,7 +8,7 @@
 #include <zqcommon/connection.h>
 #include <zqcommon/functions.h>
 
-#include "../../examples/station/access.h"
+#include "../../apps/station/access.h"
 #include "station_parts.h"
 
 namespace {

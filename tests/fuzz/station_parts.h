@@ -8,7 +8,7 @@
 #include <memory>
 #include <sstream>
 
-#include "../../examples/station/station.h"
+#include "../../apps/station/station.h"
 #include "fuzz_input.h"
 #include "zqcommon/cli.h"
 

@@ -3,7 +3,7 @@
 
     station-soak.py [STATION_BINARY [SECONDS [CLIENTS]]]
 
-Defaults: build-run/examples/station/station (build it with scripts/run.sh
+Defaults: build-run/apps/station/station (build it with scripts/run.sh
 first), 600 seconds, 50 clients. Starts the station in a scratch folder on
 a free port; every client sends commands one after another and waits for
 each answer (status, io, echo, config, crc, hash; now and then trace and
@@ -23,7 +23,7 @@ import tempfile
 import threading
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 PROMPT = b"station> "
 COMMANDS = ["status", "io get 1", "echo soak", "config", "crc station.cfg",
             "hash sha256 station.cfg", "io", "status"]
@@ -88,12 +88,12 @@ def client(port, stop, stats, index):
 
 def main():
     binary = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else \
-        os.path.join(ROOT, "build-run", "examples", "station", "station")
+        os.path.join(ROOT, "build-run", "apps", "station", "station")
     seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 600
     count = int(sys.argv[3]) if len(sys.argv) > 3 else 50
     work = tempfile.mkdtemp(prefix="station-soak-")
     for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(ROOT, "examples", "station", name), work)
+        shutil.copy(os.path.join(ROOT, "apps", "station", name), work)
     proc = subprocess.Popen([binary, "Server.ListenPort=0", "Server.MaxConnections=%d" % (count + 8)],
                             cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL)

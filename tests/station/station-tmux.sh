@@ -15,11 +15,11 @@ tmux_build station
 
 work=$(mktemp -d)
 trap 'tmux kill-session -t "$session" 2>/dev/null || true; rm -rf "$work"' EXIT
-cp "$root/examples/station/station.cfg" "$root/examples/station/station.acl" "$work"
+cp "$root/apps/station/station.cfg" "$root/apps/station/station.acl" "$work"
 # After the station: its exit status and the terminal's line discipline.
 start() {
   tmux new-session -d -s "$session" -x 120 -y 50 -c "$work" \
-    "$build/examples/station/station Server.ListenPort=0 Station.UsersFile=none Server.RequireTLS=0; echo \"exit status \$?\";
+    "$build/apps/station/station Server.ListenPort=0 Station.UsersFile=none Server.RequireTLS=0; echo \"exit status \$?\";
      stty -a | tr ' ;' '\n\n' | grep -E '^-?(icanon|echo)\$' | tr '\n' ' '; echo; sleep 30"
 }
 prompt='station:/[#>] '

@@ -2,7 +2,7 @@
 # build the program with `tmux_build TARGET`, start it with tmux new-session,
 # then type with `keys` and read the screen. BUILD_DIR picks the build folder
 # (default: build).
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 build=${BUILD_DIR:-$root/build}
 bash "$root/scripts/deps.sh" tmux
 tmux_build() {

@@ -6,7 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 
-#include "details/format.h"
+#include "core/format.h"
 
 inline int format_call(char* out, size_t size, const char* format, ...) {
   va_list args;
