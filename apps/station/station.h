@@ -187,6 +187,8 @@ struct Session {
   bool want_tls = false;
   bool want_exit = false;
   bool want_editing = false;
+  bool machine = false;  // answers framed for programs (machine.h)
+  int code = 0;          // the answer's result code in machine mode
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;
