@@ -108,7 +108,7 @@ bool Link::read_line(std::string& line) {
     }
     const int r = conn_.readln(line, false, static_cast<int>(std::min<long long>(left, 1000000000LL)));
     if (r > 0) return true;
-    if (r < 0) {
+    if (r < 0 && r != -2) {  // -2: not in time, looked at above
       error_ = r == -3 ? "an answer line beyond the limit" : "the station closed the connection";
       return false;
     }
