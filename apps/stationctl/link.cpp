@@ -86,6 +86,16 @@ std::string normalize_fingerprint(const std::string& text) {
   return out;
 }
 
+void make_folders_for(const std::string& path) {
+  const std::string::size_type slash = path.rfind('/');
+  if (slash == std::string::npos || slash == 0) return;
+  const std::string folder = path.substr(0, slash);
+  for (std::string::size_type p = folder.find('/', 1);; p = folder.find('/', p + 1)) {
+    mkdir(folder.substr(0, p).c_str(), 0700);
+    if (p == std::string::npos) break;
+  }
+}
+
 Link::~Link() { conn_.close(); }
 
 void Link::Arm(double seconds) { deadline_us_ = now_us() + static_cast<long long>(seconds * 1e6); }
@@ -265,14 +275,7 @@ bool Link::check_pinned(const std::string& host, int port, const Trust& trust) {
     return false;
   }
   // The folder 0700 and the file 0600, made here when missing.
-  const std::string::size_type slash = trust.known_file.rfind('/');
-  if (slash != std::string::npos && slash > 0) {
-    const std::string folder = trust.known_file.substr(0, slash);
-    for (std::string::size_type p = folder.find('/', 1); ; p = folder.find('/', p + 1)) {
-      mkdir(folder.substr(0, p).c_str(), 0700);
-      if (p == std::string::npos) break;
-    }
-  }
+  make_folders_for(trust.known_file);
   const int fd = open(trust.known_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
   const std::string entry = name + " " + fingerprint_ + "\n";
   if (fd < 0 || write(fd, entry.data(), entry.size()) != static_cast<ssize_t>(entry.size())) {

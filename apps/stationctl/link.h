@@ -75,6 +75,9 @@ class Link {
 // text is not 32 bytes of hexadecimal (colons optional).
 std::string normalize_fingerprint(const std::string& text);
 
+// Makes the missing folders above `path`, each 0700.
+void make_folders_for(const std::string& path);
+
 }  // namespace stationctl
 
 #endif

@@ -359,8 +359,13 @@ namespace {
 struct Forward {
   Link* link;
   double timeout;
+  CLI* cli;
   bool lost = false;
 };
+
+// Registers the commands the station's help lists (those the session's
+// level reaches) as forwarded to it; false when the station did not answer.
+bool learn_commands(Forward& f);
 
 // A line for the station: sent as typed (words joined by one blank), the
 // answer printed; a login's password is asked here without echo.
@@ -386,6 +391,7 @@ int forward(void* arg, int argc, const char** argv) {
     a = f.link->Ask(reply);
   }
   for (const std::string& l : a.lines) std::printf("%s\r\n", l.c_str());
+  if (a.code == kDone && line.compare(0, 5, "login") == 0) learn_commands(f);  // more commands now
   if (a.code < 0) {
     std::printf("stationctl: %s\r\n", f.link->Error().c_str());
     f.lost = true;
@@ -394,28 +400,35 @@ int forward(void* arg, int argc, const char** argv) {
   return exit_code(a);
 }
 
-}  // namespace
-
-int interactive(Link& link, const std::string& history_file, double timeout) {
-  link.Arm(timeout);
-  const Answer help = link.Ask("help");
-  if (help.code < 0) {
-    std::fprintf(stderr, "stationctl: %s\n", link.Error().c_str());
-    return kNoStation;
-  }
-  Forward f{&link, timeout};
-  CLI cli(stdin, stdout, stdout);
-  cli.SetAppName("stationctl");
+bool learn_commands(Forward& f) {
+  f.link->Arm(f.timeout);
+  const Answer help = f.link->Ask("help");
   // The station's help lists its commands in columns under headings ending with ':'.
   for (const std::string& line : help.lines) {
     if (line.find(':') != std::string::npos) continue;
     for (const std::string& name : words_of(line)) {
-      if (cli.find_command(name) == nullptr) cli.Register(forward, &f, name, nullptr, name + ": at the station");
+      // The session's own switches stay stationctl's: it is in TLS and machine mode.
+      if (name == "starttls" || name == "mode" || name == "editing" || f.cli->find_command(name) != nullptr) continue;
+      f.cli->Register(forward, &f, name, nullptr, name + ": at the station");
     }
+  }
+  return help.code >= 0;
+}
+
+}  // namespace
+
+int interactive(Link& link, const std::string& history_file, double timeout) {
+  CLI cli(stdin, stdout, stdout);
+  cli.SetAppName("stationctl");
+  Forward f{&link, timeout, &cli};
+  if (!learn_commands(f)) {
+    std::fprintf(stderr, "stationctl: %s\n", link.Error().c_str());
+    return kNoStation;
   }
   CLI_Editor* editor = cli.EnableEditing();
   editor->SetEndOnEof(true);
   std::string why;
+  make_folders_for(history_file);
   if (!editor->SetHistoryFile(history_file, 500, 30, &why)) {
     std::fprintf(stderr, "stationctl: history not kept: %s\n", why.c_str());
   }
