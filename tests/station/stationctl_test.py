@@ -246,12 +246,14 @@ def main():
         name = re.search(r"dumped to \./(\S+)", out).group(1)
         dest = os.path.join(WORK, "fetched")
         os.mkdir(dest)
-        rc, out, err = ctl("--ca", "tls/ca.pem", "--json", "get", name, dest, user="otto")
-        data = open(os.path.join(WORK, name), "rb").read()
-        got = open(os.path.join(dest, name), "rb").read()
-        reply = json.loads(out)
-        check(rc == 0 and got == data and len(data) > 48 * 1024 and reply["size"] == len(data) and
-              reply["sha256"] == hashlib.sha256(data).hexdigest(), "get of a trace export in pieces", (rc, err))
+        open(os.path.join(WORK, "random.bin"), "wb").write(os.urandom(200000) + b"\n.\n. 0\r\n")
+        for what in (name, "random.bin"):  # the second in several pieces
+            rc, out, err = ctl("--ca", "tls/ca.pem", "--json", "get", what, dest, user="otto")
+            data = open(os.path.join(WORK, what), "rb").read()
+            got = open(os.path.join(dest, what), "rb").read()
+            reply = json.loads(out)
+            check(rc == 0 and got == data and reply["size"] == len(data) and
+                  reply["sha256"] == hashlib.sha256(data).hexdigest(), "get " + what + ", size and hash", (rc, err))
         os.symlink("/etc/hostname", os.path.join(WORK, "link"))
         for outside in ("/etc/hostname", "../" + os.path.basename(WORK) + "/../x", "link"):
             rc, out, err = ctl("--ca", "tls/ca.pem", "get", outside, dest, user="otto")
