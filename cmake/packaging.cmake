@@ -1,7 +1,8 @@
 # Debian packages (cmake --build build --target package):
 #   libzqcommon1      the shared library                 (component lib)
 #   libzqcommon-dev   headers, CMake package, pkg-config   (component dev)
-#   zqcommon-station  the station as a systemd service     (component station)
+#   zqcommon-station  the station as a systemd service,    (component station)
+#                     and its client stationctl
 # Example programs other than the station are not packaged.
 set(ZQ_DEBIAN ${PROJECT_SOURCE_DIR}/cmake/debian)
 
@@ -57,7 +58,8 @@ set(CPACK_DEBIAN_STATION_PACKAGE_SECTION misc)
 set(CPACK_COMPONENT_STATION_DESCRIPTION "measurement-and-control station built on libzqcommon
  A real-time sensor task, digital I/O, error records, a rotated log and a
  command set for TCP clients, run as a systemd service with readiness and
- watchdog notifications, reload on SIGHUP and a logrotate snippet.")
+ watchdog notifications, reload on SIGHUP and a logrotate snippet; and
+ stationctl, its command-line client for shells and scripts.")
 set(CPACK_COMPONENT_STATION_DEPENDS lib)
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
