@@ -61,16 +61,6 @@ int on_verify(int ok, X509_STORE_CTX* store) {
   return g_chain_decides ? ok : 1;
 }
 
-// A frame's last line: ". CODE".
-bool frame_end(const std::string& line, int& code) {
-  if (line.size() < 3 || line[0] != '.' || line[1] != ' ') return false;
-  for (size_t i = 2; i < line.size(); ++i) {
-    if (line[i] < '0' || line[i] > '9') return false;
-  }
-  code = std::atoi(line.c_str() + 2);
-  return true;
-}
-
 }  // namespace
 
 std::string normalize_fingerprint(const std::string& text) {

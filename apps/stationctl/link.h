@@ -6,9 +6,10 @@
 
 #include <zqsecurity/sslconnection.h>
 
+#include "answer.h"
+
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace stationctl {
 
@@ -22,13 +23,6 @@ struct Trust {
   std::string known_file;   // else trust on first use, pinned in this file
   bool insecure = false;    // no check at all (--insecure-no-verify)
   std::string cert, key;    // a client certificate that logs in as its name
-};
-
-// One framed answer: its lines and its result code (0 done, 1 failed,
-// 2 refused, 3 a login question; -1 none came).
-struct Answer {
-  int code = -1;
-  std::vector<std::string> lines;
 };
 
 // A session with one station. Every step waits at most until the deadline

@@ -2,7 +2,6 @@
 #include "tools.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -116,68 +115,42 @@ int get_file(Link& link, const std::vector<std::string>& args, double timeout, b
   if (stat(dest.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
     dest += (dest.back() == '/' ? "" : "/") + name.substr(name.rfind('/') + 1);
   }
-  std::string data, sha256;
-  unsigned long long size = 0;
-  for (bool first = true; first || data.size() < size; first = false) {
+  Fetched f;
+  while (!f.started || f.data.size() < f.size) {
     link.Arm(timeout);
-    const std::string ask = "get " + name + " " + std::to_string(data.size());
-    const Answer a = link.Ask(ask);
+    const Answer a = link.Ask("get " + name + " " + std::to_string(f.data.size()));
     if (a.code != kDone) {
       print_answer("get " + name, a, json);
       if (a.code < 0) std::fprintf(stderr, "stationctl: get %s: %s\n", name.c_str(), link.Error().c_str());
       return exit_code(a);
     }
-    // "file NAME size N sha256 HEX offset O length L", then base64 lines.
-    const std::vector<std::string> head = a.lines.empty() ? std::vector<std::string>() : words_of(a.lines[0]);
-    if (head.size() != 10 || head[0] != "file" || head[2] != "size" || head[4] != "sha256" ||
-        std::strtoull(head[7].c_str(), nullptr, 10) != data.size() || (!first && head[5] != sha256) ||
-        (!first && std::strtoull(head[3].c_str(), nullptr, 10) != size)) {
-      std::fprintf(stderr, "stationctl: get %s: the file changed or the answer is malformed: %s\n", name.c_str(),
-                   a.lines.empty() ? "(empty)" : a.lines[0].c_str());
-      return kFailed;
-    }
-    size = std::strtoull(head[3].c_str(), nullptr, 10);
-    sha256 = head[5];
-    const size_t length = std::strtoul(head[9].c_str(), nullptr, 10);
-    const size_t before = data.size();
-    unsigned char bytes[64];
-    for (size_t i = 1; i < a.lines.size(); ++i) {
-      const std::string& line = a.lines[i];
-      const int n = EVP_DecodeBlock(bytes, reinterpret_cast<const unsigned char*>(line.data()),
-                                    static_cast<int>(line.size()));
-      if (n < 0 || line.size() > 64 || line.size() % 4 != 0) {
-        std::fprintf(stderr, "stationctl: get %s: bad base64 in the answer\n", name.c_str());
-        return kFailed;
-      }
-      const size_t pad = line.size() >= 2 ? (line.end()[-1] == '=') + (line.end()[-2] == '=') : 0;
-      data.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(n) - pad);
-    }
-    if (data.size() - before != length || (length == 0 && data.size() < size)) {
-      std::fprintf(stderr, "stationctl: get %s: a piece of %zu bytes, %zu announced\n", name.c_str(),
-                   data.size() - before, length);
+    std::string why;
+    if (!take_piece(a, f, why)) {
+      std::fprintf(stderr, "stationctl: get %s: %s\n", name.c_str(), why.c_str());
       return kFailed;
     }
   }
+  const std::string& data = f.data;
   const std::string got = ZQSecurity::Hash("sha256").mkHashText(data.data(), static_cast<unsigned int>(data.size()));
-  if (data.size() != size || got != sha256) {
-    std::fprintf(stderr, "stationctl: get %s: %zu bytes with SHA-256 %s, the station announced %llu bytes, %s\n",
-                 name.c_str(), data.size(), got.c_str(), size, sha256.c_str());
+  if (got != f.sha256) {
+    std::fprintf(stderr, "stationctl: get %s: %zu bytes with SHA-256 %s, the station announced %s\n", name.c_str(),
+                 data.size(), got.c_str(), f.sha256.c_str());
     return kFailed;
   }
   const std::string part = dest + ".part";
-  FILE* f = std::fopen(part.c_str(), "wb");
-  const bool written = f != nullptr && std::fwrite(data.data(), 1, data.size(), f) == data.size();
-  if (f == nullptr || std::fclose(f) != 0 || !written || std::rename(part.c_str(), dest.c_str()) != 0) {
+  FILE* out = std::fopen(part.c_str(), "wb");
+  const bool written = out != nullptr && std::fwrite(data.data(), 1, data.size(), out) == data.size();
+  if (out == nullptr || std::fclose(out) != 0 || !written || std::rename(part.c_str(), dest.c_str()) != 0) {
     std::fprintf(stderr, "stationctl: cannot write %s: %s\n", dest.c_str(), std::strerror(errno));
     std::remove(part.c_str());
     return kFailed;
   }
   if (json) {
     std::printf("{\"command\": %s, \"code\": 0, \"file\": %s, \"size\": %zu, \"sha256\": \"%s\", \"dest\": %s}\n",
-                json_text("get " + name).c_str(), json_text(name).c_str(), data.size(), sha256.c_str(),
+                json_text("get " + name).c_str(), json_text(name).c_str(), data.size(), f.sha256.c_str(),
                 json_text(dest).c_str());
   } else {
-    std::printf("%s: %zu bytes, SHA-256 %s, written to %s\n", name.c_str(), data.size(), sha256.c_str(), dest.c_str());
+    std::printf("%s: %zu bytes, SHA-256 %s, written to %s\n", name.c_str(), data.size(), f.sha256.c_str(), dest.c_str());
   }
   return kDone;
 }
@@ -185,12 +158,6 @@ int get_file(Link& link, const std::vector<std::string>& args, double timeout, b
 // ----------------------------------------------------------------- watch
 
 namespace {
-
-// One value as a source reports it.
-struct Reading {
-  std::string name, unit, state;
-  double value = 0;
-};
 
 // Where watched values come from. The station's `status` serves now; a
 // source for the station's points takes its place by answering the same.
@@ -213,38 +180,9 @@ class StatusSource : public Source {
     const Answer a = link.Ask("status");
     code = exit_code(a);
     if (a.code != kDone) return false;
-    Reading reading{"reading", "", "NONE"}, cycle{"cycle_avg", "us", "NONE"};
-    bool have_reading = false, have_cycle = false;
-    for (const std::string& line : a.lines) {
-      const size_t at = line.find("; reading ");
-      if (at != std::string::npos) have_reading = std::sscanf(line.c_str() + at, "; reading %lf", &reading.value) == 1;
-      double lo = 0, avg = 0, hi = 0;
-      if (std::sscanf(line.c_str(), "cycles %*d, period %*d us, cycle length min/avg/max %lf/%lf/%lf", &lo, &avg,
-                      &hi) == 3) {
-        cycle.value = avg;
-        have_cycle = true;
-      }
-      char state[32] = {};
-      if (std::sscanf(line.c_str(), "sensor_%*[a-z]: %31[A-Z],", state) == 1 && worse(state, reading.state)) {
-        reading.state = state;
-      }
-      if (std::sscanf(line.c_str(), "cycle_overrun: %31[A-Z],", state) == 1) cycle.state = state;
-    }
-    out.clear();
-    if (have_reading) out.push_back(reading);
-    if (have_cycle) out.push_back(cycle);
-    return have_reading || have_cycle;
+    out = status_readings(a.lines);
+    return !out.empty();
   }
-
- private:
-  static int rank(const std::string& s) {
-    static const char* const kOrder[] = {"NONE", "INFO", "WARNING", "ERROR", "FATAL"};
-    for (int i = 0; i < 5; ++i) {
-      if (s == kOrder[i]) return i;
-    }
-    return 5;  // unknown: shown
-  }
-  static bool worse(const std::string& a, const std::string& b) { return rank(a) > rank(b); }
 };
 
 const int kTrendColumns = 60;
