@@ -15,16 +15,15 @@ with a client certificate (no password). Ends with a SUMMARY line for
 bench/run.sh.
 """
 import os
-import re
 import shutil
 import signal
-import socket
-import ssl
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
+
+from station_proc import start_station
 
 CLIENT = r'''
 import socket, ssl, sys, time
@@ -83,20 +82,8 @@ def main():
     for user in ("ada", "carol"):  # carol logs in by her certificate
         subprocess.run([station, "--passwd", user, "admin"], cwd=work, input=password.encode(), check=True,
                        capture_output=True, timeout=60)
-    out = open(os.path.join(work, "out.txt"), "w+")
-    proc = subprocess.Popen([station, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl"],
-                            cwd=work, stdin=subprocess.DEVNULL, stdout=out,
-                            stderr=subprocess.STDOUT)
+    proc, port = start_station(station, work, "-f", "station.cfg", "Server.ACL=open.acl")
     try:
-        port = None
-        for _ in range(600):
-            m = re.search(r"tcp port (\d+)", open(out.name).read())
-            if m:
-                port = int(m.group(1))
-                break
-            time.sleep(0.05)
-        if port is None:
-            sys.exit("bench: the station did not start: " + open(out.name).read())
         subprocess.run([station, "--issue-client-cert", "carol"], cwd=work, check=True, capture_output=True,
                        timeout=60)
         env = {"HOME": work, "PATH": os.environ.get("PATH", ""), "STATIONCTL_PASSWORD": password}
