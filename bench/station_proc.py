@@ -1,6 +1,8 @@
 """Starting the station for a bench: in a scratch folder, on a free port."""
 import os
 import re
+import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -21,3 +23,10 @@ def start_station(binary, work, *args):
         time.sleep(0.05)
     proc.kill()
     sys.exit("bench: the station did not start: " + open(out.name).read())
+
+
+def stop_station(proc, work):
+    """Ends the station with SIGTERM and removes its scratch folder."""
+    proc.send_signal(signal.SIGTERM)
+    proc.wait(timeout=30)
+    shutil.rmtree(work, ignore_errors=True)

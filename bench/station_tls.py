@@ -10,14 +10,13 @@ session in clear text and then, in the same session, over TLS.
 """
 import os
 import shutil
-import signal
 import socket
 import ssl
 import sys
 import tempfile
 import time
 
-from station_proc import start_station
+from station_proc import start_station, stop_station
 
 PROMPT = b"station> "
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -79,9 +78,7 @@ def main():
         print("echo throughput of one session: clear %.1f MB/s, TLS %.1f MB/s (%s)" %
               (plain, echo_rate(s, seconds), s.version()))
     finally:
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(timeout=30)
-        shutil.rmtree(work, ignore_errors=True)
+        stop_station(proc, work)
 
 
 if __name__ == "__main__":

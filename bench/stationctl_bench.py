@@ -16,14 +16,13 @@ bench/run.sh.
 """
 import os
 import shutil
-import signal
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
-from station_proc import start_station
+from station_proc import start_station, stop_station
 
 CLIENT = r'''
 import socket, ssl, sys, time
@@ -110,9 +109,7 @@ def main():
               "|%s|password check %.0f ms" % (med(peer) * 1e3, med(ours) * 1e3, ratio,
                                                "met" if ratio >= 1 else "NOT MET", hash_s * 1e3))
     finally:
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(timeout=30)
-        shutil.rmtree(work, ignore_errors=True)
+        stop_station(proc, work)
 
 
 if __name__ == "__main__":
