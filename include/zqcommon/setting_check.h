@@ -36,6 +36,9 @@ class ZQ_EXPORT Setting_Check {
 
   // Whether `text` is allowed for `path`; `why` gets the reason when not.
   bool Check(const std::string& path, const std::string& text, std::string* why) const;
+  // Why `text` is not allowed for `path` ("not an integer in 0..65535"), or
+  // "" when it is or no rule names the setting.
+  std::string Reason(const std::string& path, const std::string& text) const;
   // Checks, then assigns to the entry; false (entry untouched) when the check
   // or the assignment fails.
   bool Assign(Config_Data_Entry& entry, const std::string& path, const std::string& text,

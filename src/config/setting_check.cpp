@@ -3,6 +3,7 @@
 
 #include <strings.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -90,24 +91,33 @@ const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
   return nullptr;
 }
 
-bool Setting_Check::Check(const std::string& path, const std::string& text, std::string* why) const {
+std::string Setting_Check::Reason(const std::string& path, const std::string& text) const {
   const Rule* r = find(path);
-  if (r == nullptr) return true;
-  std::string reason;
+  if (r == nullptr) return "";
   if (r->kind == kText) {
-    if (text.size() > r->max) {
-      reason = Format("longer than %s characters", bound_text(r->max, kInteger).c_str());
-    }
     for (const char c : text) {
-      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) reason = "control characters";
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "control characters";
     }
-    if (reason.empty()) return true;
-  } else {
-    long double v = 0;
-    if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return true;
-    reason = Format("not %s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
-                    bound_text(r->max, r->kind).c_str());
+    if (text.size() > r->max) return Format("longer than %s characters", bound_text(r->max, kInteger).c_str());
+    return "";
   }
+  // Settings read integers in automatic base: "010" would pass here as ten
+  // and be taken as eight.
+  const std::string t = Trim(text);
+  const size_t digit = t.find_first_not_of("+-");
+  if ((r->kind == kInteger || r->kind == kSize) && digit != std::string::npos && t[digit] == '0' &&
+      digit + 1 < t.size() && std::isdigit(static_cast<unsigned char>(t[digit + 1]))) {
+    return "an integer with a leading 0, which reads as octal";
+  }
+  long double v = 0;
+  if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return "";
+  return Format("not %s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
+                bound_text(r->max, r->kind).c_str());
+}
+
+bool Setting_Check::Check(const std::string& path, const std::string& text, std::string* why) const {
+  const std::string reason = Reason(path, text);
+  if (reason.empty()) return true;
   // The value is quoted as far as it is printable and short.
   std::string shown;
   for (size_t i = 0; i < text.size() && i < 40; ++i) {
@@ -115,7 +125,7 @@ bool Setting_Check::Check(const std::string& path, const std::string& text, std:
     shown += c < 0x20 || c >= 0x7f ? '?' : text[i];
   }
   if (text.size() > 40) shown += "...";
-  if (why != nullptr) *why = Format("%s: '%s' is %s", r->path.c_str(), shown.c_str(), reason.c_str());
+  if (why != nullptr) *why = Format("%s: '%s' is %s", find(path)->path.c_str(), shown.c_str(), reason.c_str());
   return false;
 }
 
