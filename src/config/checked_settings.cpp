@@ -109,11 +109,12 @@ Config_Data_Entry* Checked_Settings::Find(const std::string& path) {
 
 std::string Checked_Settings::check(const std::string& path, Config_Data_Entry& entry,
                                     const std::string& value) const {
-  std::string why = kind_problem(entry, value);
+  // The rule first: it names the range as well as the kind.
+  std::string why = rules_ != nullptr ? rules_->Reason(path, value) : "";
+  if (why.empty()) why = kind_problem(entry, value);
   if (why.empty() && entry.Type() == cfg_CHARS && value.size() >= entry.Size()) {
     why = Format("longer than %zu characters", entry.Size() - 1);
   }
-  if (why.empty() && rules_ != nullptr) why = rules_->Reason(path, value);
   return why;
 }
 

@@ -64,7 +64,7 @@ std::string bound_text(long double v, Setting_Check::Kind kind) {
 
 Setting_Check& Setting_Check::add(const std::string& path, Kind kind, long double min,
                                   long double max) {
-  rules_.push_back(Rule{path, kind, min, max});
+  rules_.push_back(Rule{path, kind, min, max, {}});
   return *this;
 }
 
@@ -84,6 +84,11 @@ Setting_Check& Setting_Check::Text(const std::string& path, size_t max_length) {
   return add(path, kText, 0, static_cast<long double>(max_length));
 }
 
+Setting_Check& Setting_Check::Choice(const std::string& path, const std::vector<std::string>& words) {
+  add(path, kChoice, 0, 0).rules_.back().words = words;
+  return *this;
+}
+
 const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
   for (const Rule& r : rules_) {
     if (strcasecmp(r.path.c_str(), path.c_str()) == 0) return &r;
@@ -94,6 +99,14 @@ const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
 std::string Setting_Check::Reason(const std::string& path, const std::string& text) const {
   const Rule* r = find(path);
   if (r == nullptr) return "";
+  if (r->kind == kChoice) {
+    std::string list;
+    for (const std::string& w : r->words) {
+      if (strcasecmp(w.c_str(), Trim(text).c_str()) == 0) return "";
+      list += (list.empty() ? "" : ", ") + w;
+    }
+    return "not one of " + list;
+  }
   if (r->kind == kText) {
     for (const char c : text) {
       if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "control characters";
