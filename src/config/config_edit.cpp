@@ -1,6 +1,7 @@
 // Changing a few values of an operator's configuration file in place.
 #include "zqcommon/config_edit.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -33,14 +34,6 @@ std::vector<Line> split(const std::string& text) {
     at = stop + 1;
   }
   return lines;
-}
-
-// The name of a section header line, or false.
-bool header(const std::string& body, std::string& name) {
-  const LINE l(body, 0);
-  if (!l.IsSection()) return false;
-  name = Trim(l.Name());
-  return true;
 }
 
 // The line with its value replaced; the comment keeps its column while the
@@ -88,36 +81,27 @@ std::string Config_Edit::Apply(const std::string& text, const std::string& secti
   std::vector<Line> lines = split(text);
   const std::string eol = lines.empty() || lines[0].end.empty() ? "\n" : lines[0].end;
   const std::string entry = key + " = " + value;
-  bool inside = false, found_section = false;
-  size_t insert_at = 0;
-  for (size_t i = 0; i < lines.size(); ++i) {
-    std::string name;
-    if (header(lines[i].body, name)) {
-      if (inside) break;  // the first section of that name holds the value
-      inside = name ^= section;
-      found_section = found_section || inside;
-      insert_at = i + 1;
-      continue;
-    }
-    if (!inside) continue;
-    const LINE l(lines[i].body, 0);
-    if (!l.IsEntry()) continue;
-    if (l.Name() ^= key) {
-      lines[i].body = replaced(lines[i].body, value);
-      insert_at = std::string::npos;
-      break;
-    }
-    insert_at = i + 1;
-  }
-  if (insert_at != std::string::npos) {
-    if (!lines.empty() && lines.back().end.empty()) lines.back().end = eol;
-    if (found_section) {
-      lines.insert(lines.begin() + static_cast<long>(insert_at), Line{entry, eol});
+  // The line the reader takes the value from, or where its section ends, by
+  // the reader's own rules (which of several sections, case): line numbers
+  // count from 1.
+  std::istringstream in(text);
+  Config_File file(in);
+  if (file.has_section(section)) {
+    int line = 0;
+    if (file.get_entry(section, key, "\x01", nullptr, &line) != "\x01" && line >= 1 &&
+        static_cast<size_t>(line) <= lines.size()) {
+      lines[static_cast<size_t>(line) - 1].body = replaced(lines[static_cast<size_t>(line) - 1].body, value);
     } else {
-      if (!lines.empty() && !Trim(lines.back().body).empty()) lines.push_back(Line{"", eol});
-      lines.push_back(Line{"[" + section + "]", eol});
-      lines.push_back(Line{entry, eol});
+      const SECTION entries = file.get_section(section);
+      const size_t after = static_cast<size_t>(entries.empty() ? entries.startline : entries.back()->Line());
+      if (after >= lines.size() && !lines.empty() && lines.back().end.empty()) lines.back().end = eol;
+      lines.insert(lines.begin() + static_cast<long>(std::min(after, lines.size())), Line{entry, eol});
     }
+  } else {
+    if (!lines.empty() && lines.back().end.empty()) lines.back().end = eol;
+    if (!lines.empty() && !Trim(lines.back().body).empty()) lines.push_back(Line{"", eol});
+    lines.push_back(Line{"[" + section + "]", eol});
+    lines.push_back(Line{entry, eol});
   }
   std::string out;
   for (const Line& l : lines) out += l.body + l.end;

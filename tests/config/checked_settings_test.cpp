@@ -25,6 +25,7 @@ struct App : zqcommon::Config_Data {
     Register("Bytes", bytes, zqcommon::Config_Data_INIT.LS, "", "", zqcommon::cfg_STORAGE);
     Register("Count", count);
     Register("Name", name);
+    Register("Mode", mode);
     RegisterChars("Tag", tag, sizeof tag);
     Register("Trace", sub);
   }
@@ -34,13 +35,14 @@ struct App : zqcommon::Config_Data {
   long long bytes = 1024;
   unsigned int count = 1;
   std::string name = "x";
+  std::string mode = "preferred";
   char tag[4] = "ab";
   Sub sub;
 };
 
 zqcommon::Setting_Check rules() {
   zqcommon::Setting_Check r;
-  r.Integer("App.Port", 1, 65535).Text("App.Name", 8);
+  r.Integer("App.Port", 1, 65535).Text("App.Name", 8).Choice("App.Mode", {"required", "preferred"});
   return r;
 }
 
@@ -83,6 +85,8 @@ TEST(CheckedSettings, FileValuesMustBeWholeAndInRange) {
       {"Count = -1", "not an integer in 0..4294967295"},
       {"Name = eightchr", ""},
       {"Name = ninechars", "longer than 8 characters"},
+      {"Mode = Required", ""},
+      {"Mode = maybe", "App.Mode = 'maybe': not one of required, preferred"},
       {"Tag = abcd", "App.Tag = 'abcd': longer than 3 characters"},
       {"Prot = 1", "App.Prot = '1': no setting Prot in [App]"},
   };

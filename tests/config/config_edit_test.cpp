@@ -16,7 +16,7 @@ TEST(ConfigEdit, OnlyTheValueChanges) {
       {"[S]\nHigh = 1 #c\n", "S", "High", "[S]\nHigh = 90 #c\n"},  // one blank stays
       {"[S]\nHigh =\nLow = 1\n", "S", "High", "[S]\nHigh = 90\nLow = 1\n"},
       {"[S]\nHigh = # none yet\n", "S", "High", "[S]\nHigh = 90 # none yet\n"},
-      {"[S]\nA = 1\n\n# about T\n[T]\nB = 2", "S", "High", "[S]\nA = 1\nHigh = 90\n\n# about T\n[T]\nB = 2\n"},
+      {"[S]\nA = 1\n\n# about T\n[T]\nB = 2", "S", "High", "[S]\nA = 1\nHigh = 90\n\n# about T\n[T]\nB = 2"},  // the last line keeps its missing end
       {"# only a comment", "S", "High", "# only a comment\n\n[S]\nHigh = 90\n"},
       {"", "S", "High", "[S]\nHigh = 90\n"},
       {"[S]\nHigh = 1\n[S]\nHigh = 2\n", "S", "High", "[S]\nHigh = 90\n[S]\nHigh = 2\n"},

@@ -10,6 +10,7 @@
 #include "zqcommon/checked_settings.h"
 #include "zqcommon/config_edit.h"
 #include "zqcommon/ew.h"
+#include "zqcommon/functions.h"
 #include "zqcommon/setting_check.h"
 
 namespace {
