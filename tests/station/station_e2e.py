@@ -25,7 +25,7 @@ import tempfile
 import time
 import zlib
 
-from station_client import read_until
+from station_client import listening_port, read_until
 
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-e2e-")
@@ -95,15 +95,7 @@ def main():
                              "TLS.CertificateFile=none"], cwd=work, stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=errors)
     try:
-        port = None
-        deadline = time.time() + 30
-        while port is None and time.time() < deadline:
-            line = proc.stdout.readline().decode()
-            if not line:
-                break
-            m = re.match(r"tcp port (\d+)", line)
-            if m:
-                port = int(m.group(1))
+        port = listening_port(proc)
         check(port, "the station prints its port", open(errors.name).read())
         run_clients(port, work, proc.pid)
         proc.send_signal(signal.SIGTERM)

@@ -23,7 +23,7 @@ import sys
 import tempfile
 import time
 
-from station_client import Checks, read_until
+from station_client import Checks, listening_port, read_until
 
 PROMPT = b"station> "
 check = Checks()
@@ -68,14 +68,7 @@ def refused_settings(binary, source, work):
 def start(cmd, work):
     errors = open(os.path.join(work, "stderr.txt"), "w+")
     proc = subprocess.Popen(cmd, cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
-    port = None
-    deadline = time.time() + 30
-    while port is None and time.time() < deadline:
-        line = proc.stdout.readline().decode()
-        if not line:
-            break
-        m = re.match(r"tcp port (\d+)", line)
-        port = int(m.group(1)) if m else None
+    port = listening_port(proc)
     check(port, "the station starts", open(errors.name).read())
     sock = socket.create_connection(("127.0.0.1", port), timeout=20)
     read_until(sock, PROMPT)
