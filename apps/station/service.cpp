@@ -208,6 +208,7 @@ bool Service::reload_settings(Station& st, std::string& report) {
       if (now == nullptr || now->Value() == entry.second.Value()) continue;
       if (!live_setting(path)) {
         restart += (restart.empty() ? "" : ", ") + path;
+        settings_state().restart.insert(path);  // status lists it
         continue;
       }
       changed += Format("%s%s %s -> %s", changed.empty() ? "" : ", ", path.c_str(),

@@ -332,6 +332,9 @@ def main():
     if not re.search(r"Station\.Setpoint = 45", shown) or not re.search(r"Station\.HighLimit = 80\b", shown) \
             or not re.search(r"Server\.MaxConnections = 64\b", shown):
         fail("the settings after the reloads", shown)
+    status = client.ask("status")
+    if "settings waiting for a restart: Metrics.Listen, Server.MaxConnections" not in status:
+        fail("status lists the settings a reload left for the restart", status)
 
     client.sock.close()
     proc.send_signal(signal.SIGTERM)
