@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login|stationctl [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|format|users|login|stationctl [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login|stationctl [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|format|users|login|stationctl [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -60,6 +60,9 @@ case "$target" in
   cfgentry)
     printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
     printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
+  settings)
+    printf '[S]\ni = 0x10 # c\nd = 2,5x\nscaled = 4k\nb = 1\n\n[T]\nk = 1\n[S]\nk = 2\n' > "$corpus/seed1"
+    printf '# only\n[s]\r\nK=\r\nchars = abcdefghij\nl = 2\n[S\nk = # c' > "$corpus/seed2" ;;
   stationctl)  # get pieces (sha256 of "hello\n"), then a status answer
     h=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03
     printf 'file a size 6 sha256 %s offset 0 length 3\r\naGVs\r\n. 0\r\nfile a size 6 sha256 %s offset 3 length 3\r\nbG8K\r\n. 0\r\n' "$h" "$h" > "$corpus/seed1"

@@ -26,7 +26,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks  # noqa: E402
+from station_client import Checks, listening_port  # noqa: E402
 
 WORK = tempfile.mkdtemp(prefix="stationctl-")
 HOME = os.path.join(WORK, "home")
@@ -48,19 +48,14 @@ def ctl(*args, env=None, user="ada", timeout=30, **kw):
 
 
 def start_station(*overrides):
-    out = open(os.path.join(WORK, "out.txt"), "w+")
     proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
-                             "Login.FirstDelay=100", "Login.MaxDelay=300",
-                             "Login.MaxFailures=3"] + list(overrides),
-                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
-    deadline = time.time() + 30
-    while time.time() < deadline:
-        m = re.search(r"tcp port (\d+)", open(out.name).read())
-        if m:
-            return proc, int(m.group(1))
-        time.sleep(0.05)
-    proc.kill()
-    sys.exit("FAIL: the station did not start: " + open(out.name).read())
+                             "Login.FirstDelay=100", "Login.MaxDelay=300", "Login.MaxFailures=3"] + list(overrides),
+                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    port = listening_port(proc)
+    if port is None:
+        proc.kill()
+        sys.exit("FAIL: the station did not start: " + proc.stdout.read().decode(errors="replace"))
+    return proc, port
 
 
 def fake_peer(script):
