@@ -183,6 +183,7 @@ int Link::Open(const std::string& host, int port, const Trust& trust) {
   // A station greets with "station ready" (or refuses with one line).
   std::string line;
   if (!read_line(line)) return fail(kNoStation, where + " does not greet like a station: " + error_);
+  if (line.compare(0, 5, "busy:") == 0) return fail(kNoStation, where + " refused the session: " + line);
   if (line.find("station ready") == std::string::npos) {
     return fail(kNoStation, where + " is not a station (it said: " + line.substr(0, 200) + ")");
   }
@@ -245,7 +246,9 @@ bool Link::check_pinned(const std::string& host, int port, const Trust& trust) {
   }
   if (!trust.fingerprint.empty()) {
     if (normalize_fingerprint(trust.fingerprint) == fingerprint_) return true;
-    error_ = "the station's certificate has SHA-256 " + fingerprint_ + ", not the one given with --fingerprint";
+    error_ = "the station's certificate has SHA-256 " + fingerprint_ +
+             ", not the one given with --fingerprint (which takes the station's certificate's, tls/server.pem, "
+             "not its CA's)";
     return false;
   }
   // Trust on first use: "HOST:PORT FINGERPRINT" lines.

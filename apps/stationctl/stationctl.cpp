@@ -44,7 +44,8 @@ const char kUsage[] =
     "  --cert FILE --key FILE a client certificate (station --issue-client-cert NAME)\n"
     "  --json                 answers as JSON\n"
     "  --timeout SECONDS      the longest wait for the station (10)\n"
-    "  -c FILE                run the commands in FILE, stopping at the first failure\n"
+    "  -c FILE                run the commands in FILE (- or a pipe: standard input),\n"
+    "                         stopping at the first failure\n"
     "  -s NAME                the station NAME of ~/.config/stationctl/config\n"
     "  --version, -h/--help\n"
     "Commands of stationctl itself: get NAME [DEST], watch [POINT...] [--every S].\n"
@@ -251,6 +252,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "stationctl: %s\n", link.Error().c_str());
     return rc;
   }
+  // Commands from a pipe are a script: no prompts, stop at the first failure.
+  if (o.script == "-" || (o.script.empty() && o.command.empty() && !isatty(STDIN_FILENO))) o.script = "/dev/stdin";
   if (!o.script.empty()) return run_script(link, o);
   if (o.command.empty()) return interactive(link, home_path("history"), o.timeout);
   const std::vector<std::string> args(o.command.begin() + 1, o.command.end());

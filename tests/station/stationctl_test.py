@@ -35,7 +35,7 @@ CTL = STATION = None
 PORT = 0
 
 
-def ctl(*args, env=None, user="ada", timeout=30, **kw):
+def ctl(*args, env=None, user="ada", timeout=30, stdin="", **kw):
     """Runs stationctl: (exit code, stdout, stderr)."""
     e = {"HOME": HOME, "PATH": os.environ.get("PATH", "")}
     if user:
@@ -43,7 +43,7 @@ def ctl(*args, env=None, user="ada", timeout=30, **kw):
         args = ("--user", user) + args
     e.update(env or {})
     p = subprocess.run([CTL, "--port", str(kw.get("port", PORT))] + list(args), cwd=WORK, env=e,
-                       capture_output=True, timeout=timeout, text=True)
+                       capture_output=True, timeout=timeout, text=True, input=stdin)
     return p.returncode, p.stdout, p.stderr
 
 
@@ -233,6 +233,8 @@ def main():
         answers = [json.loads(line) for line in out.splitlines()]
         check(rc == 1 and [a["command"] for a in answers] == ["io", "io set 9"] and "cmds line 3" in err,
               "-c stops at the first failure", (out, err))
+        rc, out, err = ctl("--ca", "tls/ca.pem", stdin="io\nio set 9\nstatus\n")
+        check(rc == 1 and "io 0x" in out and "usage" in out and "cycles" not in out, "commands from a pipe", out)
 
         # get: a trace export, with its size and hash; nothing outside the data folder.
         ctl("--ca", "tls/ca.pem", "trace", "start")
