@@ -47,8 +47,8 @@ def ctl(*args, env=None, user="ada", timeout=30, stdin="", **kw):
     return p.returncode, p.stdout, p.stderr
 
 
-def start_station(*overrides):
-    proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
+def start_station(*overrides, port=0):
+    proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=%d" % port, "Server.ACL=open.acl",
                              "Login.FirstDelay=100", "Login.MaxDelay=300", "Login.MaxFailures=3"] + list(overrides),
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     port = listening_port(proc)
@@ -270,6 +270,17 @@ def main():
             ctl("--ca", "tls/ca.pem", "status", env={"STATIONCTL_PASSWORD": "wrong"})
         rc, out, err = ctl("--ca", "tls/ca.pem", "status")
         check(rc == 2 and "login failed" in err, "a locked-out address: exit 2", (rc, err))
+
+        # The station comes back at the same address with a new key: refused like ssh.
+        ctl("status")  # known now (trust on first use happens before the login)
+        proc.send_signal(signal.SIGTERM)
+        proc.wait(timeout=30)
+        proc, port = start_station("Access.TLSFolder=tls2",
+                                   "TLS.CertificateFile=tls2/server.pem", "TLS.KeyFile=tls2/server.key",
+                                   "TLS.CAFile=tls2/ca.pem", port=PORT)
+        rc, out, err = ctl("status")
+        check(port == PORT and rc == 3 and "HAS CHANGED" in err and fingerprint("tls2/server.pem") in err,
+              "a station with a new key at a known address is refused loudly", (rc, err))
     finally:
         proc.send_signal(signal.SIGTERM)
         proc.wait(timeout=30)
