@@ -28,6 +28,8 @@ namespace stationctl {
 namespace {
 
 const char kPrompt[] = "station> ";
+// The longest answer taken (a piece of `get` is under 70 KB).
+const size_t kMaxAnswer = 16u << 20;
 
 long long now_us() {
   timespec t{};
@@ -54,10 +56,9 @@ std::string fingerprint_of(X509* cert) {
 }
 
 int on_verify(int ok, X509_STORE_CTX* store) {
-  if (X509_STORE_CTX_get_error_depth(store) == 0) {
-    X509* cert = X509_STORE_CTX_get_current_cert(store);
-    if (cert != nullptr) g_leaf_fingerprint = fingerprint_of(cert);
-  }
+  // The certificate being verified is the peer's own, whose key the handshake proves.
+  X509* cert = X509_STORE_CTX_get0_cert(store);
+  if (g_leaf_fingerprint.empty() && cert != nullptr) g_leaf_fingerprint = fingerprint_of(cert);
   return g_chain_decides ? ok : 1;
 }
 
@@ -116,6 +117,12 @@ bool Link::read_line(std::string& line) {
 }
 
 Answer Link::Ask(const std::string& line) {
+  if (line.find_first_of("\r\n") != std::string::npos) {  // one line, one answer: not sent
+    Answer refused;
+    refused.code = kFailed;
+    refused.lines.push_back("stationctl: a command cannot hold a line break");
+    return refused;
+  }
   if (conn_.writeln(line + "\n", false, 0) < 0 || conn_.flush(1000000) < 0) {
     error_ = "the station closed the connection";
     return Answer();
@@ -126,7 +133,13 @@ Answer Link::Ask(const std::string& line) {
 Answer Link::Read(bool after_prompt) {
   Answer a;
   std::string text;
+  size_t bytes = 0;
   while (read_line(text)) {
+    if ((bytes += text.size()) > kMaxAnswer) {
+      error_ = "an answer beyond " + std::to_string(kMaxAnswer >> 20) + " MiB";
+      conn_.close();
+      break;
+    }
     while (after_prompt && text.compare(0, sizeof kPrompt - 1, kPrompt) == 0) text.erase(0, sizeof kPrompt - 1);
     int code = 0;
     if (frame_end(text, code)) {
