@@ -139,14 +139,13 @@ const option kLong[] = {{"host", required_argument, nullptr, 0},
 // -1 to go on, else the exit code (after -h, --version or a bad option).
 int parse_options(int argc, char** argv, Options& o) {
   // -s first: the named station's settings, which the other options override.
-  for (int i = 1; i + 1 < argc && argv[i][0] == '-'; ++i) {
-    if (std::strcmp(argv[i], "-s") == 0) {
-      o.station = argv[i + 1];
-      if (!load_station(o, o.station)) return kRefused;
-    }
-  }
   opterr = 0;
   int index = 0;
+  for (int c; (c = getopt_long(argc, argv, "+hc:s:", kLong, &index)) != -1;) {
+    if (c == 's') o.station = optarg;
+  }
+  if (!o.station.empty() && !load_station(o, o.station)) return kRefused;
+  optind = 0;  // the second pass, from the start
   for (int c; (c = getopt_long(argc, argv, "+hc:s:", kLong, &index)) != -1;) {
     switch (c) {
       case 0: {

@@ -223,7 +223,7 @@ def main():
         os.makedirs(os.path.join(HOME, ".config/stationctl"), exist_ok=True)
         open(os.path.join(HOME, ".config/stationctl/config"), "w").write(
             "[lab7]\nport = %d\nca = %s\nuser = otto\n" % (PORT, os.path.join(WORK, "tls/ca.pem")))
-        p = subprocess.run([CTL, "-s", "lab7", "io"], cwd=WORK, capture_output=True, text=True, timeout=30,
+        p = subprocess.run([CTL, "--timeout", "20", "-s", "lab7", "io"], cwd=WORK, capture_output=True, text=True, timeout=30,
                            env={"HOME": HOME, "STATIONCTL_PASSWORD": "otto#pw"})
         check(p.returncode == 0 and "io 0x" in p.stdout, "-s NAME from ~/.config/stationctl/config", p)
 
