@@ -17,18 +17,18 @@
 
 namespace station {
 
+// The file a session fetches, kept between its pieces so that it is read and
+// hashed once; dropped with its last piece, when another file is asked for,
+// or with the session.
+struct FileSend {
+  std::string name, data, sha256;
+};
+
 namespace {
 
 // The bytes one `get` answer carries: its text (base64) stays well inside
 // a connection's 128000-byte write buffer.
 const size_t kChunk = 48 * 1024;
-
-// The file being fetched, kept between its pieces so that it is read and
-// hashed once; dropped with its last piece or when another file is asked for.
-struct Fetch {
-  const Session* session = nullptr;
-  std::string name, data, sha256;
-} g_fetch;
 
 int cmd_mode(void* arg, int argc, const char** argv) {
   Session& s = *static_cast<Session*>(arg);
@@ -53,27 +53,26 @@ int cmd_get(void* arg, int argc, const char** argv) {
     std::fputs("usage: get NAME [OFFSET]\r\n", s.out);
     return 1;
   }
-  if (offset == 0 || g_fetch.session != &s || g_fetch.name != argv[1]) {
-    g_fetch = Fetch();
+  if (offset == 0 || s.sending == nullptr || s.sending->name != argv[1]) {
+    auto f = std::make_shared<FileSend>();
     std::string why;
-    if (!read_file(s, argv[1], g_fetch.data, why)) {
+    s.sending.reset();
+    if (!read_file(s, argv[1], f->data, why)) {
       std::fprintf(s.out, "get: cannot read %s: %s\r\n", argv[1], why.c_str());
-      g_fetch = Fetch();
       return 1;
     }
-    g_fetch.session = &s;
-    g_fetch.name = argv[1];
-    g_fetch.sha256 = ZQSecurity::Hash("sha256").mkHashText(g_fetch.data.data(),
-                                                            static_cast<unsigned int>(g_fetch.data.size()));
+    f->name = argv[1];
+    f->sha256 = ZQSecurity::Hash("sha256").mkHashText(f->data.data(), static_cast<unsigned int>(f->data.size()));
+    s.sending = std::move(f);
   }
-  const std::string& data = g_fetch.data;
+  const std::string& data = s.sending->data;
   if (offset > data.size()) {
     std::fprintf(s.out, "get: offset %llu beyond the %zu bytes of %s\r\n", offset, data.size(), argv[1]);
     return 1;
   }
   const size_t length = std::min<size_t>(kChunk, data.size() - static_cast<size_t>(offset));
   std::fprintf(s.out, "file %s size %zu sha256 %s offset %llu length %zu\r\n", argv[1], data.size(),
-               g_fetch.sha256.c_str(), offset, length);
+               s.sending->sha256.c_str(), offset, length);
   // Base64 in lines of 64 characters (48 bytes each).
   unsigned char line[65];
   for (size_t at = 0; at < length; at += 48) {
@@ -81,7 +80,7 @@ int cmd_get(void* arg, int argc, const char** argv) {
     EVP_EncodeBlock(line, reinterpret_cast<const unsigned char*>(data.data() + offset + at), static_cast<int>(n));
     std::fprintf(s.out, "%s\r\n", line);
   }
-  if (offset + length == data.size()) g_fetch = Fetch();  // the last piece: memory back
+  if (offset + length == data.size()) s.sending.reset();  // the last piece: memory back
   return 0;
 }
 
