@@ -24,6 +24,9 @@ foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:li
   install(FILES ${ZQ_DEBIAN}/copyright ${PROJECT_BINARY_DIR}/debian/changelog.gz
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endforeach()
+# Every setting of the station, with units (the manual page points here).
+install(FILES ${PROJECT_SOURCE_DIR}/docs/settings.md
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zqcommon-station COMPONENT station)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zqcommon)

@@ -1,6 +1,7 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
 //   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station --passwd NAME LEVEL | --issue-client-cert NAME | --issue-server-cert HOSTNAME...
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the
@@ -33,6 +34,7 @@
 #include "network.h"
 #include "service.h"
 #include "station.h"
+#include "usage.h"
 
 namespace {
 
@@ -386,8 +388,7 @@ int main(int argc, char** argv) {
   const bool access_option = option.Take(argc, argv);
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
-  if (cfg.parse_argline_default(
-          "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)")) {
+  if (cfg.parse_argline_default(station::usage_text())) {
     return 0;
   }
   const int early = station::service_command_line(cfg, "station.cfg");

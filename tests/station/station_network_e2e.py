@@ -8,7 +8,8 @@ keeps short round trips while 5,000 idle peers knock. With a resolver that
 never answers preloaded, refused peers do not delay an admitted one. With
 Server.Interface = :: beside the shipped Network.Interface6 = ::1 it starts
 (one listener takes both families) and, after --issue-server-cert, proves the
-host's name to a TLS client that checks it against the station's CA.
+host's name to a TLS client that checks it against the station's CA; -h and
+the manual page name every option.
 
     station_network_e2e.py STATION_BINARY SOURCE_DIR [SLOW_RESOLVER_LIBRARY]
 """
@@ -126,6 +127,17 @@ def idle_crowd(binary, work, n):
     return p99, fds
 
 
+def documented(binary, source):
+    """-h and the manual page both name every option of the command line."""
+    usage = subprocess.run([binary, "-h"], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                           timeout=30).stderr
+    man = open(os.path.join(source, "station.1")).read().replace("\\-", "-")
+    for option in ("--help", "--version", "--debug", "--cfg", "--passwd", "--issue-client-cert",
+                   "--issue-server-cert", "Section.Key"):
+        check(option in usage, "-h names " + option, usage)
+        check(option in man, "station.1 names " + option)
+
+
 def wildcard_and_server_cert(binary, work):
     """--issue-server-cert, then a station on "::": the second listener of
     Network.Interface6 = ::1 is left out with a note, both families are
@@ -203,6 +215,7 @@ def main():
         proc.terminate()
         proc.wait(timeout=30)
 
+        documented(binary, source)
         wildcard_and_server_cert(binary, work)
 
         # Refused peers first, then an admitted one: no name look-up delays it.
