@@ -25,7 +25,7 @@ foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:li
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endforeach()
 # Every setting of the station, with units (the manual page points here).
-install(FILES ${PROJECT_SOURCE_DIR}/docs/settings.md
+install(FILES ${PROJECT_SOURCE_DIR}/docs/station_settings.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zqcommon-station COMPONENT station)
 
 set(CPACK_GENERATOR DEB)

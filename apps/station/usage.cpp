@@ -55,7 +55,7 @@ Signals:
 
 Settings sections: [Station] [Server] [Network] [TLS] [Login] [Access] [Log]
 [LogRetention] [MQTT] [Metrics]. Every setting with its unit and default:
-man station, and settings.md (docs/ in the source tree,
+man station, and station_settings.md (docs/ in the source tree,
 /usr/share/doc/zqcommon-station/ when installed); "config show" at the
 station lists the current values.)";
 }
