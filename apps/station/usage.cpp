@@ -5,7 +5,7 @@
 
 namespace station {
 
-const char* usage_text() {
+const char* usage_options() {
   return R"(-v, --version: print the station's and the library's versions and exit
 --passwd NAME LEVEL: add or change a network user (LEVEL viewer, operator or
     admin) in Station.UsersFile (station.users, mode 0600); the password is
@@ -15,11 +15,11 @@ const char* usage_text() {
 --issue-server-cert HOSTNAME...: replace TLSFOLDER/server.pem and server.key
     by a certificate for these host names or numeric addresses (localhost,
     127.0.0.1 and ::1 stay), signed by the station's CA: for clients that
-    reach the station under its real name; used from the next start
-Section.Key=VALUE: override a setting of the configuration file
-    (e.g. Server.ListenPort=0 for any free port)
+    reach the station under its real name; used from the next start)";
+}
 
-Commands, on the terminal (admin) and for network clients, with the level a
+const char* usage_reference() {
+  return R"(Commands, on the terminal (admin) and for network clients, with the level a
 network user needs:
   status                              viewer    run time, cycles, records, log counts
   io, io get                          viewer    the digital I/O byte
@@ -37,7 +37,9 @@ network user needs:
                                                 TLS, switch to the line editor
 
 Files (relative to the working folder; the settings name them):
-  station.cfg         the settings (-f FILE); "config save" rewrites it
+  station.cfg         the settings (-f FILE)
+  Station.LocalConfig read after it; "config save" writes there (else into
+                      station.cfg)
   station.acl         hosts that may connect (Server.ACL)
   station.users       network users and levels (Station.UsersFile)
   tls/                the station's CA and certificates (Access.TLSFolder):

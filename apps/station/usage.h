@@ -5,8 +5,10 @@
 
 namespace station {
 
-// The text printed after the library's lines for -h, -d and -f.
-const char* usage_text();
+// The options besides -h, -d, -f and Section.Key=VALUE, one or more lines each.
+const char* usage_options();
+// Commands with their levels, files, signals and the settings sections.
+const char* usage_reference();
 
 }  // namespace station
 
