@@ -42,6 +42,7 @@ if cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" 
      >"$work/absent.log" 2>&1; then
   echo "COMPONENTS fleet found without libzqfleet installed"; exit 1
 fi
+grep -q 'component "fleet"' "$work/absent.log" || { cat "$work/absent.log"; exit 1; }
 for c in fleet fleet-dev; do cmake --install "$build" --prefix "$work/prefix" --component $c >/dev/null; done
 rm -rf "$work/fleet-build"
 cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DZQ_FLEET=ON \
