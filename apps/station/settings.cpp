@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "usage.h"
+
 namespace station {
 
 namespace {
@@ -58,7 +60,7 @@ void print_usage() {
   char program[] = "station", help[] = "-h";
   char* argv[] = {program, help, nullptr};
   Config_File cfg(2, argv);
-  cfg.parse_argline_default(kUsage);
+  cfg.parse_argline_default(std::string(usage_options()) + "\n" + kUsage + "\n\n" + usage_reference());
 }
 
 SettingsState& settings_state() {

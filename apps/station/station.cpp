@@ -1,6 +1,7 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
 //   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station --passwd NAME LEVEL | --issue-client-cert NAME | --issue-server-cert HOSTNAME...
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the

@@ -8,7 +8,7 @@
 
 namespace zqfleet {
 
-// The payload of a request on <prefix>/cmd is one flat JSON object:
+// The payload of a request on `<prefix>/cmd` is one flat JSON object:
 //   {"cmd": "status", "station": "s1"}
 // "cmd" (required) is the command line; "station" (optional) must then be
 // this station's id. Other string, number, true/false/null members are

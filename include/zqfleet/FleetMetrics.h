@@ -15,7 +15,7 @@
 
 namespace zqfleet {
 
-// Serves on http://<listen>/metrics (prometheus-cpp's exposer, its own
+// Serves on `http://<listen>/metrics` (prometheus-cpp's exposer, its own
 // thread): zq_cycle_lateness_seconds (histogram), zq_cycle_overruns_total,
 // zq_error_severity{record}, zq_sessions{kind}, zq_log_entries_total{type},
 // zq_mqtt_connected, zq_mqtt_queue_records, zq_mqtt_queue_bytes,

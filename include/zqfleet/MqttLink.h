@@ -17,7 +17,7 @@ namespace zqfleet {
 // with a sequence number per topic counted from 0 (a consumer sees a gap as a
 // jump). The link runs on libmosquitto (MQTT 5) in libmosquitto's own thread,
 // connects and reconnects by itself (back-off 1 s doubling to 30 s), and
-// publishes on connect a retained "online" record on <prefix>/state (the
+// publishes on connect a retained "online" record on `<prefix>/state` (the
 // birth: seq is the connection's number, plus the caller's birth fields); the
 // broker's last will sets it to "offline" with the same number. Stop()
 // publishes "offline" itself.
@@ -27,9 +27,9 @@ namespace zqfleet {
 // in order; when the queue is over QueueLimit bytes the oldest unsent records
 // are dropped and counted. QoS 0 records are sent only while connected.
 //
-// Requests on <prefix>/cmd and <prefix>/cmd/<identity> wait for TakeRequest();
+// Requests on `<prefix>/cmd` and `<prefix>/cmd/<identity>` wait for TakeRequest();
 // the broker's access list is what lets a client publish under its own
-// identity only, so <identity> is the user the broker authenticated.
+// identity only, so `<identity>` is the user the broker authenticated.
 //
 // Thread safety: every member may be called from any thread; none waits for
 // the network. The link must be stopped (or destroyed) before anything its
@@ -68,7 +68,7 @@ class ZQ_EXPORT MqttLink {
   // out, disconnects and stops the thread.
   void Stop(int wait_ms = 1000);
 
-  // Queues a record on <prefix>/<topic> with the settings' QoS (or `qos` 0/1
+  // Queues a record on `<prefix>/<topic>` with the settings' QoS (or `qos` 0/1
   // when given). Returns its sequence number.
   uint64_t Publish(const std::string& topic, const std::string& fields, int qos = -1);
   // Sends an answer to a request: its correlation data and `fields`.
