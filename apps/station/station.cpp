@@ -246,10 +246,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   std::fflush(stdout);
 
   station::Fleet fleet(st);
-  fleet.level_of = [&settings](const std::string& who) {
-    const int level = ZQSecurity::UserLevel(settings.UsersFile, who);
-    return level == ZQSecurity::kNoAccess ? static_cast<int>(ZQSecurity::kViewer) : level;
-  };
+  fleet.level_of = [&settings](const std::string& who) { return ZQSecurity::UserLevel(settings.UsersFile, who); };
+  fleet.users_file = settings.UsersFile;
   if (!fleet.Start()) return 1;
   service.Ready(st);
 
@@ -384,6 +382,8 @@ int main(int argc, char** argv) {
   const int threads_at_start = count_entries("/proc/self/task");
   station::AccessOption option;
   const bool access_option = option.Take(argc, argv);
+  station::CommandKeyOption key_option;
+  key_option.Take(argc, argv);
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
   if (cfg.parse_argline_default(
@@ -413,6 +413,7 @@ int main(int argc, char** argv) {
   all.emplace_back("LogRetention", &retention);
   if (!apply_overrides(cfg, all)) return 2;
   if (access_option) return option.Handle(settings, server);
+  if (key_option.given) return key_option.Handle(settings.UsersFile);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;
