@@ -387,7 +387,9 @@ int main(int argc, char** argv) {
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
   if (cfg.parse_argline_default(
-          "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)")) {
+          "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)\n"
+          "--add-command-key NAME PUBLIC.pem: let NAME's Ed25519 key sign MQTT requests "
+          "(MQTT.Commands = off|signed|broker, docs/fleet.md)")) {
     return 0;
   }
   const int early = station::service_command_line(cfg, "station.cfg");
