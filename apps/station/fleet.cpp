@@ -165,12 +165,22 @@ bool Fleet::reload_keys() {
 
 void Fleet::refuse(const zqfleet::MqttLink::Request& req, const std::string& who, int code, const std::string& why) {
   const double now = GetUTC();
-  if (refusal_logged_.size() >= 1024) refusal_logged_.clear();  // a flood of names: start over
-  auto seen = refusal_logged_.emplace(who, 0.0).first;
-  if (now - seen->second >= 60) {
-    seen->second = now;
+  // Once a minute per sender, and at most kRefusalLines a minute in all
+  // (a sender's name is only a topic level: a flood may use many).
+  constexpr int kRefusalLines = 20;
+  if (now - refusal_minute_ >= 60) {
+    if (refusals_unlogged_ > 0) st_.log.Add(elog_WARN, 0, "MQTT: %d more refusals not logged", refusals_unlogged_);
+    refusal_minute_ = now;
+    refusal_lines_ = refusals_unlogged_ = 0;
+    refusal_logged_.clear();
+  }
+  auto seen = refusal_logged_.insert(who);
+  if (seen.second && refusal_lines_ < kRefusalLines) {
+    ++refusal_lines_;
     st_.log.Add(elog_WARN, 0, "MQTT request from %s refused (%d): %s (further refusals of it unlogged for a minute)",
                 escape_controls(who).c_str(), code, escape_controls(why).c_str());
+  } else if (seen.second) {
+    ++refusals_unlogged_;
   }
   link_->Respond(req, JsonFields().Add("result", code).Add("error", why).Text());
 }

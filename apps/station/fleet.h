@@ -12,7 +12,7 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <map>
+#include <set>
 #include <memory>
 #include <string>
 #include <vector>
@@ -82,7 +82,9 @@ class Fleet {
   std::string keys_file_;
   time_t keys_mtime_ = -1;
   off_t keys_size_ = -1;
-  std::map<std::string, double> refusal_logged_;  // sender -> when its last refusal was logged
+  std::set<std::string> refusal_logged_;  // senders whose refusal was logged this minute
+  double refusal_minute_ = 0;                      // when this minute began
+  int refusal_lines_ = 0, refusals_unlogged_ = 0;
 };
 
 // "--add-command-key NAME PUBLIC.pem" is taken out of the arguments before
