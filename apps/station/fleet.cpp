@@ -1,13 +1,12 @@
 // The station in a fleet: MQTT telemetry and commands, Prometheus metrics.
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zqcommon/cli.h>
 #include <zqcommon/functions.h>
 #include <zqfleet/FleetCommand.h>
 #include <zqfleet/JsonFields.h>
-#include <zqsecurity/hash.h>
-
-#include <sys/stat.h>
 #include <zqfleet/SignedRequest.h>
+#include <zqsecurity/hash.h>
 
 #include <algorithm>
 #include <cstdio>

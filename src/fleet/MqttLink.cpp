@@ -194,7 +194,7 @@ struct MqttLink::Impl {
     }
     Request r;
     const std::string base = self.prefix + "/cmd";
-    if (topic.size() > base.size()) r.identity = topic.substr(base.size() + 1, 256);
+    if (topic.size() > base.size()) r.identity = topic.substr(base.size() + 1);
     char* response = nullptr;
     if (mosquitto_property_read_string(props, MQTT_PROP_RESPONSE_TOPIC, &response, false) != nullptr && response != nullptr) {
       r.response_topic = response;
@@ -203,7 +203,7 @@ struct MqttLink::Impl {
     void* data = nullptr;
     uint16_t len = 0;
     if (mosquitto_property_read_binary(props, MQTT_PROP_CORRELATION_DATA, &data, &len, false) != nullptr && data != nullptr) {
-      r.correlation.assign(static_cast<const char*>(data), std::min<uint16_t>(len, 256));
+      r.correlation.assign(static_cast<const char*>(data), len);
       std::free(data);
     }
     // Too big a payload is refused here, before a copy of it is made.
