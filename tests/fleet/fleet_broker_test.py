@@ -13,7 +13,8 @@ number once across a broker restart, drops with a tiny queue, the metrics
 A second, anonymous mosquitto (anyone may publish anything) carries signed
 requests (MQTT.Commands = signed): unsigned, tampered, replayed, expired,
 unknown-key, too-low and retained requests change nothing; answers go only
-under the reply prefix; a signed operator request works.
+under the reply prefix; a signed operator request works. MQTT.Commands =
+broker runs over TLS only, capped at MQTT.MaxLevel.
 """
 import importlib.machinery
 import glob
@@ -379,6 +380,21 @@ def main():
     watch.close()
     viewer.close()
     signed_commands()
+
+    # MQTT.Commands = broker: over TLS with a login, the topic's user at its
+    # level from the users file (here admin), never above MQTT.MaxLevel.
+    done = station_cli("Station.UsersFile=broker-users", "--passwd", "viewer", "admin", stdin="pw-v\n")
+    check(done.returncode == 0, "--passwd", done.stderr)
+    s9 = Station("s9", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.tls_port, "MQTT.CAFile=%s/ca.pem" % WORK,
+                 "MQTT.Commands=broker", "MQTT.MaxLevel=operator", users=os.path.join(WORK, "broker-users"))
+    viewer = Client("viewer", broker.port, ["reply/viewer/#", "zq/s9/state"])
+    check(wait_for(lambda: viewer.take("/state"), 10), "s9 online over TLS")
+    answer = request(viewer, "s9", "viewer", json.dumps({"cmd": "io set inject"}), b"b-io")
+    check(answer["result"] == 0, "broker mode: an operator command", answer)
+    answer = request(viewer, "s9", "viewer", json.dumps({"cmd": "config set Station.Setpoint 77"}), b"b-cfg")
+    check(answer["result"] == 403, "broker mode: capped at MQTT.MaxLevel", answer)
+    s9.stop()
+    viewer.close()
 
     # A broker restart: a persistent QoS 1 subscriber sees every number once.
     persist = Client("watch", broker.port, ["zq/s2/samples", "zq/s2/status"], persistent="persist")
