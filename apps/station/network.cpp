@@ -17,13 +17,19 @@ NetworkSettings::NetworkSettings() {
   Register("Interface6", Interface6, zqcommon::Config_Data_INIT.FULL, "", "IPv6 address to listen on");
 }
 
+NetworkSettings& network_settings() {
+  static NetworkSettings settings;
+  return settings;
+}
+
 NetClock::~NetClock() {
   if (owner != nullptr) owner->Release(address);
 }
 
 Network::Network(Config_File& cfg, ServerSettings& server, Log& log)
     : cfg_(cfg), server_(server), log_(log) {
-  settings.Load(cfg, "Network");
+  // As loaded at start (file, local file, command line), not the file alone.
+  for (auto& entry : network_settings()) settings.GetEntry(entry.first) = entry.second.Value();
   limits_.SetLimits(static_cast<unsigned int>(std::max(0, server.MaxConnections)),
                     static_cast<unsigned int>(std::max(0, settings.MaxPerAddress)));
 }
