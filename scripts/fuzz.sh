@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|format|users|login|stationctl [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|format|users|login|stationctl [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -70,6 +70,12 @@ case "$target" in
   fleetcmd)
     printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
     printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
+  signedcmd)  # the fuzzer's clock reads 2026-11-18T11:06:40Z; alice has a key
+    n='"nonce":"00112233445566778899aabbccddeeff"'
+    printf '{"cmd":"io set inject","station":"s1","user":"alice","time":"2026-11-18T11:06:40Z",%s,"sig":"%s"}' \
+      "$n" "$(head -c 64 /dev/zero | od -An -tx1 | tr -d ' \n')" > "$corpus/seed1"
+    printf '{"cmd":"status","station":"s1","user":"bob","time":"2026-11-18T11:06:55.250Z",%s,"sig":"zz"}' "$n" \
+      > "$corpus/seed2" ;;
 esac
 
 cd "$build"

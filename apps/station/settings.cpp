@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "usage.h"
+
 namespace station {
 
 namespace {
@@ -24,7 +26,9 @@ const char kUsage[] =
     "  station lists them all (FILE:LINE: Section.Key = 'VALUE': why) and does not start.\n"
     "Station.RealTime = preferred | required: without the rights to lock memory and\n"
     "  to use SCHED_FIFO, preferred runs the task with ordinary scheduling and warns;\n"
-    "  required refuses to start.";
+    "  required refuses to start.\n"
+    "--add-command-key NAME PUBLIC.pem: let NAME's Ed25519 key sign requests through\n"
+    "  the MQTT broker (MQTT.Commands = off | signed | broker, docs/fleet.md).";
 
 }  // namespace
 
@@ -58,7 +62,7 @@ void print_usage() {
   char program[] = "station", help[] = "-h";
   char* argv[] = {program, help, nullptr};
   Config_File cfg(2, argv);
-  cfg.parse_argline_default(kUsage);
+  cfg.parse_argline_default(std::string(usage_options()) + "\n" + kUsage + "\n\n" + usage_reference());
 }
 
 SettingsState& settings_state() {

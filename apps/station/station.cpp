@@ -1,6 +1,7 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
 //   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station --passwd NAME LEVEL | --issue-client-cert NAME | --issue-server-cert HOSTNAME...
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the
@@ -264,10 +265,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   std::fflush(stdout);
 
   station::Fleet fleet(st);
-  fleet.level_of = [&settings](const std::string& who) {
-    const int level = ZQSecurity::UserLevel(settings.UsersFile, who);
-    return level == ZQSecurity::kNoAccess ? static_cast<int>(ZQSecurity::kViewer) : level;
-  };
+  fleet.level_of = [&settings](const std::string& who) { return ZQSecurity::UserLevel(settings.UsersFile, who); };
+  fleet.users_file = settings.UsersFile;
   if (!fleet.Start()) return 1;
   service.Ready(st);
 
@@ -403,6 +402,8 @@ int main(int argc, char** argv) {
   const int threads_at_start = count_entries("/proc/self/task");
   station::AccessOption option;
   const bool access_option = option.Take(argc, argv);
+  station::CommandKeyOption key_option;
+  key_option.Take(argc, argv);
   // Section.Key=VALUE arguments are the settings' business, the rest options.
   zqcommon::Checked_Settings overrides;
   overrides.TakeOverrides(argc, argv);
@@ -442,6 +443,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (access_option) return option.Handle(settings, server);
+  if (key_option.given) return key_option.Handle(settings.UsersFile);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;
