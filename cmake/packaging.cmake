@@ -3,7 +3,8 @@
 #   libzqcommon-dev   headers, CMake package, pkg-config     (component dev)
 #   libzqfleet1       MQTT and metrics, libzqfleet.so.1      (component fleet)
 #   libzqfleet-dev    its headers, CMake component, .pc file (component fleet-dev)
-#   zqcommon-station  the station as a systemd service       (component station)
+#   zqcommon-station  the station as a systemd service,      (component station)
+#                     and its client stationctl
 # A program on the core library alone pulls in neither libmosquitto nor
 # prometheus-cpp: only libzqfleet links them.
 # Example programs other than the station are not packaged.
@@ -85,7 +86,8 @@ set(CPACK_DEBIAN_STATION_PACKAGE_SECTION misc)
 set(CPACK_COMPONENT_STATION_DESCRIPTION "measurement-and-control station built on libzqcommon
 A real-time sensor task, digital I/O, error records, a rotated log and a
 command set for TCP clients, run as a systemd service with readiness and
-watchdog notifications, reload on SIGHUP and a logrotate snippet.")
+watchdog notifications, reload on SIGHUP and a logrotate snippet; and
+ stationctl, its command-line client for shells and scripts.")
 set(CPACK_COMPONENT_STATION_DEPENDS lib fleet)
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA

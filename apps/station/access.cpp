@@ -163,7 +163,8 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
     return true;
   }
   const std::string word = first_word(line);
-  const bool always = word == "help" || word == "starttls" || word == "exit" || word == "quit";
+  const bool always =
+      word == "help" || word == "starttls" || word == "exit" || word == "quit" || word == "mode";
   if (server_.RequireTLS && !conn.IsEncrypted() && !always) {
     std::fprintf(out, "%s: refused before starttls (this station requires TLS)\r\n", word.c_str());
     return true;

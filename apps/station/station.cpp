@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "fleet.h"
+#include "machine.h"
 #include "network.h"
 #include "service.h"
 #include "settings.h"
@@ -104,10 +105,15 @@ struct Client {
 
 const char kPrompt[] = "station> ";
 
-// Sends what the interpreter wrote, then the prompt.
+// Sends what the interpreter wrote, then the prompt; in machine mode every
+// answer is framed instead.
 void answer(Client& c, bool prompt) {
   std::fflush(c.out);
-  if (prompt) c.reply += kPrompt;
+  if (c.session.machine && (prompt || !c.reply.empty())) {
+    station::frame_answer(c.session, c.reply);
+  } else if (prompt && !c.session.machine) {
+    c.reply += kPrompt;
+  }
   if (!c.reply.empty()) c.conn->writeln(c.reply, false, 0);
   c.reply.clear();
 }
@@ -153,6 +159,7 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     const int r = c.conn->readln(line, false, 0);
     if (r == -3) {  // a line beyond the limit: refused, the session kept
       gate.LineTooLong(c.session, *c.conn, c.out);
+      c.session.code = station::kAnswerFailed;
       answer(c, false);
       continue;
     }
@@ -166,15 +173,19 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       c.conn->close();
       break;
     }
+    const bool password = c.session.access.step == station::AccessState::kPassword;
     if (gate.Screen(*c.cli, c.session, *c.conn, line, c.out)) {
       // A login step or a refusal: neither history nor the log sees it.
+      c.session.code = password ? station::kAnswerLogin : station::kAnswerRefused;
     } else if (!word.empty() && c.cli->find_command(word) == nullptr) {
       std::fprintf(c.out, "%s: command not found\r\n", word.c_str());
       gate.Audit(c.session, text, -1);
+      c.session.code = station::kAnswerFailed;
     } else {
       std::string copy = text;
       c.cli->parse(copy);
       gate.Audit(c.session, text, c.cli->retcode);
+      c.session.code = station::command_code(*c.cli, text);
     }
     if (c.session.want_editing) {
       station::setup_console(*c.cli, c.session, "");
@@ -188,6 +199,7 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       return serve_keys(c);
     }
     const bool asking = c.session.access.step != station::AccessState::kCommand;
+    if (asking) c.session.code = station::kAnswerAsking;
     if (gate.Held(c.session, station::Gate::NowMs())) break;  // answered when the wait is over
     answer(c, !c.session.want_tls && !asking);
     if (c.session.want_tls) {
@@ -308,6 +320,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
       c->cli->SetLimits(128 * 1024, 1024 * 1024);
       station::register_commands(*c->cli, c->session);
+      station::register_machine_commands(*c->cli, c->session);
       gate.Admit(*c->cli, c->session, c->out);
       station::setup_console(*c->cli, c->session, "");
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());

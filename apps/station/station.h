@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -189,6 +190,9 @@ struct Session {
   bool want_tls = false;
   bool want_exit = false;
   bool want_editing = false;
+  bool machine = false;  // answers framed for programs (machine.h)
+  int code = 0;          // the answer's result code in machine mode
+  std::shared_ptr<struct FileSend> sending;  // the file `get` sends in pieces (machine.cpp)
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;

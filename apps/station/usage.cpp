@@ -35,6 +35,10 @@ network user needs:
   help [COMMAND], exit                none      the commands; end the session
   login [NAME], starttls, editing on  none      network only: log in, switch to
                                                 TLS, switch to the line editor
+  mode machine|human                  none      network only: answers framed with a
+                                                result code, for programs (stationctl)
+  get NAME [OFFSET]                   operator  network only: a Station.DataDir file
+                                                in base64 pieces, with size and SHA-256
 
 Files (relative to the working folder; the settings name them):
   station.cfg         the settings (-f FILE)

@@ -58,12 +58,14 @@ echo "package contents and dependencies: right"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 for deb in "${debs[@]}"; do dpkg-deb -x "$deb" "$tmp"; done
-programs=$(ls "$tmp/usr/bin")
-[[ $programs == station ]] || { echo "programs in /usr/bin: $programs"; exit 1; }
+programs=$(ls "$tmp/usr/bin" | tr '\n' ' ')
+[[ $programs == "station stationctl " ]] || { echo "programs in /usr/bin: $programs"; exit 1; }
 version=$(LD_LIBRARY_PATH="$tmp/usr/lib" "$tmp/usr/bin/station" --version)
 [[ $version == *"zqcommon 1."* ]] || { echo "--version: $version"; exit 1; }
+version=$(LD_LIBRARY_PATH="$tmp/usr/lib" "$tmp/usr/bin/stationctl" --version)
+[[ $version == "stationctl 1."* ]] || { echo "stationctl --version: $version"; exit 1; }
 for f in etc/station/station.cfg etc/logrotate.d/station lib/systemd/system/station.service \
-         usr/share/man/man1/station.1.gz; do
+         usr/share/man/man1/station.1.gz usr/share/man/man1/stationctl.1.gz; do
   [[ -f $tmp/$f ]] || { echo "missing $f"; exit 1; }
 done
 dpkg-deb -e zqcommon-station_*.deb "$tmp/control"
