@@ -6,6 +6,9 @@
 #include <zqsecurity/crc32.h>
 #include <zqsecurity/hash.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
@@ -63,6 +66,7 @@ int cmd_status(void* arg, int, const char**) {
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
       log.Name().c_str(), log.LogSize(), log.WriteFailures());
   say(s, "clients %u", st.clients);
+  if (!st.access_read.empty()) say(s, "access: %s", st.access_read.c_str());
   return 0;
 }
 
@@ -133,6 +137,11 @@ int cmd_trace(void* arg, int argc, const char** argv) {
   if (op == "dump") {
     const unsigned int n = st.value_trace.Size();
     for (auto& slot : st.slots) slot.SetFileCount(1);
+    // A new dump file is made here without group or world write, whatever
+    // the umask (the dump appends to it and keeps its mode).
+    const std::string file = st.settings.DumpPath + "/" + st.slots[0].GetFile().c_str();
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0) close(fd);
     st.traces.Dump();
     st.value_trace.Clear();
     st.io_trace.Clear();
@@ -259,6 +268,10 @@ int cmd_starttls(void* arg, int, const char**) {
   Session& s = session(arg);
   if (!s.network) {
     say(s, "starttls: only for network clients");
+    return 1;
+  }
+  if (s.encrypted || s.want_editing) {  // a second handshake would break the session
+    say(s, s.encrypted ? "starttls: TLS is already on" : "starttls: not in editing mode (connect again and use it first)");
     return 1;
   }
   s.want_tls = true;  // the handshake follows this answer

@@ -173,6 +173,10 @@ class Station {
   // Observers of every record and of every change of a watch's severity.
   std::function<void(const Record&)> on_record;
   std::function<void(const Watch&, double value)> on_severity;
+  // After SIGHUP read the users file and the access list again (for
+  // channels that keep their own view of users, such as the broker's).
+  std::function<void()> on_access_reload;
+  std::string access_read;  // when the users and the access list were last read, for status
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -187,6 +191,7 @@ struct Session {
   bool want_tls = false;
   bool want_exit = false;
   bool want_editing = false;
+  bool encrypted = false;  // TLS is on
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;
