@@ -308,8 +308,9 @@ def drain(sock, seconds=0.5):
 def gate(binary, source):
     folder = os.path.join(WORK, "gate")
     os.mkdir(folder)
-    for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(source, name), folder)
+    shutil.copy(os.path.join(source, "station.cfg"), folder)
+    acl = os.path.join(folder, "station.acl")
+    open(acl, "w").write("[hosts]\nallow = 127.0.0.0/8\n")
     proc, port = start(binary, "Access.LoginTimeout=2", "Access.MaxNotLoggedIn=6",
                        "Login.FirstDelay=50", "Login.MaxDelay=100", cwd=folder, users="station.users", tls="1",
                        umask=0)
@@ -352,22 +353,41 @@ def gate(binary, source):
               "guesses at another name do not lock the admin out")
         # Unknown words before a login are not written to the log.
         g = Peer(port).tls(folder)
-        g.sock.sendall(b"".join(b"flood%d\n" % i for i in range(3000)) + b"help\n")
-        s = ""
-        while s.count("station> ") < 3001:
-            s += g.until(PROMPT)
+
+        def flood():
+            g.sock.sendall(b"".join(b"flood%d\n" % i for i in range(20000)) + b"help\n")
+            answers = ""
+            while answers.count("station> ") < 20001:
+                answers += g.until(PROMPT)
+
+        print("20,000 unknown commands before login: others' status p99 %.1f ms" % status_p99(port, folder, flood))
         check("flood" not in log_text(folder), "unknown commands before login are not logged")
         g.sock.close()
         d.sock.close()
+        # A right password does not wait behind many wrong ones.
+        guessers = [Peer(port, "127.0.2.%d" % (i + 1)).tls(folder) for i in range(4)]
+        for x in guessers:
+            x.say("login vic", b"password: ")
+        for x in guessers:
+            x.sock.sendall(STRAY[3].encode() + b"\n")
+        t = time.time()
+        check("logged in" in Peer(port, "127.0.3.1").tls(folder).login("vic", PASSWORDS["vic"]), "a right login")
+        print("a right login behind %d wrong ones: %.0f ms" % (len(guessers), (time.time() - t) * 1000))
+        for x in guessers:
+            x.sock.close()
         # Levels change on reload: otto down to viewer, ada removed.
         passwd(binary, folder, "otto", "viewer")
         lines = open(os.path.join(folder, "station.users")).read().splitlines()
         open(os.path.join(folder, "station.users"), "w").write(
             "\n".join(l for l in lines if not l.startswith("ada")) + "\n")
+        open(acl, "w").write("[hosts]\nallow = 127.0.0.0/8\ndeny = 127.0.0.9/32\n")
         proc.send_signal(signal.SIGHUP)
         s = ada.until(b"closing\r\n")
         check("user ada removed" in s, "a removed user's session ends", s)
         check("not permitted" in otto.ask("io set 0"), "a lowered level applies at the next command")
+        refused = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=("127.0.0.9", 0))
+        check("not allowed" in read_until(refused, b"\0"), "the access list read again on reload")
+        check("access list " in otto.ask("status"), "status says when the access list was read")
         wait_for("the log names each change", lambda: "reload: user ada removed" in log_text(folder) and
                  "reload: user otto now viewer (was operator)" in log_text(folder))
 
@@ -407,7 +427,9 @@ def gate(binary, source):
         flood.sock.close()
 
         # Silent peers: closed after the login time-out, and beyond the cap the oldest go.
-        silent = [Peer(port) for _ in range(10)]
+        silent = []
+        print("10 silent connections: others' status p99 %.1f ms"
+              % status_p99(port, folder, lambda: silent.extend(Peer(port) for _ in range(10))))
         fresh = Peer(port)
         check("cycles" in Peer(port).tls(folder).login("vic", PASSWORDS["vic"]) or True, "a new client gets in")
         s = silent[0].until(b"\r\n\x00")
