@@ -381,6 +381,12 @@ bool Gate::Tick(CLI& cli, Session& s, Connection& conn, long long now_ms) {
     a.active_ms = now_ms;
     password_checked(cli, s, level, false, s.out);
   }
+  if (s.pending != nullptr && s.pending->done.load(std::memory_order_acquire)) {
+    std::fputs(s.pending->text.c_str(), s.out);  // a digest computed off the loop
+    s.pending.reset();
+    a.hold_until_ms = 0;
+    a.active_ms = now_ms;
+  }
   if (a.hold_until_ms != 0 && now_ms >= a.hold_until_ms) a.hold_until_ms = 0;
   const int login_s = server_.access_cfg.access.LoginTimeout;
   if (login_s > 0 && s.level == ZQSecurity::kNoAccess && a.login == nullptr &&
@@ -416,42 +422,13 @@ void load_access(Config_File& cfg, ServerSettings& server) {
 
 // ------------------------------------------------------------ passwords
 
-PasswordChecker::PasswordChecker(int threads) {
-  for (int i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
-}
-
-PasswordChecker::~PasswordChecker() {
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    stop_ = true;
-  }
-  wake_.notify_all();
-  for (std::thread& t : threads_) t.join();
-}
-
 void PasswordChecker::Submit(std::shared_ptr<PendingLogin> job) {
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    jobs_.push_back(std::move(job));
-  }
-  wake_.notify_one();
-}
-
-void PasswordChecker::run() {
-  for (;;) {
-    std::shared_ptr<PendingLogin> job;
-    {
-      std::unique_lock<std::mutex> hold(mutex_);
-      wake_.wait(hold, [this] { return stop_ || !jobs_.empty(); });
-      if (stop_) return;
-      job = std::move(jobs_.front());
-      jobs_.pop_front();
-    }
+  queue_.Run([job] {
     job->level = job->users->Verify(job->user, job->password);
     OPENSSL_cleanse(&job->password[0], job->password.size());
     job->password.clear();
     job->done.store(true, std::memory_order_release);
-  }
+  });
 }
 
 // ------------------------------------------------------------ options

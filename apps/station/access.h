@@ -10,13 +10,10 @@
 #include <zqsecurity/userfile.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
+
+#include "workers.h"
 
 class CLI;
 class Connection;
@@ -62,19 +59,11 @@ struct PendingLogin {
 // the rest.
 class PasswordChecker {
  public:
-  explicit PasswordChecker(int threads);
-  ~PasswordChecker();
-  PasswordChecker(const PasswordChecker&) = delete;
-  PasswordChecker& operator=(const PasswordChecker&) = delete;
+  explicit PasswordChecker(int threads) : queue_(threads) {}
   void Submit(std::shared_ptr<PendingLogin> job);
 
  private:
-  void run();
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::shared_ptr<PendingLogin>> jobs_;
-  bool stop_ = false;
-  std::vector<std::thread> threads_;  // last: they start once the rest is built
+  WorkQueue queue_;
 };
 
 // A network session's access state (kept in its Session).

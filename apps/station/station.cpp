@@ -33,6 +33,7 @@
 #include "network.h"
 #include "service.h"
 #include "station.h"
+#include "workers.h"
 
 namespace {
 
@@ -293,6 +294,7 @@ bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
         station::ServerSettings& server, station::Service& service) {
   Station st(cfg, settings, server, logcfg, log);
+  st.workers = std::make_shared<station::WorkQueue>(2);  // file digests of network sessions
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {

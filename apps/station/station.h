@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -177,6 +178,8 @@ class Station {
   // channels that keep their own view of users, such as the broker's).
   std::function<void()> on_access_reload;
   std::string access_read;  // when the users and the access list were last read, for status
+  // Threads for file digests of network sessions (null: on the main loop).
+  std::shared_ptr<class WorkQueue> workers;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -195,6 +198,7 @@ struct Session {
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;
+  std::shared_ptr<struct PendingAnswer> pending;  // an answer a worker computes (answers wait)
 };
 
 // Registers the station's commands on an interpreter for `session`.

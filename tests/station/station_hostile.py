@@ -10,6 +10,7 @@ amplification through variables, super-linear substitution, out-of-range
 settings, terminal escapes for the log, a full disk. After every attempt the station must
 answer a plain command. Bounded: every wait has a time-out.
 """
+import hashlib
 import os
 import re
 import resource
@@ -344,6 +345,15 @@ def gate(binary, source):
         check("logged in as otto" in otto.login("otto", PASSWORDS["otto"]), "a password beginning with exit")
         check("TLS is already on" in otto.ask("starttls") and "cycles" in otto.ask("status"),
               "a second starttls is refused and the session goes on")
+        # File digests run beside the loop: others go on meanwhile.
+        with open(os.path.join(folder, "big.bin"), "wb") as f:
+            f.write(os.urandom(1 << 20) * 48)
+        want = hashlib.sha256(open(os.path.join(folder, "big.bin"), "rb").read()).hexdigest()
+        answers = []
+        p99 = status_p99(port, folder, lambda: answers.extend(otto.ask("hash sha256 big.bin") for _ in range(4)))
+        print("4 sha256 of a 48 MiB file: others' status p99 %.1f ms" % p99)
+        check(all(want in a for a in answers) and len(answers) == 4, "the digests are right", answers)
+        check("crc32 (big.bin)" in otto.ask("crc big.bin"), "crc answers through the workers")
         # Lock-out per (address, user): guesses at one name leave the admin in.
         for _ in range(6):
             guess = Peer(port).tls(folder)
