@@ -363,6 +363,11 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       auto c = std::make_unique<Client>();
       net.Own(c->net, address);
       c->socket.reset(peer);
+      // Every close of a session (time-outs, refusals, removed users) goes on
+      // in the background: a lingering close would wait for a peer that does
+      // not take its last line, and every other session with it.
+      const linger off{0, 0};
+      setsockopt(peer->sock, SOL_SOCKET, SO_LINGER, &off, sizeof off);
       if (c->in == nullptr || c->out == nullptr) {  // out of descriptors or memory
         const std::string refusal = "station: out of resources, try again later\r\n";
         const ssize_t ignored = ::write(peer->sock, refusal.data(), refusal.size());
