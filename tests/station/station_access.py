@@ -26,7 +26,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, read_until  # noqa: E402
+from station_client import Checks, no_secrets, read_until  # noqa: E402
 
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-access-")
@@ -307,6 +307,7 @@ def main():
         check("audit: login of 'nobody' from 127.0.0.3 failed" in log, "failed logins are audited")
         check("audit: 127.0.0.1: io set 0 (user carol, viewer, result 1)" in log, "commands are audited")
         stop(proc)
+        no_secrets(check, WORK, [n + "#pw" for n in ("vic", "otto", "ada", "carol")] + ["wrong"])
         print("station access: %d checks passed" % check.count)
     finally:
         if proc.poll() is None:

@@ -1,4 +1,5 @@
 """What the station's test scripts share: checks and reading a client's answer."""
+import os
 import sys
 
 
@@ -12,6 +13,20 @@ class Checks:
         if not ok:
             sys.exit("FAIL: %s %s" % (what, str(detail)[:500]))
         self.count += 1
+
+
+def no_secrets(check, folder, secrets):
+    """No password a script used in any file the stations under `folder`
+    wrote (logs with their audit lines, history files, dumps, their output),
+    the users files and TLS keys aside."""
+    for root, _, names in os.walk(folder):
+        for name in names:
+            path = os.path.join(root, name)
+            if name.endswith(".users") or os.path.basename(root) == "tls" or not os.path.isfile(path):
+                continue
+            text = open(path, "rb").read()
+            for secret in secrets:
+                check(secret.encode() not in text, "no password in " + path, secret)
 
 
 def read_until(sock, marker):

@@ -24,7 +24,7 @@ import tempfile
 import threading
 import time
 
-from station_client import Checks, read_until
+from station_client import Checks, no_secrets, read_until
 
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-hostile-")
@@ -277,19 +277,6 @@ def wait_for(what, test, seconds=10):
     check(test(), what)
 
 
-def no_secrets(folder):
-    """No password the script used in any file the station wrote (log,
-    history, dumps, its output), the users file and keys aside."""
-    for root, _, names in os.walk(folder):
-        for name in names:
-            path = os.path.join(root, name)
-            if name == "station.users" or root.endswith("tls") or not os.path.isfile(path):
-                continue
-            text = open(path, "rb").read()
-            for secret in list(PASSWORDS.values()) + STRAY:
-                check(secret.encode() not in text, "no password in " + name, secret)
-
-
 def drain(sock, seconds=0.5):
     """What arrives on `sock` within `seconds` of quiet."""
     sock.settimeout(seconds)
@@ -412,6 +399,10 @@ def gate(binary, source):
         seen += drain(vic.sock)
         vic.sock.sendall(b"login\r" + STRAY[2].encode() + b"\r")
         seen += drain(vic.sock)
+        vic.sock.sendall(b"starttls\r")
+        tls_again = drain(vic.sock)
+        check(b"OK starting" not in tls_again and b"starttls: TLS is already on" in tls_again,
+              "starttls in editing mode is refused without an OK", tls_again)
         check(b"passwd" not in seen, "a viewer's Tab does not list /etc", seen[-300:])
         check(b"get" in seen and b"toggle" not in seen, "io completes only what a viewer may run", seen[-300:])
         check(b"next line is dropped" in seen, "login in editing mode drops the next line", seen[-300:])
@@ -460,7 +451,7 @@ def gate(binary, source):
         check(os.stat(dump).st_mode & 0o022 == 0, "the dump has no group or world write", oct(os.stat(dump).st_mode))
         proc.send_signal(signal.SIGTERM)
         check(proc.wait(timeout=30) == 0, "SIGTERM ends the gated station")
-        no_secrets(folder)
+        no_secrets(check, WORK, list(PASSWORDS.values()) + STRAY)
         print("gate: reload, secrets, starttls, lock-out, completion, editing bounds, login time-out checked")
     finally:
         if proc.poll() is None:
