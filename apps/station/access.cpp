@@ -170,15 +170,18 @@ bool Gate::Recheck(CLI& cli, Session& s, Connection& conn) {
 }
 
 bool Gate::EditedLine(Session& s, const std::string& line) {
-  if (s.access.step == AccessState::kPassword) {  // after a refused `login`: the password, dropped
-    s.access.step = AccessState::kCommand;
-    return false;
-  }
-  // Before a login only the commands that need none are logged (help, login,
-  // exit): unknown words from a stranger would fill the log.
+  (void)line;
+  if (s.access.step != AccessState::kPassword) return true;
+  s.access.step = AccessState::kCommand;  // after a refused `login`: the password, dropped
+  return false;
+}
+
+bool Gate::Logged(const Session& s, const std::string& line) const {
+  // Before a login only the commands that need none are logged: unknown
+  // words from a stranger would fill the log.
   const std::string word = first_word(line);
-  return s.level != ZQSecurity::kNoAccess || word == "help" || word == "login" || word == "exit" ||
-         word == "quit" || word == "editing";
+  return s.level != ZQSecurity::kNoAccess || open_station() || word == "help" || word == "login" ||
+         word == "exit" || word == "quit" || word == "editing" || word == "starttls";
 }
 
 bool Gate::Prepare() {

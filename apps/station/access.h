@@ -122,6 +122,9 @@ class Gate {
   // Whether a finished line of an editing-mode session may run: false for
   // the line after a `login` (taken as the password and dropped).
   bool EditedLine(Session& s, const std::string& line);
+  // Whether an editing-mode line goes to the log (not unknown words before
+  // a login).
+  bool Logged(const Session& s, const std::string& line) const;
   // When the users were last read, for status.
   std::string UsersRead() const;
 

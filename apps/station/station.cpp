@@ -203,7 +203,8 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       c.cli->Editor()->SetOutputBounds(true, 200);
       c.cli->Editor()->SetLineFilter(
           [&gate, session](const std::string& text) { return gate.EditedLine(*session, text); });
-      c.cli->Editor()->SetLineHook([&log, session](const std::string& text) {
+      c.cli->Editor()->SetLineHook([&log, &gate, session](const std::string& text) {
+        if (!gate.Logged(*session, text)) return;
         log.Add(elog_INFO, 0, "%s: %s", session->peer.c_str(), station::escape_controls(text).c_str());
       });
       answer(c, false);
