@@ -108,6 +108,7 @@ bool Gate::load_users(std::string& error) {
   std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&now));
   if (access(settings_.UsersFile.c_str(), F_OK) != 0) {
     users_read_ = std::string(when) + ", " + settings_.UsersFile + " absent";
+    users_.reset();
     return true;  // no users yet: nobody logs in until the first is made and the file read
   }
   auto users = std::make_shared<UserFile>();

@@ -402,8 +402,9 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     for (const auto& c : clients) {
       // A peer that does not take its answers is not read from meanwhile.
       const bool backlog = c->conn->WritePending() >= kUntakenBytes;
-      const short held = gate.Held(c->session, station::Gate::NowMs()) || backlog ? 0 : POLLIN;
-      if (c->more && !backlog) wait_ms = 0;
+      const bool waits = gate.Held(c->session, station::Gate::NowMs());
+      const short held = waits || backlog ? 0 : POLLIN;
+      if (c->more && !backlog && !waits) wait_ms = 0;
       const short hs = gate.Events(c->session, *c->conn);
       const short events = hs != 0 ? hs : static_cast<short>(held | (c->conn->WritePending() != 0 ? POLLOUT : 0));
       fds.push_back(pollfd{c->conn->Descriptor(), events, 0});
