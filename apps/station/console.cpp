@@ -52,8 +52,13 @@ Words files(const Session& s, const std::string& base, const std::string& partia
   while (dirent* e = readdir(d)) {
     const std::string name = e->d_name;
     if (name == "." || name == "..") continue;
-    struct stat st {};
-    const bool folder = stat((dir + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    // The entry's type where the file system gives it; a stat only for links
+    // and file systems that do not.
+    bool folder = e->d_type == DT_DIR;
+    if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
+      struct stat st {};
+      folder = stat((dir + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
     names.push_back(sub + name + (folder ? "/" : ""));
     if (names.size() >= most) break;  // a huge folder: enough to choose from
   }
@@ -114,16 +119,17 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
   Station* st = s.station;
   Session* session = &s;
   // Completion offers only what the session's level may run: nothing after
-  // a command it may not use, and no sub-command beyond its level.
+  // a command it may not use, and (for commands with sub-commands) no
+  // sub-command beyond its level.
   CLI* interpreter = &cli;
-  auto set = [&ed, interpreter](const char* command, CLI_Editor::Completer complete) {
-    ed.SetCompleter(command, [interpreter, complete](const Words& before, const std::string& partial) {
+  auto set = [&ed, interpreter](const char* command, CLI_Editor::Completer complete, bool subcommands = false) {
+    ed.SetCompleter(command, [interpreter, complete, subcommands](const Words& before, const std::string& partial) {
+      if (!interpreter->Permitted(before)) return Words();
+      Words all = complete(before, partial);
+      if (!subcommands || before.size() != 1) return all;
       Words kept;
-      if (!interpreter->Permitted(before)) return kept;
-      for (std::string& w : complete(before, partial)) {
-        Words line = before;
-        line.push_back(w);
-        if (interpreter->Permitted(line)) kept.push_back(std::move(w));
+      for (std::string& w : all) {
+        if (interpreter->Permitted({before[0], w})) kept.push_back(std::move(w));
       }
       return kept;
     });
@@ -137,7 +143,7 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
   });
   set("trace", [](const Words& before, const std::string&) {
     return before.size() == 1 ? Words{"start", "stop", "dump"} : Words();
-  });
+  }, true);
   set("io", [](const Words& before, const std::string&) {
     Words names;
     if (before.size() == 1) names = {"get", "set", "clear", "toggle"};
@@ -146,7 +152,7 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
       for (int i = 0; i < 8; ++i) names.push_back(std::to_string(i));
     }
     return names;
-  });
+  }, true);
   set("config", [st](const Words& before, const std::string&) {
     Words names;
     if (before.size() == 1) names = {"show", "set", "save"};
@@ -156,7 +162,7 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
       }
     }
     return names;
-  });
+  }, true);
 }
 
 }  // namespace station

@@ -121,7 +121,7 @@ void answer(Client& c, bool prompt) {
 // left waits for the next turn, and nothing more is read while the peer
 // has not taken what it was sent. False once the client is gone.
 bool serve_keys(Client& c) {
-  const size_t kRead = 16384, kRun = 32, kTurnAnswer = 32768;
+  const size_t kRead = 16384, kRun = 16, kTurnAnswer = 32768;
   const long long kTurnUs = 5000;
   if (c.keys.size() < kRead && c.conn->WritePending() < kTurnAnswer) {
     std::string fresh;

@@ -375,6 +375,7 @@ def gate(binary, source):
             x.sock.close()
         # Levels change on reload: otto down to viewer, ada removed.
         passwd(binary, folder, "otto", "viewer")
+        passwd(binary, folder, "bob", "operator")
         lines = open(os.path.join(folder, "station.users")).read().splitlines()
         open(os.path.join(folder, "station.users"), "w").write(
             "\n".join(l for l in lines if not l.startswith("ada")) + "\n")
@@ -421,6 +422,25 @@ def gate(binary, source):
         print("editing burst of 128 KiB Ctrl-A/E: others' status p99 %.1f ms, the station grew %.1f MB" % (p99, grown))
         check(grown < 64, "the station's memory stays bounded", grown)
         check(proc.poll() is None, "the station lives after the burst")
+        # Tabs in a big folder from an operator: a bounded listing, a bounded turn.
+        os.mkdir(os.path.join(folder, "many"))
+        for i in range(3000):
+            open(os.path.join(folder, "many", "f%04d" % i), "w").close()
+        bob = Peer(port).tls(folder)
+        check("logged in as bob" in bob.login("bob", PASSWORDS["bob"]), "bob logs in")
+        bob.sock.sendall(b"editing on\n")
+        drain(bob.sock)
+        bob.sock.sendall(b"crc many/f\t")
+        listed = drain(bob.sock)
+        check(listed.count(b"many/f") <= 205 and b"... 800 more" in listed, "a bounded listing", listed[-200:])
+        before = rss_mb(proc.pid)
+        reader = threading.Thread(target=lambda: drain(bob.sock, 3), daemon=True)
+        reader.start()
+        p99 = status_p99(port, folder, lambda: bob.sock.sendall(b"\t" * 4000))
+        reader.join(30)
+        print("4,000 Tabs in a folder of 3,000 files: others' status p99 %.1f ms, the station grew %.1f MB"
+              % (p99, rss_mb(proc.pid) - before))
+        bob.sock.close()
         # Pipelined status lines from one viewer.
         flood = Peer(port).tls(folder)
         flood.login("vic", PASSWORDS["vic"])
