@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -59,9 +59,18 @@ case "$target" in
   cfgentry)
     printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
     printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
+  settings)
+    printf '[S]\ni = 0x10 # c\nd = 2,5x\nscaled = 4k\nb = 1\n\n[T]\nk = 1\n[S]\nk = 2\n' > "$corpus/seed1"
+    printf '# only\n[s]\r\nK=\r\nchars = abcdefghij\nl = 2\n[S\nk = # c' > "$corpus/seed2" ;;
   fleetcmd)
     printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
     printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
+  signedcmd)  # the fuzzer's clock reads 2026-11-18T11:06:40Z; alice has a key
+    n='"nonce":"00112233445566778899aabbccddeeff"'
+    printf '{"cmd":"io set inject","station":"s1","user":"alice","time":"2026-11-18T11:06:40Z",%s,"sig":"%s"}' \
+      "$n" "$(head -c 64 /dev/zero | od -An -tx1 | tr -d ' \n')" > "$corpus/seed1"
+    printf '{"cmd":"status","station":"s1","user":"bob","time":"2026-11-18T11:06:55.250Z",%s,"sig":"zz"}' "$n" \
+      > "$corpus/seed2" ;;
 esac
 
 cd "$build"

@@ -2,8 +2,10 @@
 # Builds the library and starts the station on its shipped configuration.
 # The station works in build-run/station/ (its configuration, access list,
 # logs and trace dumps live there) and listens on 127.0.0.1:7600; type
-# "help" at its prompt, or connect with `nc 127.0.0.1 7600`. "exit" (or
-# Ctrl-C) stops it. Arguments go to the station, e.g. Server.ListenPort=0.
+# "help" at its prompt. "exit" stops it (Ctrl-C clears the line being typed).
+# Arguments go to the station, e.g. Server.ListenPort=0, --passwd NAME LEVEL
+# (the users file lands beside the configuration), or Server.RequireTLS=0 for
+# a plain-text session with `nc 127.0.0.1 7600` (a trusted host only).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-run}

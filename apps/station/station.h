@@ -46,6 +46,8 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DataDir = ".";    // the only files network clients may read
   long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
   int LogLossReportS = 60;      // at most one report of lost log lines per period
+  std::string RealTime = "preferred";  // "required": no start without real-time rights
+  std::string LocalConfig;      // read after the main file; config save writes here
 };
 
 // [Server]: the TCP side.
