@@ -293,6 +293,15 @@ def drain(sock, seconds=0.5):
     return seen
 
 
+def editing_session(port, folder, user):
+    """A TLS session of `user`, logged in and switched to editing mode."""
+    peer = Peer(port).tls(folder)
+    check("logged in as " + user in peer.login(user, PASSWORDS[user]), user + " logs in")
+    peer.sock.sendall(b"editing on\n")
+    drain(peer.sock)
+    return peer
+
+
 def gate(binary, source):
     folder = os.path.join(WORK, "gate")
     os.mkdir(folder)
@@ -391,10 +400,7 @@ def gate(binary, source):
                  "reload: user otto now viewer (was operator)" in log_text(folder))
 
         # Completion: only what the level may run, only inside the data folder.
-        vic = Peer(port).tls(folder)
-        check("logged in" in vic.login("vic", PASSWORDS["vic"]), "vic logs in")
-        vic.sock.sendall(b"editing on\n")
-        drain(vic.sock)
+        vic = editing_session(port, folder, "vic")
         vic.sock.sendall(b"crc /etc/\t\x03")
         seen = drain(vic.sock)
         vic.sock.sendall(b"io \t\t\x03")
@@ -426,10 +432,7 @@ def gate(binary, source):
         os.mkdir(os.path.join(folder, "many"))
         for i in range(3000):
             open(os.path.join(folder, "many", "f%04d" % i), "w").close()
-        bob = Peer(port).tls(folder)
-        check("logged in as bob" in bob.login("bob", PASSWORDS["bob"]), "bob logs in")
-        bob.sock.sendall(b"editing on\n")
-        drain(bob.sock)
+        bob = editing_session(port, folder, "bob")
         bob.sock.sendall(b"crc many/f\t")
         listed = drain(bob.sock)
         check(listed.count(b"many/f") <= 205 and b"... 800 more" in listed, "a bounded listing", listed[-200:])
