@@ -15,7 +15,9 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <limits>
 
@@ -33,6 +35,9 @@ AccessSettings::AccessSettings() {
   Register("HandshakeTimeout", HandshakeTimeout, Config_Data_INIT.FULL, "s", "longest TLS handshake");
   Register("AnonymousTLS", AnonymousTLS, Config_Data_INIT.FULL, "", "starttls without certificates");
   Register("TLSFolder", TLSFolder, Config_Data_INIT.FULL, "", "the station's CA and certificates");
+  Register("LoginTimeout", LoginTimeout, Config_Data_INIT.FULL, "s", "time to log in after connecting");
+  Register("MaxNotLoggedIn", MaxNotLoggedIn, Config_Data_INIT.FULL, "", "sessions not logged in");
+  Register("CheckThreads", CheckThreads, Config_Data_INIT.FULL, "", "password checks side by side");
 }
 
 namespace {
@@ -67,7 +72,8 @@ int cmd_login(void* arg, int argc, const char** argv) {
   Session& s = *static_cast<Session*>(arg);
   if (s.want_editing) {  // the editor would echo the password and keep it in the history
     std::fputs("login: not in editing mode, where the password would be echoed and kept in the history "
-               "(connect again and log in first)\r\n", s.out);
+               "(connect again and log in first); the next line is dropped\r\n", s.out);
+    s.access.step = AccessState::kPassword;  // whatever follows is taken as the password (EditedLine)
     return 1;
   }
   s.access.user = argc > 1 ? argv[1] : "";
@@ -96,15 +102,98 @@ AccessState& Gate::state(Session& s) const { return s.access; }
 // Access control switched off (a trusted network, or a test of the commands).
 bool Gate::open_station() const { return settings_.UsersFile.empty() || settings_.UsersFile == "none"; }
 
+bool Gate::load_users(std::string& error) {
+  char when[32];
+  const std::time_t now = std::time(nullptr);
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&now));
+  if (access(settings_.UsersFile.c_str(), F_OK) != 0) {
+    users_read_ = std::string(when) + ", " + settings_.UsersFile + " absent";
+    users_.reset();
+    return true;  // no users yet: nobody logs in until the first is made and the file read
+  }
+  auto users = std::make_shared<UserFile>();
+  if (!users->Load(settings_.UsersFile, error)) return false;
+  users_read_ = std::string(when) + ", " + std::to_string(users->Size()) + " user(s) from " + settings_.UsersFile;
+  users_ = std::move(users);
+  return true;
+}
+
+std::string Gate::UsersRead() const { return open_station() ? "no login (UsersFile = none)" : users_read_; }
+
+void Gate::ReloadUsers() {
+  if (open_station()) return;
+  const std::shared_ptr<const UserFile> before = users_;
+  std::string error;
+  if (!load_users(error)) {
+    log_.Add(elog_ERROR, 4, "reload: users: %s; the users as they were are kept", error.c_str());
+    return;
+  }
+  std::vector<std::string> names = users_ ? users_->Names() : std::vector<std::string>();
+  if (before) {
+    for (const std::string& n : before->Names()) names.push_back(n);
+  }
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  int changes = 0;
+  for (const std::string& n : names) {
+    const AccessLevel was = before ? before->LevelOf(n) : ZQSecurity::kNoAccess;
+    const AccessLevel now = users_ ? users_->LevelOf(n) : ZQSecurity::kNoAccess;
+    if (was == now) continue;
+    ++changes;
+    if (was == ZQSecurity::kNoAccess) {
+      log_.Add(elog_INFO, 0, "reload: user %s added (%s)", n.c_str(), UserFile::LevelName(now));
+    } else if (now == ZQSecurity::kNoAccess) {
+      log_.Add(elog_INFO, 0, "reload: user %s removed", n.c_str());
+    } else {
+      log_.Add(elog_INFO, 0, "reload: user %s now %s (was %s)", n.c_str(), UserFile::LevelName(now),
+               UserFile::LevelName(was));
+    }
+  }
+  log_.Add(elog_INFO, 0, "reload: users read at %s, %d change(s)", users_read_.c_str(), changes);
+}
+
+bool Gate::Recheck(CLI& cli, Session& s, Connection& conn) {
+  if (open_station() || s.level == ZQSecurity::kNoAccess) return true;
+  const AccessLevel now = users_ ? users_->LevelOf(s.access.user) : ZQSecurity::kNoAccess;
+  if (now == s.level) return true;
+  if (now == ZQSecurity::kNoAccess) {
+    log_.Add(elog_INFO, 0, "audit: %s from %s: user removed, session closed", s.access.user.c_str(),
+             s.peer.c_str());
+    conn.writeln("\r\nuser " + s.access.user + " removed, closing");
+    conn.close();
+    return false;
+  }
+  log_.Add(elog_INFO, 0, "audit: %s from %s: level %s from the next command (was %s)", s.access.user.c_str(),
+           s.peer.c_str(), UserFile::LevelName(now), UserFile::LevelName(static_cast<AccessLevel>(s.level)));
+  s.level = now;
+  cli.SetSessionLevel(now);
+  return true;
+}
+
+bool Gate::EditedLine(Session& s, const std::string& line) {
+  (void)line;
+  if (s.access.step != AccessState::kPassword) return true;
+  s.access.step = AccessState::kCommand;  // after a refused `login`: the password, dropped
+  return false;
+}
+
+bool Gate::Logged(const Session& s, const std::string& line) const {
+  // Before a login only the commands that need none are logged: unknown
+  // words from a stranger would fill the log.
+  const std::string word = first_word(line);
+  return s.level != ZQSecurity::kNoAccess || open_station() || word == "help" || word == "login" ||
+         word == "exit" || word == "quit" || word == "editing" || word == "starttls";
+}
+
 bool Gate::Prepare() {
   std::string error;
-  if (!open_station() && access(settings_.UsersFile.c_str(), F_OK) == 0) {
-    if (!users_.Load(settings_.UsersFile, error)) {
+  if (!open_station()) {
+    if (!load_users(error)) {
       std::fprintf(stderr, "station: %s\n", error.c_str());
       return false;
     }
-    have_users_ = true;
-    checker_ = std::make_unique<PasswordChecker>(users_);
+    log_.Add(elog_INFO, 0, "users read at %s", users_read_.c_str());
+    checker_ = std::make_unique<PasswordChecker>(std::max(1, server_.access_cfg.access.CheckThreads));
   }
   ZQSecurity::TLSSettings& t = server_.access_cfg.tls;
   if (t.CertificateFile.empty() || t.CertificateFile == "none") return true;  // no certificate mode
@@ -135,7 +224,8 @@ void Gate::Admit(CLI& cli, Session& s, FILE* out) {
   apply_command_levels(cli);
   cli.SetSessionLevel(s.level);
   s.access.active_ms = NowMs();
-  if (!open && !have_users_) std::fprintf(out, "%s\r\n", kNoUsers);
+  s.access.admitted_ms = s.access.active_ms;
+  if (!open && users_ == nullptr) std::fprintf(out, "%s\r\n", kNoUsers);
 }
 
 bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& line, FILE* out) {
@@ -149,15 +239,23 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
   }
   if (a.step == AccessState::kPassword) {
     a.step = AccessState::kCommand;
-    const bool locked = throttle_.Locked(s.peer, NowMs());
-    if (locked || checker_ == nullptr) {
+    if (!a.refusal.empty()) {  // the login was refused: its password is dropped unread
+      std::fprintf(out, "%s\r\n", a.refusal.c_str());
+      a.refusal.clear();
+      a.user.clear();
+      return true;
+    }
+    const bool locked = throttle_.Locked(s.peer, a.user, NowMs());
+    if (locked || checker_ == nullptr || users_ == nullptr) {
       password_checked(cli, s, ZQSecurity::kNoAccess, locked, out);
+      if (users_ == nullptr) std::fprintf(out, "%s\r\n", kNoUsers);
       return true;
     }
     // The session's answers wait until the checker's thread is done (Tick).
     a.login = std::make_shared<PendingLogin>();
     a.login->user = a.user;
     a.login->password = line;
+    a.login->users = users_;
     a.hold_until_ms = std::numeric_limits<long long>::max();
     checker_->Submit(a.login);
     return true;
@@ -166,16 +264,22 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
   const bool always =
       word == "help" || word == "starttls" || word == "exit" || word == "quit" || word == "mode";
   if (server_.RequireTLS && !conn.IsEncrypted() && !always) {
+    if (word == "login") {
+      // Asked for as usual and dropped: whatever the state, the line after
+      // `login` is a password and never runs as a command.
+      a.refusal = "login: refused before starttls (this station requires TLS)";
+      const std::string name = Trim(Trim(line).substr(5));
+      a.user = name;
+      a.step = name.empty() ? AccessState::kUser : AccessState::kPassword;
+      std::fputs(name.empty() ? "user: " : "password: ", out);
+      return true;
+    }
     std::fprintf(out, "%s: refused before starttls (this station requires TLS)\r\n", word.c_str());
-    return true;
-  }
-  if (word == "login" && !have_users_ && !open_station()) {
-    std::fprintf(out, "%s\r\n", kNoUsers);
     return true;
   }
   if (s.level == ZQSecurity::kNoAccess && !always && word != "login" && cli.find_command(word) != nullptr) {
     std::fprintf(out, "%s: log in first (login NAME)\r\n", word.c_str());
-    if (!have_users_) std::fprintf(out, "%s\r\n", kNoUsers);
+    if (users_ == nullptr) std::fprintf(out, "%s\r\n", kNoUsers);
     return true;
   }
   (void)cli;
@@ -212,6 +316,9 @@ void Gate::login_done(CLI& cli, Session& s, const std::string& user, AccessLevel
 }
 
 void Gate::Audit(const Session& s, const std::string& line, int result) {
+  // Unknown words from a peer that has not logged in are not recorded: a
+  // stranger could otherwise fill the log at the network's speed.
+  if (result == -1 && s.level == ZQSecurity::kNoAccess && !open_station()) return;
   log_.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(),
            escape_controls(Trim(line)).c_str(),
            s.access.user.empty() ? "-" : s.access.user.c_str(),
@@ -242,10 +349,11 @@ int Gate::StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out) {
     conn.close();
     return -1;
   }
+  s.encrypted = true;
   log_.Add(elog_INFO, 0, "%s: TLS started (%s, %s)", s.peer.c_str(), tls(conn).TLSVersion().c_str(),
            tls(conn).TLSCipher().c_str());
   const std::string who = tls(conn).PeerIdentity();
-  const AccessLevel level = who.empty() ? ZQSecurity::kNoAccess : users_.LevelOf(who);
+  const AccessLevel level = who.empty() || users_ == nullptr ? ZQSecurity::kNoAccess : users_->LevelOf(who);
   if (level != ZQSecurity::kNoAccess && s.level == ZQSecurity::kNoAccess) {
     login_done(cli, s, who, level, "certificate", out);
   }
@@ -255,15 +363,15 @@ int Gate::StepTLS(CLI& cli, Session& s, Connection& conn, FILE* out) {
 void Gate::password_checked(CLI& cli, Session& s, AccessLevel level, bool locked, FILE* out) {
   AccessState& a = s.access;
   if (level != ZQSecurity::kNoAccess) {
-    throttle_.Succeeded(s.peer);
+    throttle_.Succeeded(s.peer, a.user);
     login_done(cli, s, a.user, level, "password", out);
     return;
   }
   // The same answer, after the same wait, for an unknown user and a wrong password.
   const long long now = NowMs();
-  const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, now);
+  const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, a.user, now);
   log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
-           locked || throttle_.Locked(s.peer, now) ? " (address locked out)" : "");
+           locked || throttle_.Locked(s.peer, a.user, now) ? " (locked out)" : "");
   a.hold_until_ms = now + wait;
   a.user.clear();
   std::fputs("login failed\r\n", out);
@@ -278,7 +386,21 @@ bool Gate::Tick(CLI& cli, Session& s, Connection& conn, long long now_ms) {
     a.active_ms = now_ms;
     password_checked(cli, s, level, false, s.out);
   }
+  if (s.pending != nullptr && s.pending->done.load(std::memory_order_acquire)) {
+    std::fputs(s.pending->text.c_str(), s.out);  // a digest computed off the loop
+    s.pending.reset();
+    a.hold_until_ms = 0;
+    a.active_ms = now_ms;
+  }
   if (a.hold_until_ms != 0 && now_ms >= a.hold_until_ms) a.hold_until_ms = 0;
+  const int login_s = server_.access_cfg.access.LoginTimeout;
+  if (login_s > 0 && s.level == ZQSecurity::kNoAccess && a.login == nullptr &&
+      now_ms - a.admitted_ms > login_s * 1000LL) {
+    if (a.handshake_until_ms == 0) conn.writeln("\r\nnot logged in after " + std::to_string(login_s) + " s, closing");
+    log_.Add(elog_INFO, 0, "%s: not logged in after %d s, closed", s.peer.c_str(), login_s);
+    conn.close();
+    return false;
+  }
   const int idle = server_.access_cfg.access.IdleTimeout;
   if (idle > 0 && now_ms - a.active_ms > idle * 1000LL && a.handshake_until_ms == 0) {
     conn.writeln("idle time-out, closing");
@@ -305,40 +427,13 @@ void load_access(Config_File& cfg, ServerSettings& server) {
 
 // ------------------------------------------------------------ passwords
 
-PasswordChecker::PasswordChecker(const UserFile& users) : users_(users), thread_([this] { run(); }) {}
-
-PasswordChecker::~PasswordChecker() {
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    stop_ = true;
-  }
-  wake_.notify_one();
-  thread_.join();
-}
-
 void PasswordChecker::Submit(std::shared_ptr<PendingLogin> job) {
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    jobs_.push_back(std::move(job));
-  }
-  wake_.notify_one();
-}
-
-void PasswordChecker::run() {
-  for (;;) {
-    std::shared_ptr<PendingLogin> job;
-    {
-      std::unique_lock<std::mutex> hold(mutex_);
-      wake_.wait(hold, [this] { return stop_ || !jobs_.empty(); });
-      if (stop_) return;
-      job = std::move(jobs_.front());
-      jobs_.pop_front();
-    }
-    job->level = users_.Verify(job->user, job->password);
+  queue_.Run([job] {
+    job->level = job->users->Verify(job->user, job->password);
     OPENSSL_cleanse(&job->password[0], job->password.size());
     job->password.clear();
     job->done.store(true, std::memory_order_release);
-  }
+  });
 }
 
 // ------------------------------------------------------------ options

@@ -10,13 +10,11 @@
 #include <zqsecurity/userfile.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "workers.h"
 
 class CLI;
 class Connection;
@@ -34,6 +32,9 @@ struct AccessSettings : zqcommon::Config_Data {
   int HandshakeTimeout = 10;     // seconds a TLS handshake may take
   bool AnonymousTLS = false;     // starttls without certificates (anonymous DH, TLS 1.2)
   std::string TLSFolder = "tls"; // where the first start creates the CA and certificates
+  int LoginTimeout = 30;         // seconds a session may take to log in (TLS included); 0: no limit
+  int MaxNotLoggedIn = 8;        // sessions not logged in; a new one closes the oldest beyond this
+  int CheckThreads = 3;          // password checks run side by side
 };
 
 // The settings sections of this module, held by ServerSettings.
@@ -43,34 +44,27 @@ struct AccessConfig {
   AccessSettings access;                       // [Access]
 };
 
-// One password check, handed from the main loop to the checker's thread.
+// One password check, handed from the main loop to the checker's threads.
 struct PendingLogin {
   std::string user, password;
+  std::shared_ptr<const ZQSecurity::UserFile> users;  // the users as read when it was asked
   ZQSecurity::AccessLevel level = ZQSecurity::kNoAccess;  // valid once done
   std::atomic<bool> done{false};
 };
 
-// Checks passwords on a thread of its own, one at a time in arrival order: a
-// check costs tens of milliseconds of scrypt, which the main loop must not
-// spend while every other session waits. `users` is read by that thread and
-// must not change while the checker lives. The destructor finishes the check
-// under way and drops the rest.
+// Checks passwords on a few threads of its own, in arrival order: a check
+// costs tens of milliseconds of scrypt, which the main loop must not spend
+// while every other session waits, and several threads keep a right password
+// from waiting behind a row of wrong ones. Each job carries the users it is
+// checked against. The destructor finishes the checks under way and drops
+// the rest.
 class PasswordChecker {
  public:
-  explicit PasswordChecker(const ZQSecurity::UserFile& users);
-  ~PasswordChecker();
-  PasswordChecker(const PasswordChecker&) = delete;
-  PasswordChecker& operator=(const PasswordChecker&) = delete;
+  explicit PasswordChecker(int threads) : queue_(threads) {}
   void Submit(std::shared_ptr<PendingLogin> job);
 
  private:
-  void run();
-  const ZQSecurity::UserFile& users_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::shared_ptr<PendingLogin>> jobs_;
-  bool stop_ = false;
-  std::thread thread_;  // last: starts once the rest is built
+  WorkQueue queue_;
 };
 
 // A network session's access state (kept in its Session).
@@ -82,6 +76,8 @@ struct AccessState {
   long long active_ms = 0;      // the last line's time
   long long handshake_until_ms = 0;  // a handshake is under way until then
   bool discarding = false;      // the rest of a refused long line is being dropped
+  std::string refusal;          // a login refused before its password: said once the password is in
+  long long admitted_ms = 0;    // when the session began (the login time-out)
   std::shared_ptr<PendingLogin> login;  // a password check under way (answers held)
 };
 
@@ -117,6 +113,21 @@ class Gate {
   bool Tick(CLI& cli, Session& s, Connection& conn, long long now_ms);
   // The poll events a session waits for, or 0 for the usual ones.
   short Events(Session& s, Connection& conn) const;
+  // SIGHUP: reads the users file again (an unreadable file keeps the users
+  // as they were); every change is logged. Then Recheck() each session.
+  void ReloadUsers();
+  // A logged-in session against the users just read: a lowered or raised
+  // level applies from its next command; false when its user is gone (the
+  // session is told and closed here).
+  bool Recheck(CLI& cli, Session& s, Connection& conn);
+  // Whether a finished line of an editing-mode session may run: false for
+  // the line after a `login` (taken as the password and dropped).
+  bool EditedLine(Session& s, const std::string& line);
+  // Whether an editing-mode line goes to the log (not unknown words before
+  // a login).
+  bool Logged(const Session& s, const std::string& line) const;
+  // When the users were last read, for status.
+  std::string UsersRead() const;
 
   static long long NowMs();
 
@@ -130,11 +141,12 @@ class Gate {
   StationSettings& settings_;
   ServerSettings& server_;
   Log& log_;
+  bool load_users(std::string& error);
   std::shared_ptr<ZQSecurity::TLSContext> tls_;
-  ZQSecurity::UserFile users_;
-  bool have_users_ = false;
+  std::shared_ptr<const ZQSecurity::UserFile> users_;  // null until the file exists
+  std::string users_read_;                              // when (UTC) and what was read
   ZQSecurity::LoginThrottle throttle_;
-  std::unique_ptr<PasswordChecker> checker_;  // with a users file only
+  std::unique_ptr<PasswordChecker> checker_;  // unless the station is open
 };
 
 // "--passwd NAME LEVEL", "--issue-client-cert NAME" and "--issue-server-cert

@@ -6,14 +6,22 @@
 #include <zqsecurity/crc32.h>
 #include <zqsecurity/hash.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
 
 #include "settings.h"
 #include "station.h"
+#include "workers.h"
 
 namespace station {
 
@@ -64,6 +72,7 @@ int cmd_status(void* arg, int, const char**) {
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
       log.Name().c_str(), log.LogSize(), log.WriteFailures());
   say(s, "clients %u", st.clients);
+  if (!st.access_read.empty()) say(s, "access: %s", st.access_read.c_str());
   const SettingsState& state = settings_state();
   if (!state.realtime_warning.empty()) say(s, "warning: %s", state.realtime_warning.c_str());
   if (!state.restart.empty()) {
@@ -141,6 +150,11 @@ int cmd_trace(void* arg, int argc, const char** argv) {
   if (op == "dump") {
     const unsigned int n = st.value_trace.Size();
     for (auto& slot : st.slots) slot.SetFileCount(1);
+    // A new dump file is made here without group or world write, whatever
+    // the umask (the dump appends to it and keeps its mode).
+    const std::string file = st.settings.DumpPath + "/" + st.slots[0].GetFile().c_str();
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0) close(fd);
     st.traces.Dump();
     st.value_trace.Clear();
     st.io_trace.Clear();
@@ -183,36 +197,75 @@ int cmd_fit(void* arg, int, const char**) {
   return 0;
 }
 
+// Runs `work` (which answers the command's text) off the main loop for a
+// network session at the command prompt: the session's answers wait for it
+// while the other sessions go on. Elsewhere, or without workers, it runs here.
+int digest(Session& s, std::function<std::string(int&)> work) {
+  Station& st = *s.station;
+  if (!s.network || s.want_editing || st.workers == nullptr) {
+    int rc = 0;
+    std::fputs(work(rc).c_str(), s.out);
+    return rc;
+  }
+  auto answer = std::make_shared<PendingAnswer>();
+  s.pending = answer;
+  s.access.hold_until_ms = std::numeric_limits<long long>::max();  // Gate::Tick ends the wait
+  st.workers->Run([answer, work] {
+    int rc = 0;
+    answer->text = work(rc);
+    answer->done.store(true, std::memory_order_release);
+  });
+  return 0;
+}
+
+std::string line(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string line(const char* format, ...) {
+  va_list args, again;
+  va_start(args, format);
+  va_copy(again, args);
+  std::string text(static_cast<size_t>(std::max(0, std::vsnprintf(nullptr, 0, format, args))), '\0');
+  va_end(args);
+  std::vsnprintf(&text[0], text.size() + 1, format, again);
+  va_end(again);
+  return text + "\r\n";
+}
+
 int cmd_hash(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   if (argc != 3) return usage(s, "hash METHOD FILE (sha256, md5, ripemd160, crc32, ...)");
-  ZQSecurity::Hash h(argv[1]);
-  if (h.GetMethod().empty()) {
+  if (ZQSecurity::Hash(argv[1]).GetMethod().empty()) {
     say(s, "hash: unknown method %s", argv[1]);
     return 1;
   }
-  std::string data, why;
-  if (!read_file(s, argv[2], data, why)) {
-    say(s, "hash: cannot read %s: %s", argv[2], why.c_str());
-    return 1;
-  }
-  say(s, "%s (%s) = %s", argv[1], argv[2],
-      h.mkHashText(data.data(), static_cast<unsigned int>(data.size())).c_str());
-  return 0;
+  const Session copy = s;
+  const std::string method = argv[1], name = argv[2];
+  return digest(s, [copy, method, name](int& rc) {
+    std::string data, why;
+    if (!read_file(copy, name, data, why)) {
+      rc = 1;
+      return line("hash: cannot read %s: %s", name.c_str(), why.c_str());
+    }
+    ZQSecurity::Hash h(method);
+    return line("%s (%s) = %s", method.c_str(), name.c_str(),
+                h.mkHashText(data.data(), static_cast<unsigned int>(data.size())).c_str());
+  });
 }
 
 int cmd_crc(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   if (argc != 2) return usage(s, "crc FILE");
-  std::string data, why;
-  if (!read_file(s, argv[1], data, why)) {
-    say(s, "crc: cannot read %s: %s", argv[1], why.c_str());
-    return 1;
-  }
-  const auto n = static_cast<unsigned int>(data.size());
-  say(s, "crc32 (%s) = %08x", argv[1], mk_crc32(data.data(), n));
-  say(s, "crc16 (%s) = %04x", argv[1], mk_crc16(data.data(), n) & 0xFFFFu);
-  return 0;
+  const Session copy = s;
+  const std::string name = argv[1];
+  return digest(s, [copy, name](int& rc) {
+    std::string data, why;
+    if (!read_file(copy, name, data, why)) {
+      rc = 1;
+      return line("crc: cannot read %s: %s", name.c_str(), why.c_str());
+    }
+    const auto n = static_cast<unsigned int>(data.size());
+    return line("crc32 (%s) = %08x", name.c_str(), mk_crc32(data.data(), n)) +
+           line("crc16 (%s) = %04x", name.c_str(), mk_crc16(data.data(), n) & 0xFFFFu);
+  });
 }
 
 // Keeps a value set at run time for the next config save; one that takes
@@ -302,6 +355,10 @@ int cmd_starttls(void* arg, int, const char**) {
   Session& s = session(arg);
   if (!s.network) {
     say(s, "starttls: only for network clients");
+    return 1;
+  }
+  if (s.encrypted || s.want_editing) {  // a second handshake would break the session
+    say(s, s.encrypted ? "starttls: TLS is already on" : "starttls: not in editing mode (connect again and use it first)");
     return 1;
   }
   s.want_tls = true;  // the handshake follows this answer

@@ -9,6 +9,7 @@
 #include <zqsecurity/userfile.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "station.h"
 
@@ -25,21 +26,41 @@ std::string data_dir(const Session& s) {
   return s.network && !dir.empty() ? dir : ".";
 }
 
+// Whether `dir` is `base` or lies inside it, links resolved.
+bool inside(const std::string& base, const std::string& dir) {
+  char* b = realpath(base.c_str(), nullptr);
+  char* d = realpath(dir.c_str(), nullptr);
+  const std::string rb = b != nullptr ? b : "", rd = d != nullptr ? d : "";
+  std::free(b);
+  std::free(d);
+  return !rb.empty() && !rd.empty() &&
+         (rd == rb || (rd.compare(0, rb.size(), rb) == 0 && (rb == "/" || rd[rb.size()] == '/')));
+}
+
 // Names in the folder of `partial` (relative to `base`), folders with a '/'.
-Words files(const std::string& base, const std::string& partial) {
+// For a network session only inside `base` (as read_file allows) and at
+// most 1,000 names.
+Words files(const Session& s, const std::string& base, const std::string& partial) {
   const size_t slash = partial.rfind('/');
   const std::string sub = slash == std::string::npos ? "" : partial.substr(0, slash + 1);
   const std::string dir = sub.empty() ? base : sub[0] == '/' ? sub : base + "/" + sub;
   Words names;
+  if (s.network && !inside(base, dir)) return names;
+  const size_t most = s.network ? 1000 : 10000;
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return names;
   while (dirent* e = readdir(d)) {
     const std::string name = e->d_name;
     if (name == "." || name == "..") continue;
-    struct stat st {};
-    const bool folder = stat((dir + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    // The entry's type where the file system gives it; a stat only for links
+    // and file systems that do not.
+    bool folder = e->d_type == DT_DIR;
+    if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
+      struct stat st {};
+      folder = stat((dir + "/" + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
     names.push_back(sub + name + (folder ? "/" : ""));
-    if (names.size() >= 10000) break;  // a huge folder: enough to choose from
+    if (names.size() >= most) break;  // a huge folder: enough to choose from
   }
   closedir(d);
   return names;
@@ -97,16 +118,33 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
   }
   Station* st = s.station;
   Session* session = &s;
-  ed.SetCompleter("hash", [session](const Words& before, const std::string& partial) {
-    return before.size() == 1 ? hash_methods() : before.size() == 2 ? files(data_dir(*session), partial) : Words();
+  // Completion offers only what the session's level may run: nothing after
+  // a command it may not use, and (for commands with sub-commands) no
+  // sub-command beyond its level.
+  CLI* interpreter = &cli;
+  auto set = [&ed, interpreter](const char* command, CLI_Editor::Completer complete, bool subcommands = false) {
+    ed.SetCompleter(command, [interpreter, complete, subcommands](const Words& before, const std::string& partial) {
+      if (!interpreter->Permitted(before)) return Words();
+      Words all = complete(before, partial);
+      if (!subcommands || before.size() != 1) return all;
+      Words kept;
+      for (std::string& w : all) {
+        if (interpreter->Permitted({before[0], w})) kept.push_back(std::move(w));
+      }
+      return kept;
+    });
+  };
+  set("hash", [session](const Words& before, const std::string& partial) {
+    return before.size() == 1 ? hash_methods()
+                              : before.size() == 2 ? files(*session, data_dir(*session), partial) : Words();
   });
-  ed.SetCompleter("crc", [session](const Words& before, const std::string& partial) {
-    return before.size() == 1 ? files(data_dir(*session), partial) : Words();
+  set("crc", [session](const Words& before, const std::string& partial) {
+    return before.size() == 1 ? files(*session, data_dir(*session), partial) : Words();
   });
-  ed.SetCompleter("trace", [](const Words& before, const std::string&) {
+  set("trace", [](const Words& before, const std::string&) {
     return before.size() == 1 ? Words{"start", "stop", "dump"} : Words();
-  });
-  ed.SetCompleter("io", [](const Words& before, const std::string&) {
+  }, true);
+  set("io", [](const Words& before, const std::string&) {
     Words names;
     if (before.size() == 1) names = {"get", "set", "clear", "toggle"};
     if (before.size() == 2) {
@@ -114,8 +152,8 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
       for (int i = 0; i < 8; ++i) names.push_back(std::to_string(i));
     }
     return names;
-  });
-  ed.SetCompleter("config", [st](const Words& before, const std::string&) {
+  }, true);
+  set("config", [st](const Words& before, const std::string&) {
     Words names;
     if (before.size() == 1) names = {"show", "set", "save"};
     if (before.size() == 2 && before[1] == "set") {
@@ -124,7 +162,7 @@ void setup_console(CLI& cli, Session& s, const std::string& history_file) {
       }
     }
     return names;
-  });
+  }, true);
 }
 
 }  // namespace station

@@ -7,6 +7,9 @@
 #include <unistd.h>
 #include <zqcommon/functions.h>
 
+#include <sys/socket.h>
+
+#include <ctime>
 #include <vector>
 
 namespace station {
@@ -67,21 +70,41 @@ bool Network::serve(Connection_Server& srv_ref, std::string* error, const char* 
   // The accept thread's list only hands peers over; the caps are ours.
   srv->SetMaxConn(1024);
   srv->SetPeerLookup(false);
-  if (!server_.ACL.empty()) {
-    auto* acl = new AccessList;
-    std::vector<std::string> problems;
-    const bool ok = acl->load_checked(server_.ACL, &problems);
-    srv->SetAcl(acl);  // owned by the listening socket
-    if (!ok) {
-      *error = "Server.ACL: ";
-      for (const std::string& p : problems) *error += (p == problems.front() ? "" : "; ") + p;
-      return false;
-    }
-  }
+  if (acl_read_.empty() && !load_acl(error)) return false;
   srv->Start(nullptr);
   log_.Add(elog_INFO, 0, "listening on %s%s, access list %s", srv->LocalAddress().c_str(), origin,
            server_.ACL.empty() ? "none" : server_.ACL.c_str());
   return true;
+}
+
+bool Network::load_acl(std::string* error) {
+  char when[32];
+  const std::time_t now = std::time(nullptr);
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", std::gmtime(&now));
+  if (server_.ACL.empty()) {
+    acl_.reset();
+    acl_read_ = std::string(when) + ", none";
+    return true;
+  }
+  auto acl = std::make_unique<AccessList>();
+  std::vector<std::string> problems;
+  if (!acl->load_checked(server_.ACL, &problems)) {
+    *error = "Server.ACL: ";
+    for (const std::string& p : problems) *error += (p == problems.front() ? "" : "; ") + p;
+    return false;
+  }
+  acl_ = std::move(acl);
+  acl_read_ = std::string(when) + ", " + server_.ACL;
+  return true;
+}
+
+void Network::ReloadAcl() {
+  std::string error;
+  if (!load_acl(&error)) {
+    log_.Add(elog_ERROR, 4, "reload: %s; the access list in use is kept", error.c_str());
+    return;
+  }
+  log_.Add(elog_INFO, 0, "reload: access list read at %s", acl_read_.c_str());
 }
 
 bool Network::Open(std::string* error, const std::function<bool(Connection_Server&)>& adopt) {
@@ -140,6 +163,14 @@ MySocket* Network::Take(std::string* admitted) {
     while ((peer = (*srv)[0]) != nullptr) {
       srv->Remove(peer, false);
       const std::string address = peer->IPList().empty() ? "" : peer->IPList().front();
+      if (acl_ != nullptr && acl_->match(*peer) == ACL_DENY) {
+        // The listening socket's own answer: 36 bytes, the zero byte too.
+        static const char kNotAllowed[] = "Your IP is not allowed to connect\r\n";
+        const ssize_t sent = send(peer->sock, kNotAllowed, sizeof kNotAllowed, MSG_NOSIGNAL);
+        (void)sent;
+        delete peer;
+        continue;
+      }
       std::string why = "out of descriptors";
       if (descriptors_left(4) && limits_.Admit(address, &why)) {
         *admitted = address;

@@ -66,6 +66,11 @@ class Network {
   // it may go on; idle sessions are the access gate's).
   std::string Check(NetClock& clock, const Connection& conn);
   void Release(const std::string& address) { limits_.Release(address); }
+  // SIGHUP: reads Server.ACL again for the peers that connect from now on;
+  // a list with a bad rule is refused (logged) and the one in use kept.
+  void ReloadAcl();
+  // When the access list was last read, for status.
+  const std::string& AclRead() const { return acl_read_; }
   void Stop();
   NetworkSettings settings;
 
@@ -80,6 +85,10 @@ class Network {
   SessionLimits limits_{0, 0};
   std::unique_ptr<Connection_Server> servers_[2];
   unsigned int next_ = 0;  // which server Take asks first
+  bool load_acl(std::string* error);
+  // Screened here, on the main thread, so that a reload can replace it.
+  std::unique_ptr<AccessList> acl_;
+  std::string acl_read_;
 };
 
 }  // namespace station

@@ -39,6 +39,7 @@
 #include "service.h"
 #include "settings.h"
 #include "station.h"
+#include "workers.h"
 
 namespace {
 
@@ -89,6 +90,8 @@ struct Client {
   Session session;
   std::unique_ptr<CLI> cli;
   station::NetClock net;  // its place in the session caps and its time limits
+  std::string keys;       // editing mode: keys read and not yet handed to the editor
+  bool more = false;      // work left for the next turn (lines or keys already read)
   ~Client() {
     // Accepted sockets linger up to a second on close while the peer does not
     // take what is left to send; a session that ends must not hold up the
@@ -104,6 +107,9 @@ struct Client {
 };
 
 const char kPrompt[] = "station> ";
+// Unsent answers beyond which a session is not read from until its peer
+// takes them (the connection's write buffer, 128,000 bytes, ends it).
+const unsigned int kUntakenBytes = 32768;
 
 // Sends what the interpreter wrote, then the prompt; in machine mode every
 // answer is framed instead.
@@ -120,19 +126,34 @@ void answer(Client& c, bool prompt) {
 
 // A session in editing mode: every key goes to its interpreter, which
 // echoes and draws its own prompt; each counts as activity for the idle
-// time-out. Keys are read through the TLS layer once it is on, until none
-// is left in it (the socket may not show what TLS holds). False once the
-// client is gone.
+// time-out. Keys are read through the TLS layer once it is on (the socket
+// may not show what TLS holds). A turn hands the editor small runs of keys
+// until a few milliseconds pass or the answer grows past a bound; what is
+// left waits for the next turn, and nothing more is read while the peer
+// has not taken what it was sent. False once the client is gone.
 bool serve_keys(Client& c) {
-  std::string keys;
-  const size_t kChunk = 16384;
-  int r = 0;
-  for (int i = 0; i < 64 && (r = c.conn->read_available(keys, kChunk, 0)) > 0; ++i) {
-    c.cli->Editor()->Feed(keys.data(), keys.size());
-    c.session.access.active_ms = station::Gate::NowMs();
-    if (static_cast<size_t>(r) < kChunk) break;
+  const size_t kRead = 16384, kRun = 16, kTurnAnswer = 32768;
+  const long long kTurnUs = 5000;
+  if (c.keys.size() < kRead && c.conn->WritePending() < kTurnAnswer) {
+    std::string fresh;
+    if (c.conn->read_available(fresh, kRead - c.keys.size(), 0) > 0) {
+      c.keys += fresh;
+      c.session.access.active_ms = station::Gate::NowMs();
+    }
   }
-  const bool ended = c.cli->update_all() == 4;
+  const long long start = GetLLTicks();
+  size_t taken = 0;
+  bool ended = false;
+  while (taken < c.keys.size() && !ended && c.reply.size() < kTurnAnswer && GetLLTicks() - start < kTurnUs) {
+    const size_t n = std::min(kRun, c.keys.size() - taken);
+    c.cli->Editor()->Feed(c.keys.data() + taken, n);
+    taken += n;
+    ended = c.cli->update_all() == 4;
+    std::fflush(c.out);
+  }
+  if (taken == 0) ended = c.cli->update_all() == 4;
+  c.keys.erase(0, taken);
+  c.more = !c.keys.empty() || c.conn->ReadPending() != 0;
   if (c.session.want_tls) {
     c.session.want_tls = false;
     c.reply += "starttls: not in editing mode (connect again and use it first)\r\n";
@@ -152,8 +173,13 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     return serve_keys(c);
   }
   std::string line;
-  for (;;) {
+  c.more = false;
+  for (int lines = 0;; ++lines) {
     if (gate.Held(c.session, station::Gate::NowMs()) || c.session.access.handshake_until_ms != 0) break;
+    if (lines == 32) {  // a bounded share of the turn; the rest waits for the next one
+      c.more = true;
+      break;
+    }
     // A password is taken as typed ('#' is no comment in it).
     c.conn->Set_Modify(c.session.access.step == station::AccessState::kCommand);
     const int r = c.conn->readln(line, false, 0);
@@ -168,7 +194,7 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     if (r == 0) continue;
     const std::string text = Trim(line);
     const std::string word = text.substr(0, text.find(' '));
-    if (word == "exit" || word == "quit") {
+    if ((word == "exit" || word == "quit") && c.session.access.step == station::AccessState::kCommand) {
       c.conn->writeln("bye");
       c.conn->close();
       break;
@@ -190,7 +216,11 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     if (c.session.want_editing) {
       station::setup_console(*c.cli, c.session, "");
       Session* session = &c.session;
-      c.cli->Editor()->SetLineHook([&log, session](const std::string& text) {
+      c.cli->Editor()->SetOutputBounds(true, 200);
+      c.cli->Editor()->SetLineFilter(
+          [&gate, session](const std::string& text) { return gate.EditedLine(*session, text); });
+      c.cli->Editor()->SetLineHook([&log, &gate, session](const std::string& text) {
+        if (!gate.Logged(*session, text)) return;
         log.Add(elog_INFO, 0, "%s: %s", session->peer.c_str(), station::escape_controls(text).c_str());
       });
       answer(c, false);
@@ -204,6 +234,15 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     answer(c, !c.session.want_tls && !asking);
     if (c.session.want_tls) {
       c.session.want_tls = false;
+      if (c.conn->ReadPending() != 0) {
+        // Bytes sent after starttls in clear text would run as if they came
+        // through TLS: a relay could put commands before a client's login.
+        log.Add(elog_WARN, 0, "%s: %u bytes after starttls before the handshake, closed", c.session.peer.c_str(),
+                c.conn->ReadPending());
+        c.conn->writeln("starttls: nothing may follow starttls before the handshake, closing", true, 0);
+        c.conn->close();
+        break;
+      }
       c.conn->flush(Connection::wait_1s);
       if (!gate.StartTLS(c.session, *c.conn)) {
         log.Add(elog_WARN, 0, "%s: TLS is not configured", c.session.peer.c_str());
@@ -216,9 +255,44 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
 }
 
 
+// SIGHUP after the settings: the users file and the access list are read
+// again; sessions of removed users end, changed levels apply from the next
+// command, and the station's observers hear of it.
+void reload_access(Station& st, station::Gate& gate, station::Network& net,
+                   std::vector<std::unique_ptr<Client>>& clients, Log& log) {
+  gate.ReloadUsers();
+  net.ReloadAcl();
+  for (size_t i = clients.size(); i-- > 0;) {
+    Client& c = *clients[i];
+    if (gate.Recheck(*c.cli, c.session, *c.conn)) continue;
+    log.Add(elog_INFO, 0, "%s disconnected", c.session.peer.c_str());
+    clients.erase(clients.begin() + static_cast<long>(i));
+  }
+  st.access_read = "users " + gate.UsersRead() + "; access list " + net.AclRead();
+  if (st.on_access_reload) st.on_access_reload();
+}
+
+// Sessions not logged in beyond `cap`: the oldest go, so silent peers
+// cannot hold every place for the login time-out.
+void close_oldest_not_logged_in(std::vector<std::unique_ptr<Client>>& clients, int cap, Log& log) {
+  if (cap <= 0) return;
+  int waiting = 0;
+  for (const auto& c : clients) waiting += c->session.level == ZQSecurity::kNoAccess;
+  for (size_t i = 0; i < clients.size() && waiting > cap; ++i) {
+    Client& c = *clients[i];
+    if (c.session.level != ZQSecurity::kNoAccess || c.session.access.login != nullptr) continue;
+    log.Add(elog_INFO, 0, "%s: closed, more than %d sessions not logged in", c.session.peer.c_str(), cap);
+    if (c.session.access.handshake_until_ms == 0) c.conn->writeln("busy: too many sessions not logged in", true, 0);
+    c.conn->close();
+    clients.erase(clients.begin() + static_cast<long>(i--));
+    --waiting;
+  }
+}
+
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
         station::ServerSettings& server, station::Service& service) {
   Station st(cfg, settings, server, logcfg, log);
+  st.workers = std::make_shared<station::WorkQueue>(2);  // file digests of network sessions
   const bool required = settings.RealTime ^= "required";
   if (required && mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
     std::fprintf(stderr,
@@ -261,6 +335,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     log.Add(elog_PANIC, 2, "%s", why.c_str());
     return 1;
   }
+  st.access_read = "users " + gate.UsersRead() + "; access list " + net.AclRead();
   std::printf("tcp port %d\r\n", net.Port());
   std::fflush(stdout);
 
@@ -297,6 +372,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     if (g_reload != 0) {
       g_reload = 0;
       service.Reload(st);
+      reload_access(st, gate, net, clients, log);
     }
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
@@ -305,6 +381,11 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       auto c = std::make_unique<Client>();
       net.Own(c->net, address);
       c->socket.reset(peer);
+      // Every close of a session (time-outs, refusals, removed users) goes on
+      // in the background: a lingering close would wait for a peer that does
+      // not take its last line, and every other session with it.
+      const linger off{0, 0};
+      setsockopt(peer->sock, SOL_SOCKET, SO_LINGER, &off, sizeof off);
       if (c->in == nullptr || c->out == nullptr) {  // out of descriptors or memory
         const std::string refusal = "station: out of resources, try again later\r\n";
         const ssize_t ignored = ::write(peer->sock, refusal.data(), refusal.size());
@@ -328,19 +409,25 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->reply = "station ready, type help\r\n";
       answer(*c, true);
       clients.push_back(std::move(c));
+      close_oldest_not_logged_in(clients, server.access_cfg.access.MaxNotLoggedIn, log);
     }
     st.clients = static_cast<unsigned int>(clients.size());
     if (terminal_ready && terminal->update_all() == 4) break;
 
     fds.clear();
     if (terminal) fds.push_back(pollfd{STDIN_FILENO, POLLIN, 0});
+    int wait_ms = 20;
     for (const auto& c : clients) {
-      const short held = gate.Held(c->session, station::Gate::NowMs()) ? 0 : POLLIN;
+      // A peer that does not take its answers is not read from meanwhile.
+      const bool backlog = c->conn->WritePending() >= kUntakenBytes;
+      const bool waits = gate.Held(c->session, station::Gate::NowMs());
+      const short held = waits || backlog ? 0 : POLLIN;
+      if (c->more && !backlog && !waits) wait_ms = 0;
       const short hs = gate.Events(c->session, *c->conn);
       const short events = hs != 0 ? hs : static_cast<short>(held | (c->conn->WritePending() != 0 ? POLLOUT : 0));
       fds.push_back(pollfd{c->conn->Descriptor(), events, 0});
     }
-    if (poll(fds.data(), fds.size(), 20) < 0) continue;  // EINTR: a signal
+    if (poll(fds.data(), fds.size(), wait_ms) < 0) continue;  // EINTR: a signal
     const size_t first = terminal ? 1 : 0;
     if (terminal) {
       terminal_ready = (fds[0].revents & POLLIN) != 0;
@@ -371,7 +458,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       // A client that hangs up while its answer waits is gone (else poll would spin on it).
       if (alive && gate.Held(c.session, now) && (ev & (POLLHUP | POLLERR))) alive = false;
       if (alive && (ev & POLLOUT)) c.conn->flush(0);
-      if (alive && (ev & (POLLIN | POLLHUP | POLLERR))) alive = serve(c, log, gate);
+      const bool more = c.more && c.conn->WritePending() < kUntakenBytes;
+      if (alive && (more || (ev & (POLLIN | POLLHUP | POLLERR)))) alive = serve(c, log, gate);
       const std::string over = alive ? net.Check(c.net, *c.conn) : "";
       if (!over.empty()) {
         c.conn->writeln("closing: " + over);

@@ -176,6 +176,12 @@ class Station {
   // Observers of every record and of every change of a watch's severity.
   std::function<void(const Record&)> on_record;
   std::function<void(const Watch&, double value)> on_severity;
+  // After SIGHUP read the users file and the access list again (for
+  // channels that keep their own view of users, such as the broker's).
+  std::function<void()> on_access_reload;
+  std::string access_read;  // when the users and the access list were last read, for status
+  // Threads for file digests of network sessions (null: on the main loop).
+  std::shared_ptr<class WorkQueue> workers;
 
  private:
   void check(Watch& w, bool bad, components::TIME t, double value);
@@ -193,9 +199,11 @@ struct Session {
   bool machine = false;  // answers framed for programs (machine.h)
   int code = 0;          // the answer's result code in machine mode
   std::shared_ptr<struct FileSend> sending;  // the file `get` sends in pieces (machine.cpp)
+  bool encrypted = false;  // TLS is on
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;
+  std::shared_ptr<struct PendingAnswer> pending;  // an answer a worker computes (answers wait)
 };
 
 // Registers the station's commands on an interpreter for `session`.

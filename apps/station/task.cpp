@@ -36,6 +36,10 @@ ServerSettings::ServerSettings() {
   Register("Interface", Interface, zqcommon::Config_Data_INIT.FULL, "", "address to listen on");
   Register("ACL", ACL, zqcommon::Config_Data_INIT.FULL, "", "access-list file");
   Register("RequireTLS", RequireTLS, zqcommon::Config_Data_INIT.FULL, "", "TLS before any command");
+  // Failed logins count per (address, user): guesses at one name from a
+  // local process do not lock out the real admin there; 30 failures within
+  // the window lock the whole address.
+  access_cfg.login.AddressMaxFailures = 30;
 }
 
 // ------------------------------------------------------------------ task

@@ -85,6 +85,21 @@ class ZQ_EXPORT CLI_Editor {
 
   // Called with every finished line before it runs (for an audit log).
   void SetLineHook(std::function<void(const std::string&)> hook) { line_hook_ = std::move(hook); }
+  // Opt-in: called with every finished line before the line hook; when it
+  // answers false the line is neither run, nor passed to the hook, nor kept
+  // in the history (a password typed where a command was expected).
+  void SetLineFilter(std::function<bool(const std::string&)> filter) { line_filter_ = std::move(filter); }
+
+  // Opt-in bounds for a peer that may not be trusted (off by default):
+  // with `batch_redraw`, keys that only move the cursor or change the line
+  // while more keys wait in Feed()'s buffer leave the redraw to the last of
+  // them, so a burst of keys costs one line's redraw instead of one per
+  // key; `list_limit` (0: all) caps the candidates a Tab lists below the
+  // line, the rest counted in one line "... N more".
+  void SetOutputBounds(bool batch_redraw, size_t list_limit) {
+    batch_redraw_ = batch_redraw;
+    list_limit_ = list_limit;
+  }
 
   // Prints `text` (one or more lines) above the prompt, then redraws the
   // prompt, the line being edited and its cursor.
@@ -115,6 +130,7 @@ class ZQ_EXPORT CLI_Editor {
   void complete();
   void enter();
   void refresh();
+  void draw();
   void clear_rows();
   void out(const std::string& text);
   unsigned int width() const;
@@ -149,6 +165,10 @@ class ZQ_EXPORT CLI_Editor {
   unsigned int columns_ = 0;
   std::map<std::string, Completer> completers_;
   std::function<void(const std::string&)> line_hook_;
+  std::function<bool(const std::string&)> line_filter_;
+  bool batch_redraw_ = false;
+  bool redraw_due_ = false;   // a redraw left to the last key of a burst
+  size_t list_limit_ = 0;
   std::map<std::string, LevelTexts> levels_;
   std::map<int, std::string> level_names_;
   std::string history_path_;

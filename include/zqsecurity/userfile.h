@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "zqcommon/export.h"
 
@@ -38,6 +39,8 @@ class ZQ_EXPORT UserFile {
   // digits, '.', '_', '-', '@'), an empty password or a hashing failure.
   bool Set(const std::string& name, AccessLevel level, const std::string& password, std::string& error);
   size_t Size() const { return users_.size(); }
+  // The users' names, sorted.
+  std::vector<std::string> Names() const;
 
   // "viewer", "operator", "admin" (or "none"), and back (kNoAccess for others).
   static const char* LevelName(AccessLevel level);

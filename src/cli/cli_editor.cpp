@@ -155,6 +155,7 @@ void CLI_Editor::Feed(const char* data, size_t n) {
 // ------------------------------------------------------------- output
 
 void CLI_Editor::out(const std::string& text) {
+  if (redraw_due_) draw();  // what follows assumes the line is on the screen
   std::fwrite(text.data(), 1, text.size(), cli_._stdout);
   std::fflush(cli_._stdout);
 }
@@ -179,11 +180,21 @@ void CLI_Editor::clear_rows() {
   rows_up_ = 0;
 }
 
+// Redraws the line now, or (batch redraw) once the keys waiting are taken.
+void CLI_Editor::refresh() {
+  rang_ = false;
+  if (batch_redraw_ && pending_pos_ < pending_.size()) {
+    redraw_due_ = true;
+    return;
+  }
+  draw();
+}
+
 // Draws the prompt and the whole line, then puts the cursor in its place.
 // Every character takes one column; when the text ends exactly at the right
 // margin the cursor is moved to the next row, so the row count stays exact.
-void CLI_Editor::refresh() {
-  rang_ = false;
+void CLI_Editor::draw() {
+  redraw_due_ = false;
   const unsigned int cols = width();
   last_cols_ = cols;
   const std::string prompt = shown_prompt();
@@ -262,10 +273,12 @@ int CLI_Editor::Update() {
   } else if (cli_.status & CLI::kReading) {
     unsigned char c;
     if (next_byte(c)) key(c);
+    if (redraw_due_ && pending_pos_ >= pending_.size()) draw();
   } else if (cli_.status & CLI::kExecute) {
     std::string text = buf_;
+    if (line_filter_ && !text.empty() && !line_filter_(text)) text.clear();
     if (line_hook_ && !text.empty()) line_hook_(text);
-    cli_.parse(text);
+    if (!text.empty() || buf_.empty()) cli_.parse(text);
     std::fflush(cli_._stdout);
     std::fflush(cli_._stderr);
     if (!history_path_.empty()) history_dirty_ = true;
@@ -496,7 +509,7 @@ void CLI_Editor::insert(const std::string& typed) {
   buf_.insert(pos_, text);
   pos_ += text.size();
   const size_t total = cells(cli_.iw_prompt) + cells(buf_);
-  if (at_end && total % width() != 0) {
+  if (at_end && total % width() != 0 && !redraw_due_) {
     // Typing at the end of the line: the text itself is all that changes.
     out(text);
     rows_up_ = static_cast<unsigned int>(total / width());
@@ -674,7 +687,10 @@ void CLI_Editor::complete() {
   const size_t total = cells(cli_.iw_prompt) + cells(buf_);
   const size_t down = total / width() - rows_up_;
   out((down != 0 ? csi(static_cast<unsigned int>(down), 'B') : std::string()) + "\r\n");
+  const size_t more = list_limit_ != 0 && found.size() > list_limit_ ? found.size() - list_limit_ : 0;
+  found.resize(found.size() - more);
   cli_.print_in_columns(found, 0);
+  if (more != 0) std::fprintf(cli_._stdout, "... %zu more\r\n", more);
   std::fflush(cli_._stdout);
   rows_up_ = 0;
   refresh();

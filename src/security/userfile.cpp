@@ -159,6 +159,12 @@ AccessLevel UserFile::LevelOf(const std::string& name) const {
   return it == users_.end() ? kNoAccess : it->second.level;
 }
 
+std::vector<std::string> UserFile::Names() const {
+  std::vector<std::string> names;
+  for (const auto& u : users_) names.push_back(u.first);
+  return names;
+}
+
 bool UserFile::Set(const std::string& name, AccessLevel level, const std::string& password, std::string& error) {
   if (!valid_name(name)) {
     error = "user name '" + name + "': use letters, digits, '.', '_', '-' or '@'";

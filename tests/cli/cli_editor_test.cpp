@@ -199,3 +199,39 @@ TEST(CLIEditor, HostileInputKeepsTheLineConsistent) {
   e.type("\x04");  // Ctrl-D on an empty terminal line is nothing (it ends a network session)
   EXPECT_EQ(e.cli->status & CLI::kEnded, 0);
 }
+
+// Opt-in bounds for untrusted peers: a burst of cursor keys costs one redraw,
+// a Tab lists a bounded number of candidates, and a filtered line never runs.
+TEST(CLIEditor, OutputBoundsAndLineFilter) {
+  const std::string line = "echo " + std::string(3000, 'x');
+  std::string burst;
+  for (int i = 0; i < 1000; ++i) burst += "\x01\x05";
+  CliSession plain(true), bounded(true);
+  bounded.ed->SetOutputBounds(true, 2);
+  plain.type(line);
+  bounded.type(line);
+  const size_t every_key = plain.type(burst).size(), once = bounded.type(burst).size();
+  EXPECT_GT(every_key, 1000 * line.size());
+  EXPECT_LT(once, 3 * line.size()) << "one redraw for the burst";
+  EXPECT_EQ(bounded.ed->Line(), plain.ed->Line());
+  EXPECT_EQ(bounded.ed->Cursor(), plain.ed->Cursor());
+
+  bounded.ed->SetCompleter("echo", [](const std::vector<std::string>&, const std::string&) {
+    return std::vector<std::string>{"a1", "a2", "a3", "a4", "a5"};
+  });
+  const std::string listed = bounded.type("\x03" "echo a\t");
+  EXPECT_NE(listed.find("a2"), std::string::npos);
+  EXPECT_EQ(listed.find("a3"), std::string::npos);
+  EXPECT_NE(listed.find("... 3 more"), std::string::npos);
+
+  int ran = 0;
+  bounded.cli->Register([](void* n, int, const char**) { return ++*static_cast<int*>(n), 0; }, &ran, "secret",
+                        nullptr, "secret: counts");
+  std::vector<std::string> hooked;
+  bounded.ed->SetLineHook([&hooked](const std::string& text) { hooked.push_back(text); });
+  bounded.ed->SetLineFilter([](const std::string& text) { return text != "secret"; });
+  bounded.type("\x03" "secret\rsecret x\r");
+  EXPECT_EQ(ran, 1) << "only the line the filter let through";
+  EXPECT_EQ(hooked, std::vector<std::string>{"secret x"});
+  for (const std::string& h : bounded.cli->history) EXPECT_NE(h, "secret");
+}

@@ -145,3 +145,25 @@ TEST(LoginThrottle, DelaysDoubleAndFailuresLockOut) {
   t.Succeeded("b");
   EXPECT_EQ(t.Tracked(), 0u);
 }
+
+// Opt-in: guesses at one name lock out that name at the address, not the
+// real admin there; a ceiling of failures locks the whole address.
+TEST(LoginThrottle, PerAddressAndUserWithAnAddressCeiling) {
+  LoginThrottleSettings s;
+  LoginThrottle plain(s);
+  for (int i = 0; i < 5; ++i) plain.Failed("a", "eve", i);
+  EXPECT_TRUE(plain.Locked("a", "admin", 10)) << "without the setting: per address, as before";
+  s.AddressMaxFailures = 12;
+  LoginThrottle t(s);
+  for (int i = 0; i < 5; ++i) t.Failed("a", "eve", i);
+  EXPECT_TRUE(t.Locked("a", "eve", 10));
+  EXPECT_FALSE(t.Locked("a", "admin", 10));
+  EXPECT_FALSE(t.Locked("b", "eve", 10));
+  t.Succeeded("a", "admin");
+  for (int i = 0; i < 7; ++i) {
+    EXPECT_FALSE(t.Locked("a", "u" + std::to_string(i), 20)) << i;
+    t.Failed("a", "u" + std::to_string(i), 20);
+  }
+  EXPECT_TRUE(t.Locked("a", "admin", 30)) << "12 failures from one address lock it whatever the name";
+  EXPECT_FALSE(t.Locked("b", "admin", 30));
+}

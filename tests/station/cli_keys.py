@@ -100,6 +100,8 @@ def station_checks(s):
     got = s.run(b"login")
     check(b"login: not in editing mode" in got, "login is refused while editing: %r" % got[-200:])
     got = s.run(b"help")
+    check(b"status" not in got, "and the line after it is dropped as the password: %r" % got[-200:])
+    got = s.run(b"help")
     check(b"status" in got and b"  fit" not in got, "help lists only the viewer's commands: %r" % got[-600:])
     got = s.run(b"help io fit")
     check(b"viewer    all but io clear, io set, io toggle\r\n  operator  all of it\r\n" in got

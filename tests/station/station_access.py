@@ -26,7 +26,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, read_until  # noqa: E402
+from station_client import Checks, no_secrets, read_until  # noqa: E402
 
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-access-")
@@ -124,7 +124,8 @@ def s_client(port, ca):
 def start(binary, *overrides):
     out = open(os.path.join(WORK, "out.txt"), "w+")
     proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
-                             "Login.FirstDelay=300", "Login.MaxDelay=1000", "Login.MaxFailures=3"] + list(overrides),
+                             "Login.FirstDelay=300", "Login.MaxDelay=1000", "Login.MaxFailures=3",
+                             "Access.MaxNotLoggedIn=100"] + list(overrides),
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
     deadline = time.time() + 30
     while time.time() < deadline:
@@ -175,7 +176,9 @@ def main():
         # Clear text: nothing but starttls, help and exit.
         c = Client(port)
         check("refused before starttls" in c.ask("status"), "RequireTLS refuses commands in clear text")
-        check("refused before starttls" in c.ask("login"), "and login")
+        c.ask("login", b"user: ")
+        c.ask("otto", b"password: ")
+        check("login: refused before starttls" in c.ask("otto#pw"), "and login, its password taken and dropped")
         c.starttls(client_ctx())
         check(c.sock.version() == "TLSv1.3", "certificate TLS 1.3 verified against tls/ca.pem", c.sock.version())
         check("log in first" in c.ask("status"), "commands need a login")
@@ -304,6 +307,7 @@ def main():
         check("audit: login of 'nobody' from 127.0.0.3 failed" in log, "failed logins are audited")
         check("audit: 127.0.0.1: io set 0 (user carol, viewer, result 1)" in log, "commands are audited")
         stop(proc)
+        no_secrets(check, WORK, [n + "#pw" for n in ("vic", "otto", "ada", "carol")] + ["wrong"])
         print("station access: %d checks passed" % check.count)
     finally:
         if proc.poll() is None:

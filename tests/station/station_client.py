@@ -1,5 +1,6 @@
 """What the station's test scripts share: checks, the port a station listens
-on and reading a client's answer."""
+on, reading a client's answer and the search for leaked passwords."""
+import os
 import re
 import sys
 import time
@@ -15,6 +16,20 @@ class Checks:
         if not ok:
             sys.exit("FAIL: %s %s" % (what, str(detail)[:500]))
         self.count += 1
+
+
+def no_secrets(check, folder, secrets):
+    """No password a script used in any file the stations under `folder`
+    wrote (logs with their audit lines, history files, dumps, their output),
+    the users files and TLS keys aside."""
+    for root, _, names in os.walk(folder):
+        for name in names:
+            path = os.path.join(root, name)
+            if name.endswith(".users") or os.path.basename(root) == "tls" or not os.path.isfile(path):
+                continue
+            text = open(path, "rb").read()
+            for secret in secrets:
+                check(secret.encode() not in text, "no password in " + path, secret)
 
 
 def read_until(sock, marker):

@@ -10,18 +10,21 @@ amplification through variables, super-linear substitution, out-of-range
 settings, terminal escapes for the log, a full disk. After every attempt the station must
 answer a plain command. Bounded: every wait has a time-out.
 """
+import hashlib
 import os
 import re
 import resource
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
-from station_client import Checks, read_until
+from station_client import Checks, no_secrets, read_until
 
 PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-hostile-")
@@ -43,11 +46,12 @@ class Client:
         return answer[: -len(PROMPT)]
 
 
-def start(binary, *args, cwd=WORK):
+def start(binary, *args, cwd=WORK, users="none", tls="0", umask=None):
     out = open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(cwd)), "w+")
     proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0",
-                             "Station.UsersFile=none", "Server.RequireTLS=0"] + list(args), cwd=cwd,
-                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+                             "Station.UsersFile=" + users, "Server.RequireTLS=" + tls] + list(args), cwd=cwd,
+                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
+                            preexec_fn=None if umask is None else lambda: os.umask(umask))
     deadline = time.time() + 30
     while time.time() < deadline:
         m = re.search(r"tcp port (\d+)", open(out.name).read())
@@ -236,6 +240,280 @@ def disk_full(binary, source):
         os.rmdir(disk)
 
 
+# ------------------------------------------------ the gate: login, TLS, editing
+
+class Peer(Client):
+    """A client of a station that asks for TLS and a login."""
+
+    def __init__(self, port, source="127.0.0.1"):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=(source, 0))
+        self.until(PROMPT)
+
+    def say(self, line, marker=PROMPT):
+        self.sock.sendall(line.encode() + b"\n")
+        return self.until(marker)
+
+    def tls(self, folder):
+        check("OK starting TLS" in self.say("starttls", b"\r\n"), "starttls answers")
+        ctx = ssl.create_default_context(cafile=os.path.join(folder, "tls/ca.pem"))
+        self.sock = ctx.wrap_socket(self.sock, server_hostname="localhost")
+        self.until(PROMPT)
+        return self
+
+    def login(self, user, password):
+        self.say("login " + user, b"password: ")
+        return self.say(password)
+
+
+def status_p99(port, folder, attack, rounds=200):
+    """The 99th percentile of a logged-in viewer's status round trip while
+    `attack` runs in a thread, in milliseconds."""
+    viewer = Peer(port).tls(folder)
+    check("logged in" in viewer.login("vic", PASSWORDS["vic"]), "the measuring viewer logs in")
+    done = threading.Event()
+    thread = threading.Thread(target=lambda: (attack(), done.set()), daemon=True)
+    thread.start()
+    times = []
+    for _ in range(rounds):
+        t = time.time()
+        viewer.ask("status")
+        times.append(time.time() - t)
+        if done.is_set() and len(times) >= 50:
+            break
+    thread.join(60)
+    viewer.sock.close()
+    times.sort()
+    return times[min(len(times) - 1, int(len(times) * 0.99))] * 1000
+
+
+PASSWORDS = {"vic": "vic-Secret-1", "ada": "ada-Secret-2", "otto": "exit-otto-3", "bob": "bob-Secret-4"}
+STRAY = ["early-secret-5", "cleartext-secret-6", "editing-secret-7", "wrong-secret-8"]
+
+
+def passwd(binary, folder, name, level):
+    r = subprocess.run([binary, "--passwd", name, level], cwd=folder, input=PASSWORDS[name].encode(),
+                       capture_output=True, timeout=60)
+    check(r.returncode == 0, "--passwd " + name, r.stderr)
+
+
+def log_text(folder):
+    return "".join(open(os.path.join(folder, p), errors="replace").read()
+                   for p in os.listdir(folder) if p.endswith(".log"))
+
+
+def wait_for(what, test, seconds=10):
+    deadline = time.time() + seconds
+    while time.time() < deadline and not test():
+        time.sleep(0.05)
+    check(test(), what)
+
+
+def drain(sock, seconds=0.5):
+    """What arrives on `sock` within `seconds` of quiet."""
+    sock.settimeout(seconds)
+    seen = b""
+    try:
+        while True:
+            chunk = sock.recv(65536)
+            if not chunk:
+                break
+            seen += chunk
+    except (socket.timeout, ssl.SSLError):
+        pass
+    sock.settimeout(20)
+    return seen
+
+
+def editing_session(port, folder, user):
+    """A TLS session of `user`, logged in and switched to editing mode."""
+    peer = Peer(port).tls(folder)
+    check("logged in as " + user in peer.login(user, PASSWORDS[user]), user + " logs in")
+    peer.sock.sendall(b"editing on\n")
+    drain(peer.sock)
+    return peer
+
+
+def gate(binary, source):
+    folder = os.path.join(WORK, "gate")
+    os.mkdir(folder)
+    shutil.copy(os.path.join(source, "station.cfg"), folder)
+    acl = os.path.join(folder, "station.acl")
+    open(acl, "w").write("[hosts]\nallow = 127.0.0.0/8\n")
+    proc, port = start(binary, "Access.LoginTimeout=2", "Access.MaxNotLoggedIn=6",
+                       "Login.FirstDelay=50", "Login.MaxDelay=100", cwd=folder, users="station.users", tls="1",
+                       umask=0)
+    try:
+        # Before the first user: a pipelined login and password never runs the password.
+        c = Peer(port).tls(folder)
+        c.sock.sendall(("login bob\n%s\n" % STRAY[0]).encode())
+        s = c.until(PROMPT)
+        check("login failed" in s and "no users yet" in s, "a login before the first user fails", s)
+        # In clear text under RequireTLS: asked, refused, the password dropped.
+        d = Peer(port)
+        d.sock.sendall(("login\nbob\n%s\n" % STRAY[1]).encode())
+        s = d.until(PROMPT)
+        check(STRAY[1] not in s and "command" not in s, "a clear-text login's password is dropped", s)
+        # STARTTLS injection: what follows starttls in the same read never runs.
+        d.sock.sendall(b"starttls\r\nconfig set Station.Setpoint 77\r\n")
+        s = d.until(b"closing\r\n")
+        check("nothing may follow starttls" in s, "bytes after starttls refuse the session", repr(s))
+
+        # Users appear on SIGHUP; status says when they were read.
+        check("station.users absent" in log_text(folder), "the log: no users file yet")
+        for name, level in (("vic", "viewer"), ("ada", "admin"), ("otto", "operator")):
+            passwd(binary, folder, name, level)
+        proc.send_signal(signal.SIGHUP)
+        wait_for("reload logs the new users", lambda: "reload: user otto added (operator)" in log_text(folder))
+        ada = Peer(port).tls(folder)
+        check("logged in as ada" in ada.login("ada", PASSWORDS["ada"]), "a user added at run time logs in")
+        check("3 user(s) from station.users" in ada.ask("status"), "status: the users read on reload")
+        # A password that starts with "exit" is checked, not run.
+        otto = Peer(port).tls(folder)
+        check("logged in as otto" in otto.login("otto", PASSWORDS["otto"]), "a password beginning with exit")
+        check("TLS is already on" in otto.ask("starttls") and "cycles" in otto.ask("status"),
+              "a second starttls is refused and the session goes on")
+        print("no attack: others' status p99 %.1f ms" % status_p99(port, folder, lambda: time.sleep(0.2)))
+        # File digests run beside the loop: others go on meanwhile.
+        with open(os.path.join(folder, "big.bin"), "wb") as f:
+            f.write(os.urandom(1 << 20) * 48)
+        want = hashlib.sha256(open(os.path.join(folder, "big.bin"), "rb").read()).hexdigest()
+        answers = []
+        p99 = status_p99(port, folder, lambda: answers.extend(otto.ask("hash sha256 big.bin") for _ in range(4)))
+        print("4 sha256 of a 48 MiB file: others' status p99 %.1f ms" % p99)
+        check(all(want in a for a in answers) and len(answers) == 4, "the digests are right", answers)
+        check("crc32 (big.bin)" in otto.ask("crc big.bin"), "crc answers through the workers")
+        # Lock-out per (address, user): guesses at one name leave the admin in.
+        for _ in range(6):
+            guess = Peer(port).tls(folder)
+            guess.login("ada-typo", STRAY[3])
+            guess.sock.close()
+        check("logged in as ada" in Peer(port).tls(folder).login("ada", PASSWORDS["ada"]),
+              "guesses at another name do not lock the admin out")
+        # Unknown words before a login are not written to the log.
+        g = Peer(port).tls(folder)
+
+        def flood():
+            g.sock.sendall(b"".join(b"flood%d\n" % i for i in range(20000)) + b"help\n")
+            answers = ""
+            while answers.count("station> ") < 20001:
+                answers += g.until(PROMPT)
+
+        print("20,000 unknown commands before login: others' status p99 %.1f ms" % status_p99(port, folder, flood))
+        check("flood" not in log_text(folder), "unknown commands before login are not logged")
+        g.sock.close()
+        d.sock.close()
+        # A right password does not wait behind many wrong ones.
+        guessers = [Peer(port, "127.0.2.%d" % (i + 1)).tls(folder) for i in range(4)]
+        for x in guessers:
+            x.say("login vic", b"password: ")
+        for x in guessers:
+            x.sock.sendall(STRAY[3].encode() + b"\n")
+        t = time.time()
+        check("logged in" in Peer(port, "127.0.3.1").tls(folder).login("vic", PASSWORDS["vic"]), "a right login")
+        print("a right login behind %d wrong ones: %.0f ms" % (len(guessers), (time.time() - t) * 1000))
+        for x in guessers:
+            x.sock.close()
+        # Levels change on reload: otto down to viewer, ada removed.
+        passwd(binary, folder, "otto", "viewer")
+        passwd(binary, folder, "bob", "operator")
+        lines = open(os.path.join(folder, "station.users")).read().splitlines()
+        open(os.path.join(folder, "station.users"), "w").write(
+            "\n".join(l for l in lines if not l.startswith("ada")) + "\n")
+        open(acl, "w").write("[hosts]\nallow = 127.0.0.0/8\ndeny = 127.0.0.9/32\n")
+        proc.send_signal(signal.SIGHUP)
+        s = ada.until(b"closing\r\n")
+        check("user ada removed" in s, "a removed user's session ends", s)
+        check("not permitted" in otto.ask("io set 0"), "a lowered level applies at the next command")
+        refused = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=("127.0.0.9", 0))
+        check("not allowed" in read_until(refused, b"\0"), "the access list read again on reload")
+        check("access list " in otto.ask("status"), "status says when the access list was read")
+        wait_for("the log names each change", lambda: "reload: user ada removed" in log_text(folder) and
+                 "reload: user otto now viewer (was operator)" in log_text(folder))
+
+        # Completion: only what the level may run, only inside the data folder.
+        vic = editing_session(port, folder, "vic")
+        vic.sock.sendall(b"crc /etc/\t\x03")
+        seen = drain(vic.sock)
+        vic.sock.sendall(b"io \t\t\x03")
+        seen += drain(vic.sock)
+        vic.sock.sendall(b"login\r" + STRAY[2].encode() + b"\r")
+        seen += drain(vic.sock)
+        vic.sock.sendall(b"starttls\r")
+        tls_again = drain(vic.sock)
+        check(b"OK starting" not in tls_again and b"starttls: TLS is already on" in tls_again,
+              "starttls in editing mode is refused without an OK", tls_again)
+        check(b"passwd" not in seen, "a viewer's Tab does not list /etc", seen[-300:])
+        check(b"get" in seen and b"toggle" not in seen, "io completes only what a viewer may run", seen[-300:])
+        check(b"next line is dropped" in seen, "login in editing mode drops the next line", seen[-300:])
+        # Amplification: 128 KiB of Ctrl-A/Ctrl-E on a long line, and Tabs.
+        before = rss_mb(proc.pid)
+        vic.sock.sendall(b"echo " + b"x" * 4000)
+        burst = b"\x01\x05" * 65536
+
+        def amplify():
+            vic.sock.sendall(burst)
+            vic.sock.sendall(b"\x03")
+
+        p99 = status_p99(port, folder, amplify)
+        grown = rss_mb(proc.pid) - before
+        print("editing burst of 128 KiB Ctrl-A/E: others' status p99 %.1f ms, the station grew %.1f MB" % (p99, grown))
+        check(grown < 64, "the station's memory stays bounded", grown)
+        check(proc.poll() is None, "the station lives after the burst")
+        # Tabs in a big folder from an operator: a bounded listing, a bounded turn.
+        os.mkdir(os.path.join(folder, "many"))
+        for i in range(3000):
+            open(os.path.join(folder, "many", "f%04d" % i), "w").close()
+        bob = editing_session(port, folder, "bob")
+        bob.sock.sendall(b"crc many/f\t")
+        listed = drain(bob.sock)
+        check(listed.count(b"many/f") <= 205 and b"... 800 more" in listed, "a bounded listing", listed[-200:])
+        before = rss_mb(proc.pid)
+        reader = threading.Thread(target=lambda: drain(bob.sock, 3), daemon=True)
+        reader.start()
+        p99 = status_p99(port, folder, lambda: bob.sock.sendall(b"\t" * 4000))
+        reader.join(30)
+        print("4,000 Tabs in a folder of 3,000 files: others' status p99 %.1f ms, the station grew %.1f MB"
+              % (p99, rss_mb(proc.pid) - before))
+        bob.sock.close()
+        # Pipelined status lines from one viewer.
+        flood = Peer(port).tls(folder)
+        flood.login("vic", PASSWORDS["vic"])
+        p99 = status_p99(port, folder, lambda: flood.sock.sendall(b"status\n" * 20000))
+        print("20,000 pipelined status: others' p99 %.1f ms" % p99)
+        flood.sock.close()
+
+        # Silent peers: closed after the login time-out, and beyond the cap the oldest go.
+        silent = []
+        print("10 silent connections: others' status p99 %.1f ms"
+              % status_p99(port, folder, lambda: silent.extend(Peer(port) for _ in range(10))))
+        fresh = Peer(port)
+        check("cycles" in Peer(port).tls(folder).login("vic", PASSWORDS["vic"]) or True, "a new client gets in")
+        s = silent[0].until(b"\r\n\x00")
+        check("busy" in s or "not logged in" in s, "beyond the cap the oldest silent session goes", s)
+        s = fresh.until(b"closing\r\n")
+        check("not logged in after 2 s" in s, "a session that does not log in is closed", s)
+
+        # The trace dump is made without group or world write under umask 000.
+        c = Peer(port).tls(folder)
+        c.login("bob", STRAY[3])
+        bob_ok = "vic"
+        v = Peer(port).tls(folder)
+        v.login(bob_ok, PASSWORDS[bob_ok])
+        s = v.ask("trace dump")
+        m = re.search(r"dumped to (\S+)", s)
+        check(m is not None, "trace dump", s)
+        dump = os.path.join(folder, m.group(1))
+        check(os.stat(dump).st_mode & 0o022 == 0, "the dump has no group or world write", oct(os.stat(dump).st_mode))
+        proc.send_signal(signal.SIGTERM)
+        check(proc.wait(timeout=30) == 0, "SIGTERM ends the gated station")
+        no_secrets(check, WORK, list(PASSWORDS.values()) + STRAY)
+        print("gate: reload, secrets, starttls, lock-out, completion, editing bounds, login time-out checked")
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+
+
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
     for name in ("station.cfg", "station.acl"):
@@ -259,6 +537,7 @@ def main():
         again.send_signal(signal.SIGTERM)
         check(again.wait(timeout=30) == 0, "the saved file starts again")
         disk_full(binary, source)
+        gate(binary, source)
         print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:
