@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login|deviceurl [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login|deviceurl [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -62,6 +62,9 @@ case "$target" in
   fleetcmd)
     printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
     printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
+  deviceurl)
+    printf 'modbus-tcp://[fe80::1]:1502/' > "$corpus/seed1"; printf 'modbus-tcp://plc-3.local' > "$corpus/seed2"
+    printf 'modbus-rtu:///dev/ttyUSB0?baud=19200&parity=E&data=8&stop=1&rs485=1&rts_before=2' > "$corpus/seed3" ;;
 esac
 
 cd "$build"

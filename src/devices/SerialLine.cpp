@@ -2,6 +2,8 @@
 // <termios.h>), so that any speed can be asked for and read back.
 #include "zqdevices/SerialLine.h"
 
+#include "devices/serial_ioctl.h"
+
 #include <asm/termbits.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -74,6 +76,56 @@ char parity_of(tcflag_t cflag) {
 }
 
 }  // namespace
+
+namespace details {
+
+bool set_rs485(int fd, const Rs485Settings& r, std::string& error, std::string& adjusted) {
+  serial_rs485 conf{};
+  conf.flags = SER_RS485_ENABLED;
+  if (r.rts_on_send) conf.flags |= SER_RS485_RTS_ON_SEND;
+  if (r.rts_after_send) conf.flags |= SER_RS485_RTS_AFTER_SEND;
+  if (r.rx_during_tx) conf.flags |= SER_RS485_RX_DURING_TX;
+  conf.delay_rts_before_send = r.delay_before_ms;
+  conf.delay_rts_after_send = r.delay_after_ms;
+  if (ioctl(fd, TIOCSRS485, &conf) != 0) {
+    const int e = errno;
+    if (e == ENOTTY || e == EINVAL || e == EOPNOTSUPP)
+      error = std::string("the driver has no RS-485 mode (TIOCSRS485: ") + std::strerror(e) +
+              "); use an adapter with automatic direction control or one whose driver supports it";
+    else
+      error = std::string("RS-485 mode refused: ") + std::strerror(e);
+    return false;
+  }
+  // Drivers clamp delays and drop flags they cannot do: report what they kept.
+  serial_rs485 got{};
+  if (ioctl(fd, TIOCGRS485, &got) == 0 &&
+      (got.delay_rts_before_send != conf.delay_rts_before_send ||
+       got.delay_rts_after_send != conf.delay_rts_after_send || got.flags != conf.flags)) {
+    if (!adjusted.empty()) adjusted += ", ";
+    adjusted += "RS-485 flags " + std::to_string(conf.flags) + " -> " + std::to_string(got.flags) + " delays " +
+                std::to_string(got.delay_rts_before_send) + "/" + std::to_string(got.delay_rts_after_send) + " ms";
+  }
+  return true;
+}
+
+bool set_speed(int fd, unsigned int baud, std::string& error) {
+  termios2 t{};
+  if (ioctl(fd, TCGETS2, &t) != 0) {
+    error = std::string("TCGETS2: ") + std::strerror(errno);
+    return false;
+  }
+  const tcflag_t code = speed_code(baud);
+  t.c_cflag &= ~(CBAUD | (CBAUD << IBSHIFT));
+  t.c_cflag |= code | (code << IBSHIFT);
+  t.c_ispeed = t.c_ospeed = baud;
+  if (ioctl(fd, TCSETS2, &t) != 0) {
+    error = "cannot set " + std::to_string(baud) + " baud: " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace details
 
 SerialLine::~SerialLine() { Close(); }
 
@@ -193,30 +245,8 @@ void SerialLine::Close() {
 
 bool SerialLine::EnableRs485(const Rs485Settings& r) {
   if (fd_ < 0) return fail("not open");
-  serial_rs485 conf{};
-  conf.flags = SER_RS485_ENABLED;
-  if (r.rts_on_send) conf.flags |= SER_RS485_RTS_ON_SEND;
-  if (r.rts_after_send) conf.flags |= SER_RS485_RTS_AFTER_SEND;
-  if (r.rx_during_tx) conf.flags |= SER_RS485_RX_DURING_TX;
-  conf.delay_rts_before_send = r.delay_before_ms;
-  conf.delay_rts_after_send = r.delay_after_ms;
-  if (ioctl(fd_, TIOCSRS485, &conf) != 0) {
-    const int e = errno;
-    if (e == ENOTTY || e == EINVAL || e == EOPNOTSUPP)
-      return fail(std::string("the driver has no RS-485 mode (TIOCSRS485: ") + std::strerror(e) +
-                  "); use an adapter with automatic direction control or one whose driver supports it");
-    return fail(std::string("RS-485 mode refused: ") + std::strerror(e));
-  }
-  // Drivers clamp delays and drop flags they cannot do: report what they kept.
-  serial_rs485 got{};
-  if (ioctl(fd_, TIOCGRS485, &got) == 0 &&
-      (got.delay_rts_before_send != conf.delay_rts_before_send ||
-       got.delay_rts_after_send != conf.delay_rts_after_send || got.flags != conf.flags)) {
-    if (!adjusted_.empty()) adjusted_ += ", ";
-    adjusted_ += "RS-485 flags " + std::to_string(conf.flags) + " -> " + std::to_string(got.flags) +
-                 " delays " + std::to_string(got.delay_rts_before_send) + "/" +
-                 std::to_string(got.delay_rts_after_send) + " ms";
-  }
+  std::string why;
+  if (!details::set_rs485(fd_, r, why, adjusted_)) return fail(why);
   return true;
 }
 
