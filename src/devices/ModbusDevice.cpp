@@ -308,11 +308,13 @@ struct ModbusDevice::Impl {
     change_state(faulted, LastError());
   }
 
-  // Waits until `until`, a stop or (when faulted) a recover request; true
-  // while the device should go on.
-  bool wait(Clock::time_point until) {
+  // Waits until `until`, a stop or (when `faulted`) a recover request; true
+  // while the device should go on. A recover request while running is
+  // dropped.
+  bool wait(Clock::time_point until, bool faulted) {
     std::unique_lock<std::mutex> lock(mutex);
-    cv.wait_until(lock, until, [&] { return stop_requested || recover_requested; });
+    if (!faulted) recover_requested = false;
+    cv.wait_until(lock, until, [&] { return stop_requested || (faulted && recover_requested); });
     return !stop_requested;
   }
 
@@ -341,12 +343,12 @@ struct ModbusDevice::Impl {
         next += period;
         const auto now = Clock::now();
         if (next < now) next = now;  // overran: no burst of catch-up polls
-        if (!wait(next)) break;
+        if (!wait(next, false)) break;
         continue;
       }
       // Faulted: wait for the back-off (auto) or the operator (command).
       const auto until = config.recovery == DeviceConfig::recover_auto ? next : Clock::now() + std::chrono::hours(24);
-      if (!wait(until)) break;
+      if (!wait(until, true)) break;
       bool asked;
       {
         std::lock_guard<std::mutex> lock(mutex);
@@ -359,7 +361,7 @@ struct ModbusDevice::Impl {
       if (connect() && poll()) {
         change_state(running, "recovered");
         next = Clock::now() + period;
-        if (!wait(next)) break;
+        if (!wait(next, false)) break;
       } else {
         disconnect();
         backoff = std::min(backoff * 2, std::chrono::milliseconds(config.backoff_max_ms));
