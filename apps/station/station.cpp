@@ -29,6 +29,7 @@
 #include <memory>
 #include <vector>
 
+#include "devices.h"
 #include "fleet.h"
 #include "network.h"
 #include "service.h"
@@ -221,7 +222,13 @@ bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
 
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
         station::ServerSettings& server, station::Service& service) {
+  station::FieldDevices field(cfg, log);  // outlives the task that uses its handlers
   Station st(cfg, settings, server, logcfg, log);
+  std::string field_why;
+  if (!field.Attach(st.task, server.ACL, field_why)) {
+    std::fprintf(stderr, "station: %s\n", field_why.c_str());
+    return 2;
+  }
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {
@@ -229,6 +236,12 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
                  "station: the sensor task did not start. It locks the process's memory, which\n"
                  "needs root or an unlimited locked-memory limit (ulimit -l unlimited).\n");
     log.Add(elog_PANIC, 1, "the sensor task did not start");
+    return 1;
+  }
+
+  if (!field.Start(field_why)) {
+    std::fprintf(stderr, "station: %s\n", field_why.c_str());
+    log.Add(elog_PANIC, 2, "%s", field_why.c_str());
     return 1;
   }
 
@@ -283,6 +296,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     }
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
+    field.Poll();
     std::string address;
     while (MySocket* peer = net.Take(&address)) {
       auto c = std::make_unique<Client>();
@@ -372,6 +386,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   clients.clear();
   net.Stop();
   st.task.Stop();
+  field.Stop();  // safe states written
+  field.Poll();
   if (terminal) std::fputs("\r\n", stdout);
   return 0;
 }
@@ -384,6 +400,7 @@ int main(int argc, char** argv) {
   const int threads_at_start = count_entries("/proc/self/task");
   station::AccessOption option;
   const bool access_option = option.Take(argc, argv);
+  const bool modbus_map = station::take_modbus_map_option(argc, argv);
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
   if (cfg.parse_argline_default(
@@ -413,6 +430,7 @@ int main(int argc, char** argv) {
   all.emplace_back("LogRetention", &retention);
   if (!apply_overrides(cfg, all)) return 2;
   if (access_option) return option.Handle(settings, server);
+  if (modbus_map) return station::print_modbus_map(cfg);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;

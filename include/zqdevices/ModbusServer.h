@@ -20,6 +20,8 @@ namespace zqdevices {
 //   Listen = 127.0.0.1:1502   address and port (port 0: any free one)
 //   MaxConnections = 4        clients at once; further ones are closed at once
 //   WritableCoils = 0-3,7     output bits clients may write (none by default)
+//   WriteFrom = 127.0.0.1/32  address rules of the clients that may write, kept
+//                             for the program's write check (see SetWriteCheck)
 // The register map follows from the configuration (see MapText()):
 //   coils 0..8*B-1             the output image bits (B = image bytes)
 //   discrete inputs 0..8*B-1   the input image bits
@@ -32,6 +34,7 @@ struct ZQ_EXPORT ModbusServerConfig {
   std::string listen;  // empty: no server
   int max_connections = 4;
   std::vector<bool> writable;  // per coil
+  std::string write_from;      // WriteFrom, as written
   unsigned int image_bytes = 0;
   std::vector<std::pair<std::string, std::string>> values;  // (device, point)
   std::vector<std::string> units;
@@ -81,7 +84,9 @@ class ZQ_EXPORT ModbusServer : public ValueSink {
   bool PublishImage(const uint8_t* inputs, const uint8_t* outputs);
   void Deliver(const DeviceValue& value) override;
   // Hands the coil writes accepted since the last call to `apply` (bit,
-  // state), oldest first; the count.
+  // state), oldest first; the count. Neither waits nor allocates: while
+  // the server is answering a request it hands nothing (0), and the writes
+  // wait for the next call. `apply` must be quick.
   unsigned int TakeWrites(const std::function<void(unsigned int bit, bool on)>& apply);
   Stats GetStats() const;
   // The register map, one line per range, as documented above.

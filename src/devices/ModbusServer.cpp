@@ -110,14 +110,12 @@ void ServerCore::PublishValue(size_t index, double value, bool good) {
 }
 
 unsigned int ServerCore::TakeWrites(const std::function<void(unsigned int, bool)>& apply) {
-  std::vector<std::pair<unsigned int, bool>> taken;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    taken.swap(writes_);
-    writes_.reserve(kMaxWrites);
-  }
-  for (const auto& w : taken) apply(w.first, w.second);
-  return static_cast<unsigned int>(taken.size());
+  std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) return 0;
+  for (const auto& w : writes_) apply(w.first, w.second);
+  const auto n = static_cast<unsigned int>(writes_.size());
+  writes_.clear();  // keeps the capacity
+  return n;
 }
 
 ModbusServer::Stats ServerCore::GetStats() {
@@ -197,8 +195,10 @@ bool ModbusServerConfig::Load(Config_File& cfg, const std::vector<DeviceConfig>&
           }
           for (long b = first; b <= last; ++b) c.writable[b] = true;
         }
+      } else if (key == "WriteFrom") {
+        c.write_from = value;
       } else {
-        error = at + "unknown setting (Listen, MaxConnections, WritableCoils)";
+        error = at + "unknown setting (Listen, MaxConnections, WritableCoils, WriteFrom)";
         return false;
       }
     }
