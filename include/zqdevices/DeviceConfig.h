@@ -44,7 +44,7 @@ struct ZQ_EXPORT DevicePoint {
 // A device's settings:
 //   Url = modbus-tcp://host:502 | modbus-rtu:///dev/ttyUSB0?baud=19200&parity=E
 //   Unit = 1            Modbus unit (slave) id, 0..247
-//   PeriodMs = 1000     poll period
+//   PeriodMs = 1000     poll period; 0: back to back, as fast as the device answers
 //   TimeoutMs = 500     answer timeout (also the TCP connect timeout)
 //   Retries = 0         further tries of a failed request before the device faults
 //   Recovery = auto     auto (retried with back-off) or command (operator)

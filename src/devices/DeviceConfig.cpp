@@ -110,7 +110,7 @@ bool DeviceConfig::FromSection(Config_File& cfg, const std::string& section, Dev
     std::string lower = key;
     std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
     struct Int { const char* key; int* value; long low, high; };
-    const Int ints[] = {{"unit", &d.unit, 0, 247},          {"periodms", &d.period_ms, 1, 86400000},
+    const Int ints[] = {{"unit", &d.unit, 0, 247},          {"periodms", &d.period_ms, 0, 86400000},
                         {"timeoutms", &d.timeout_ms, 1, 600000}, {"retries", &d.retries, 0, 10},
                         {"backoffms", &d.backoff_ms, 1, 86400000}, {"backoffmaxms", &d.backoff_max_ms, 1, 86400000}};
     bool done = false;
