@@ -100,6 +100,8 @@ class ZQ_EXPORT SerialLine {
  private:
   bool fail(const std::string& what);
   bool apply(const SerialSettings& settings);
+  // Reads what is there, waiting until `deadline` (monotonic ms) for it.
+  ssize_t read_some(void* buffer, size_t length, long long deadline);
 
   int fd_ = -1;
   std::string path_;

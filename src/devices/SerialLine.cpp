@@ -287,9 +287,7 @@ bool SerialLine::GetModemLines(ModemLines& out) {
   return true;
 }
 
-ssize_t SerialLine::Read(void* buffer, size_t length, int timeout_ms) {
-  if (fd_ < 0) return fail("not open"), -1;
-  const long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 0);
+ssize_t SerialLine::read_some(void* buffer, size_t length, long long deadline) {
   // The line is raw with VMIN = VTIME = 0: an empty read means nothing
   // there; empty after poll() said ready means hung up.
   bool ready = false;
@@ -306,30 +304,23 @@ ssize_t SerialLine::Read(void* buffer, size_t length, int timeout_ms) {
   }
 }
 
+ssize_t SerialLine::Read(void* buffer, size_t length, int timeout_ms) {
+  if (fd_ < 0) return fail("not open"), -1;
+  return read_some(buffer, length, now_ms() + (timeout_ms > 0 ? timeout_ms : 0));
+}
+
 ssize_t SerialLine::ReadUntil(std::string& out, char terminator, size_t max, int timeout_ms) {
   if (fd_ < 0) return fail("not open"), -1;
   const long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 0);
-  size_t got = 0;
-  char c;
   // One byte at a time: what follows the terminator stays in the driver for
   // the next read.
-  bool ready = false;
-  while (got < max) {
-    const ssize_t n = ::read(fd_, &c, 1);
-    if (n == 1) {
-      out.push_back(c);
-      ++got;
-      ready = false;
-      if (c == terminator) return static_cast<ssize_t>(got);
-      continue;
-    }
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno != EAGAIN) return fail(std::string("read: ") + std::strerror(errno)), -1;
-    if (ready) return fail("read: hung up"), -1;
-    const int w = wait_for(fd_, POLLIN, deadline);
-    if (w < 0) return fail("read: hung up or line in error"), -1;
-    if (w == 0) return 0;
-    ready = true;
+  for (size_t got = 0; got < max;) {
+    char c;
+    const ssize_t n = read_some(&c, 1, deadline);
+    if (n <= 0) return n;
+    out.push_back(c);
+    ++got;
+    if (c == terminator) return static_cast<ssize_t>(got);
   }
   return 0;
 }

@@ -12,9 +12,12 @@
 #include <unistd.h>
 #include <zqcommon/lib_config.h>
 
+#include "support/child_process.h"
+#include "support/eventually.h"
+#include "support/scratch_dir.h"
+
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -38,43 +41,13 @@ int free_port() {
   return ntohs(a.sin_port);
 }
 
-// A program the test starts and stops by its pid.
-struct Child {
-  pid_t pid = -1;
-  explicit Child(const std::vector<std::string>& argv) {
-    pid = fork();
-    if (pid == 0) {
-      std::vector<char*> args;
-      for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
-    }
-  }
-  ~Child() {
-    if (pid <= 0) return;
-    kill(pid, SIGCONT);
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-  }
-};
-
-// Polls `done` every 10 ms for up to `limit`.
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s) {
-  for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-    if (done()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return done();
-}
-
 struct TcpPeer {
   int port = free_port();
-  Child child{{"/usr/bin/python3", ZQ_MODBUS_PEER, "--tcp", std::to_string(port)}};
+  ChildProcess child{{"/usr/bin/python3", ZQ_MODBUS_PEER, "--tcp", std::to_string(port)}};
   // A plain libmodbus client beside the device under test, to see the coils.
   modbus_t* probe = modbus_new_tcp("127.0.0.1", port);
   TcpPeer() {
-    eventually([&] { return modbus_connect(probe) == 0; });
+    eventually([&] { return modbus_connect(probe) == 0; }, 20000);  // Python starts slowly on a busy machine
   }
   ~TcpPeer() { modbus_free(probe); }
   int coil(int address) {
@@ -210,7 +183,7 @@ TEST(ModbusDevice, DeadDeviceFaultsAloneAndRecovers) {
   ASSERT_TRUE(eventually([&] { return dying.coil(0) == 0; }));
   const double rate_before = poll_rate(a, 2000ms);
 
-  kill(dying.child.pid, SIGSTOP);  // b stops answering
+  kill(dying.child.pid(), SIGSTOP);  // b stops answering
   const auto stopped_at = std::chrono::steady_clock::now();
   ASSERT_TRUE(eventually([&] { return sink.get("b.level").quality == Quality::device_fault; }));
   const auto took = std::chrono::steady_clock::now() - stopped_at;
@@ -223,7 +196,7 @@ TEST(ModbusDevice, DeadDeviceFaultsAloneAndRecovers) {
 
   // Recovery by command only: the device answers again but stays faulted
   // until the operator says so, then starts from the safe state.
-  kill(dying.child.pid, SIGCONT);
+  kill(dying.child.pid(), SIGCONT);
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(b.GetState(), ModbusDevice::faulted);
   b.Recover();
@@ -246,33 +219,30 @@ TEST(ModbusDevice, AutomaticRecoveryWithBackOff) {
   ASSERT_TRUE(dev.Start());
   ASSERT_TRUE(eventually([&] { return dev.GetState() == ModbusDevice::faulted; }));
   EXPECT_NE(dev.LastError().find("cannot connect to modbus-tcp://127.0.0.1:"), std::string::npos) << dev.LastError();
-  Child peer({"/usr/bin/python3", ZQ_MODBUS_PEER, "--tcp", std::to_string(port)});
-  ASSERT_TRUE(eventually([&] { return dev.GetState() == ModbusDevice::running; })) << dev.LastError();
+  ChildProcess peer({"/usr/bin/python3", ZQ_MODBUS_PEER, "--tcp", std::to_string(port)});
+  ASSERT_TRUE(eventually([&] { return dev.GetState() == ModbusDevice::running; }, 20000)) << dev.LastError();
   EXPECT_TRUE(eventually([&] { return sink.get("late.level").value == 1234; }));
 }
 
 TEST(ModbusDevice, RtuOverPseudoTerminalPair) {
-  char dir[] = "/tmp/zqrtuXXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string ours = std::string(dir) + "/ours", theirs = std::string(dir) + "/theirs";
-  Child socat({"/usr/bin/socat", "pty,raw,echo=0,link=" + ours, "pty,raw,echo=0,link=" + theirs});
+  ScratchDir dir;
+  const std::string ours = dir / "ours", theirs = dir / "theirs";
+  ChildProcess socat({"/usr/bin/socat", "pty,raw,echo=0,link=" + ours, "pty,raw,echo=0,link=" + theirs});
   ASSERT_TRUE(eventually([&] { return access(ours.c_str(), F_OK) == 0 && access(theirs.c_str(), F_OK) == 0; }));
-  Child peer({"/usr/bin/python3", ZQ_MODBUS_PEER, "--rtu", theirs, "19200"});
+  ChildProcess peer({"/usr/bin/python3", ZQ_MODBUS_PEER, "--rtu", theirs, "19200"});
   Recorder sink;
   ModbusDevice dev(config_of("[Device.meter]\nUrl = modbus-rtu://" + ours +
                                  "?baud=19200&parity=N\nUnit = 7\nPeriodMs = 50\nTimeoutMs = 300\nBackoffMs = 100\n"
                                  "Point.t = holding 4 f32 cdab scale=2 unit=degC\nPoint.flow = input 0 unit=l/h\n",
                              "Device.meter"), &sink);
   ASSERT_TRUE(dev.Start()) << dev.LastError();
-  ASSERT_TRUE(eventually([&] { return sink.get("meter.t").quality == Quality::good && sink.get("meter.t").count > 0; }))
+  ASSERT_TRUE(eventually([&] { return sink.get("meter.t").quality == Quality::good && sink.get("meter.t").count > 0; },
+                         20000))
       << dev.LastError();
   EXPECT_EQ(sink.get("meter.t").value, 43);
   EXPECT_EQ(sink.get("meter.t").unit, "degC");
   EXPECT_EQ(sink.get("meter.flow").value, 500);
   dev.Stop();
-  unlink(ours.c_str());
-  unlink(theirs.c_str());
-  rmdir(dir);
 }
 
 TEST(DeviceConfig, ErrorsNameFileLineAndValue) {
