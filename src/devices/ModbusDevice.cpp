@@ -243,26 +243,32 @@ struct ModbusDevice::Impl {
     return true;
   }
 
-  // Values to the sink and input bits to the image.
+  // Values to the sink and input bits to the image. The sink is called
+  // without the image's lock, so the task's transfers never wait for it.
   void deliver(bool fault) {
     const auto now = std::chrono::system_clock::now();
-    std::lock_guard<std::mutex> lock(io_mutex);
+    {
+      std::lock_guard<std::mutex> lock(io_mutex);
+      for (size_t i = 0; i < config.points.size(); ++i) {
+        const DevicePoint& p = config.points[i];
+        if (point_block[i] < 0 || p.io_bit < 0 || fault || !blocks[point_block[i]].ok) continue;
+        const Block& b = blocks[point_block[i]];
+        uint8_t& byte = image[p.io_bit / 8];
+        const uint8_t bit = static_cast<uint8_t>(1u << (p.io_bit % 8));
+        byte = b.bits[p.address - b.start] ? (byte | bit) : (byte & ~bit);
+      }
+    }
     for (size_t i = 0; i < config.points.size(); ++i) {
       const DevicePoint& p = config.points[i];
-      if (point_block[i] < 0) continue;
+      if (point_block[i] < 0 || p.io_bit >= 0) continue;
       const Block& b = blocks[point_block[i]];
       const bool good = !fault && b.ok;
       if (good) {
         const unsigned int at = p.address - b.start;
         const double raw = b.bits.empty() ? details::decode_raw(p, &b.regs[at]) : b.bits[at];
         values[i] = raw * p.scale + p.offset;
-        if (p.io_bit >= 0) {
-          uint8_t& byte = image[p.io_bit / 8];
-          const uint8_t bit = static_cast<uint8_t>(1u << (p.io_bit % 8));
-          byte = b.bits[at] ? (byte | bit) : (byte & ~bit);
-        }
       }
-      if (sink && p.io_bit < 0)
+      if (sink)
         sink->Deliver(DeviceValue{config.name, p.name, values[i], p.unit,
                                   good ? Quality::good : Quality::device_fault, now});
     }
