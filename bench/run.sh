@@ -9,14 +9,14 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-bench}
-bash "$root/scripts/deps.sh" zlib1g-dev libboost-dev libisal-dev libinih-dev libspdlog-dev rt-tests libgsl-dev
+bash "$root/scripts/deps.sh" zlib1g-dev libboost-dev libisal-dev libinih-dev libspdlog-dev rt-tests libgsl-dev libmodbus-dev
 cmake -S "$root/bench" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$(nproc)" >/dev/null
 
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
 failed=()
-for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10"; do
+for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10" modbus_bench; do
   read -r bench args <<<"$run"
   if [ -x "$build/$bench" ]; then
     # shellcheck disable=SC2086

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -76,6 +76,13 @@ case "$target" in
       "$n" "$(head -c 64 /dev/zero | od -An -tx1 | tr -d ' \n')" > "$corpus/seed1"
     printf '{"cmd":"status","station":"s1","user":"bob","time":"2026-11-18T11:06:55.250Z",%s,"sig":"zz"}' "$n" \
       > "$corpus/seed2" ;;
+  deviceurl)
+    printf 'modbus-tcp://[fe80::1]:1502/' > "$corpus/seed1"; printf 'modbus-tcp://plc-3.local' > "$corpus/seed2"
+    printf 'modbus-rtu:///dev/ttyUSB0?baud=19200&parity=E&data=8&stop=1&rs485=1&rts_before=2' > "$corpus/seed3" ;;
+  modbusserver)  # first byte: bit 0 lets the client write; then MBAP frames
+    printf '\x01\x00\x01\x00\x00\x00\x06\x01\x01\x00\x00\x00\x10\x00\x02\x00\x00\x00\x06\x01\x05\x00\x01\xff\x00' > "$corpus/seed1"
+    printf '\x01\x00\x03\x00\x00\x00\x08\x01\x0f\x00\x01\x00\x02\x01\x03\x00\x04\x00\x00\x00\x06\x01\x04\x00\x00\x00\x06' > "$corpus/seed2"
+    printf '\x00\x00\x05\x00\x00\x00\x06\x01\x06\x00\x00\x00\x07\x00\x06\x00\x00\xff\xff\x01\x10' > "$corpus/seed3" ;;
 esac
 
 cd "$build"

@@ -57,6 +57,7 @@ const struct {
     {"config set", ZQSecurity::kAdmin},  {"config save", ZQSecurity::kAdmin},
     {"echo", ZQSecurity::kViewer},       {"set", ZQSecurity::kViewer},
     {"unset", ZQSecurity::kViewer},      {"history", ZQSecurity::kViewer},
+    {"device", ZQSecurity::kViewer},     {"device recover", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";

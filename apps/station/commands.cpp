@@ -19,6 +19,7 @@
 #include <limits>
 #include <memory>
 
+#include "devices.h"
 #include "settings.h"
 #include "station.h"
 #include "workers.h"
@@ -378,6 +379,7 @@ void register_commands(CLI& cli, Session& s) {
   cli.Register(cmd_crc, &s, "crc", nullptr, "crc FILE: CRC-32 and CRC-16 of a file");
   cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]: the settings");
   cli.Register(cmd_starttls, &s, "starttls", nullptr, "starttls: switch this connection to TLS");
+  register_device_commands(cli, s);
 }
 
 }  // namespace station

@@ -33,6 +33,7 @@
 #include <memory>
 #include <vector>
 
+#include "devices.h"
 #include "fleet.h"
 #include "machine.h"
 #include "network.h"
@@ -291,6 +292,7 @@ void close_oldest_not_logged_in(std::vector<std::unique_ptr<Client>>& clients, i
 
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
         station::ServerSettings& server, station::Service& service) {
+  station::FieldDevices field(cfg, log);  // outlives the task that uses its handlers
   Station st(cfg, settings, server, logcfg, log);
   st.workers = std::make_shared<station::WorkQueue>(2);  // file digests of network sessions
   const bool required = settings.RealTime ^= "required";
@@ -303,6 +305,11 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     return 1;
   }
   st.task.SetMemoryLockOptional(!required);
+  std::string field_why;
+  if (!field.Attach(st.task, server.ACL, field_why)) {
+    std::fprintf(stderr, "station: %s\n", field_why.c_str());
+    return 2;
+  }
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {
@@ -323,6 +330,12 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     station::settings_state().realtime_warning = what;
     std::fprintf(stderr, "station: warning: %s\n", what.c_str());
     log.Add(elog_WARN, 0, "%s", what.c_str());
+  }
+
+  if (!field.Start(field_why)) {
+    std::fprintf(stderr, "station: %s\n", field_why.c_str());
+    log.Add(elog_PANIC, 2, "%s", field_why.c_str());
+    return 1;
   }
 
   station::Gate gate(settings, server, log);
@@ -376,6 +389,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     }
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
+    field.Poll();
     std::string address;
     while (MySocket* peer = net.Take(&address)) {
       auto c = std::make_unique<Client>();
@@ -478,6 +492,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   clients.clear();
   net.Stop();
   st.task.Stop();
+  field.Stop();  // safe states written
+  field.Poll();
   if (terminal) std::fputs("\r\n", stdout);
   return 0;
 }
@@ -490,6 +506,7 @@ int main(int argc, char** argv) {
   const int threads_at_start = count_entries("/proc/self/task");
   station::AccessOption option;
   const bool access_option = option.Take(argc, argv);
+  const bool modbus_map = station::take_modbus_map_option(argc, argv);
   station::CommandKeyOption key_option;
   key_option.Take(argc, argv);
   // Section.Key=VALUE arguments are the settings' business, the rest options.
@@ -532,6 +549,7 @@ int main(int argc, char** argv) {
   }
   if (access_option) return option.Handle(settings, server);
   if (key_option.given) return key_option.Handle(settings.UsersFile);
+  if (modbus_map) return station::print_modbus_map(cfg);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;

@@ -86,6 +86,11 @@ class SensorTask : public rtthread {
   std::atomic<double> low{0.0}, high{80.0}, setpoint{40.0};
   // Lateness and overruns, recorded by the task, read by anyone.
   CycleStats cycle_stats;
+  // Field devices (devices.cpp), set before the task starts: their handlers
+  // join the image after the board, and the hook sees the image (inputs,
+  // outputs) in every cycle just before the outputs are written.
+  bool AddHandler(IOHandler& h) { return io_.AddHandler(h) == IOR_SUCCESS; }
+  std::function<void(unsigned char* inputs, unsigned char* outputs)> cycle_hook;
 
  protected:
   void start(void* arg) override;

@@ -96,6 +96,7 @@ void* SensorTask::rtrun(void*) {
   const double y = reading(cycle, x);
   io_.CopyBit(board_.Id(), kHeater, y < setpoint.load());
   io_.CopyBit(board_.Id(), kAlarm, y < low.load() || y > high.load());
+  if (cycle_hook) cycle_hook(i_, o_);
   io_.WriteAll();
   char buf[64];
   const int n = std::snprintf(buf, sizeof buf, "%lld %.6f %.4f %u %lld", cycle, x, y,

@@ -7,7 +7,8 @@ Starts the station on a free port in a scratch folder and, from loopback
 clients, tries what an attacker would: settings that redirect the log, files
 outside the data folder, directories, devices and FIFOs, memory
 amplification through variables, super-linear substitution, out-of-range
-settings, terminal escapes for the log, a full disk. After every attempt the station must
+settings, terminal escapes for the log, a full disk, and malformed Modbus
+frames at the station's Modbus server. After every attempt the station must
 answer a plain command. Bounded: every wait has a time-out.
 """
 import hashlib
@@ -46,9 +47,9 @@ class Client:
         return answer[: -len(PROMPT)]
 
 
-def start(binary, *args, cwd=WORK, users="none", tls="0", umask=None):
+def start(binary, *args, cwd=WORK, config="station.cfg", users="none", tls="0", umask=None):
     out = open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(cwd)), "w+")
-    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0",
+    proc = subprocess.Popen([binary, "-f", config, "Server.ListenPort=0",
                              "Station.UsersFile=" + users, "Server.RequireTLS=" + tls] + list(args), cwd=cwd,
                             stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
                             preexec_fn=None if umask is None else lambda: os.umask(umask))
@@ -512,6 +513,79 @@ def gate(binary, source):
         if proc.poll() is None:
             proc.kill()
             proc.wait()
+def modbus_request(port, pdu, timeout=5):
+    """One Modbus TCP request; the answer's bytes (empty when closed)."""
+    c = socket.create_connection(("127.0.0.1", port), timeout=timeout)
+    try:
+        c.sendall(bytes([0, 7, 0, 0, 0, len(pdu) + 1, 1]) + pdu)
+        return c.recv(300)
+    except OSError:
+        return b""
+    finally:
+        c.close()
+
+
+def modbus_hostile(binary):
+    """The Modbus server: garbage, lying length fields, half frames left
+    hanging, more connections than allowed, writes without the right. It
+    must keep answering a plain read, and the station its commands."""
+    with open(os.path.join(WORK, "station-modbus.cfg"), "w") as f:
+        f.write(open(os.path.join(WORK, "station.cfg")).read())
+        f.write("\n[ModbusServer]\nListen = 127.0.0.1:0\nMaxConnections = 4\nWritableCoils = 4\n")
+    proc, port = start(binary, cwd=WORK, config="station-modbus.cfg")
+    try:
+        m = re.search(r"modbus port (\d+)", open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(WORK))).read())
+        check(m, "the Modbus server listens")
+        mport = int(m.group(1))
+        read = bytes([1, 0, 0, 0, 8])
+        check(len(modbus_request(mport, read)) == 10, "a plain read of coils")
+        junk = [os.urandom(n) for n in (1, 7, 12, 300, 4096)]
+        junk += [bytes([0, 1, 0, 0, 0xFF, 0xFF, 1, 3, 0, 0, 0, 1]),      # length beyond any frame
+                 bytes([0, 1, 0, 0, 0, 0, 1]),                           # length 0
+                 bytes([0, 1, 0, 5, 0, 6, 1, 3, 0, 0, 0, 1]),            # not Modbus (protocol 5)
+                 bytes([0, 1, 0, 0, 0, 6, 1, 1, 0xFF, 0xFF, 0x07, 0xD0]),  # read past the end
+                 bytes([0, 1, 0, 0, 0, 7, 1, 0x0F, 0, 4, 0, 200, 0])]     # byte count lies
+        for j in junk:
+            c = socket.create_connection(("127.0.0.1", mport), timeout=5)
+            c.sendall(j)
+            c.settimeout(2)
+            try:
+                c.recv(300)
+            except OSError:
+                pass
+            c.close()
+        check(len(modbus_request(mport, read)) == 10, "the server answers after garbage")
+        # Half frames left hanging on every allowed connection but one.
+        hanging = []
+        for _ in range(3):
+            h = socket.create_connection(("127.0.0.1", mport), timeout=5)
+            h.sendall(bytes([0, 1, 0, 0, 0, 6, 1]))
+            hanging.append(h)
+        t = time.time()
+        check(len(modbus_request(mport, read)) == 10, "a read beside three half frames")
+        check(time.time() - t < 3, "half frames hold the others up briefly", time.time() - t)
+        extra = [socket.create_connection(("127.0.0.1", mport), timeout=5) for _ in range(6)]
+        check(len(modbus_request(mport, read)) in (0, 10), "beyond MaxConnections: closed, never stuck")
+        for s in hanging + extra:
+            s.close()
+        for _ in range(200):  # a connect-and-close flood
+            socket.create_connection(("127.0.0.1", mport), timeout=5).close()
+        check(eventually_answers(mport, read), "the server answers after the flood")
+        check(modbus_request(mport, bytes([5, 0, 4, 0xFF, 0]))[7:] == bytes([0x85, 1]),
+              "a write without WriteFrom: illegal function")
+        c = Client(port)
+        alive(c, proc, "the Modbus attacks")
+    finally:
+        proc.send_signal(signal.SIGTERM)
+        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with the Modbus server")
+
+
+def eventually_answers(port, pdu):
+    for _ in range(50):
+        if len(modbus_request(port, pdu)) == 10:
+            return True
+        time.sleep(0.1)
+    return False
 
 
 def main():
@@ -538,6 +612,7 @@ def main():
         check(again.wait(timeout=30) == 0, "the saved file starts again")
         disk_full(binary, source)
         gate(binary, source)
+        modbus_hostile(binary)
         print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:

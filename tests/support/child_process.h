@@ -41,6 +41,8 @@ class ChildProcess {
 
   // The child's standard output; null when it could not be started.
   FILE* out() const { return out_; }
+  // The child's process id (for signals), -1 once reaped or not started.
+  pid_t pid() const { return pid_; }
   // Waits for the child to end: its exit status, or -1.
   int wait() {
     int status = -1;

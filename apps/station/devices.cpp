@@ -1,0 +1,244 @@
+// Field devices at the station (see devices.h).
+#include "devices.h"
+
+#include <zqcommon/cli.h>
+#include <zqcommon/lib_config.h>
+#include <zqcommon/mysocket.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+#include "station.h"
+
+namespace station {
+namespace {
+
+FieldDevices* g_active = nullptr;
+
+// The image bytes the station's board takes before the devices.
+constexpr unsigned int kBoardBytes = 8;
+
+bool load_devices(Config_File& cfg, std::vector<zqdevices::DeviceConfig>& devices, std::string& why) {
+  if (!zqdevices::DeviceConfig::LoadAll(cfg, devices, why)) return false;
+  unsigned int id = 100;
+  for (zqdevices::DeviceConfig& d : devices)
+    if (d.io_id == 0) d.io_id = id++;  // every device gets a handler of its own
+  return true;
+}
+
+unsigned int device_bytes(const zqdevices::DeviceConfig& d) {
+  int top = -1;
+  for (const zqdevices::DevicePoint& p : d.points) top = std::max(top, p.io_bit);
+  return static_cast<unsigned int>(top / 8 + 1);
+}
+
+// A peer check from address rules ("10.0.0.0/8 ::1/128"); empty rules: nobody.
+zqdevices::ModbusServer::PeerCheck rules_check(const std::string& rules) {
+  auto acl = std::make_shared<AccessList>();
+  std::istringstream in(rules);
+  std::string rule;
+  while (in >> rule) acl->Add(ACL_ALLOW, rule);
+  return [acl](const std::string& who) {
+    InetAddress peer(who, true);
+    return acl->match(peer) == ACL_ALLOW;
+  };
+}
+
+}  // namespace
+
+FieldDevices* field_devices() { return g_active; }
+
+FieldDevices::FieldDevices(Config_File& cfg, Log& log) : cfg_(cfg), log_(log) { g_active = this; }
+
+FieldDevices::~FieldDevices() {
+  Stop();
+  if (g_active == this) g_active = nullptr;
+}
+
+bool FieldDevices::Attach(SensorTask& task, const std::string& acl, std::string& why) {
+  std::vector<zqdevices::DeviceConfig> configs;
+  if (!load_devices(cfg_, configs, why)) return false;
+  image_bytes_ = kBoardBytes;
+  for (const zqdevices::DeviceConfig& c : configs) {
+    devices_.push_back(std::make_unique<zqdevices::ModbusDevice>(c, this));
+    if (device_bytes(c) == 0) continue;
+    if (!task.AddHandler(devices_.back()->Io())) {
+      why = "[Device." + c.name + "]: no room in the I/O image (8 handlers of 16 bytes at most)";
+      return false;
+    }
+    image_bytes_ += device_bytes(c);
+  }
+  zqdevices::ModbusServerConfig sc;
+  if (!zqdevices::ModbusServerConfig::Load(cfg_, configs, image_bytes_, sc, why)) return false;
+  if (!sc.listen.empty()) {
+    server_ = std::make_unique<zqdevices::ModbusServer>(sc);
+    // Clients pass the station's access list; writes need [ModbusServer] WriteFrom.
+    if (!acl.empty()) {
+      auto list = std::make_shared<AccessList>();
+      std::vector<std::string> problems;
+      if (!list->load_checked(acl, &problems)) {
+        why = "Server.ACL: " + (problems.empty() ? acl + " cannot be read" : problems.front());
+        return false;
+      }
+      server_->SetAcceptCheck([list](const std::string& who) {
+        InetAddress peer(who, true);
+        return list->match(peer) == ACL_ALLOW;
+      });
+    }
+    server_->SetWriteCheck(rules_check(sc.write_from));
+    zqdevices::ModbusServer* server = server_.get();
+    task.cycle_hook = [server](unsigned char* inputs, unsigned char* outputs) {
+      server->TakeWrites([outputs](unsigned int bit, bool on) {
+        if (on)
+          outputs[bit / 8] |= static_cast<unsigned char>(1u << (bit % 8));
+        else
+          outputs[bit / 8] &= static_cast<unsigned char>(~(1u << (bit % 8)));
+      });
+      server->PublishImage(inputs, outputs);
+    };
+  }
+  return true;
+}
+
+bool FieldDevices::Start(std::string& why) {
+  for (auto& d : devices_) {
+    if (!d->Start()) {
+      why = d->LastError();
+      return false;
+    }
+    log_.Add(elog_INFO, 0, "device %s: polling %s every %d ms", d->Config().name.c_str(),
+             d->Config().url.ToString().c_str(), d->Config().period_ms);
+  }
+  if (server_) {
+    if (!server_->Start()) {
+      why = server_->LastError();
+      return false;
+    }
+    log_.Add(elog_INFO, 0, "Modbus server on port %d", server_->Port());
+    std::printf("modbus port %d\r\n", server_->Port());
+    std::fflush(stdout);
+  }
+  return true;
+}
+
+void FieldDevices::Stop() {
+  if (server_) server_->Stop();
+  for (auto& d : devices_) d->Stop();
+}
+
+void FieldDevices::Poll() {
+  std::deque<std::pair<bool, std::string>> events;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events.swap(events_);
+  }
+  for (const auto& e : events) log_.Add(e.first ? elog_ERROR : elog_INFO, 0, "%s", e.second.c_str());
+}
+
+void FieldDevices::Deliver(const zqdevices::DeviceValue& v) {
+  if (server_) server_->Deliver(v);
+  std::lock_guard<std::mutex> lock(mutex_);
+  Latest& l = latest_[v.device + "." + v.name];
+  l.value = v.value;
+  if (l.unit != v.unit) l.unit = v.unit;
+  l.good = v.quality == zqdevices::Quality::good;
+}
+
+void FieldDevices::StateChanged(const std::string& device, bool faulted, const std::string& reason) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (events_.size() < 256)
+    events_.emplace_back(faulted, "device " + device + (faulted ? " fault: " : " recovered: ") + reason);
+}
+
+std::string FieldDevices::List() {
+  static const char* const kStates[] = {"stopped", "running", "FAULT"};
+  std::ostringstream out;
+  for (auto& d : devices_) {
+    const auto st = d->GetStats();
+    out << d->Config().name << ": " << kStates[d->GetState()] << ", " << d->Config().url.ToString() << ", "
+        << st.polls << " polls, " << st.faults << " faults";
+    if (d->GetState() == zqdevices::ModbusDevice::faulted) out << " (" << d->LastError() << ")";
+    out << "\r\n";
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& v : latest_)
+    out << "  " << v.first << " = " << v.second.value << (v.second.unit.empty() ? "" : " ") << v.second.unit
+        << (v.second.good ? "" : " (device fault)") << "\r\n";
+  return out.str();
+}
+
+bool FieldDevices::Recover(const std::string& name, std::string& why) {
+  for (auto& d : devices_) {
+    if (d->Config().name != name) continue;
+    if (d->GetState() != zqdevices::ModbusDevice::faulted) {
+      why = "device " + name + " is not faulted";
+      return false;
+    }
+    d->Recover();
+    return true;
+  }
+  why = "no device " + name;
+  return false;
+}
+
+namespace {
+
+int cmd_device(void* arg, int argc, const char** argv) {
+  Session& s = *static_cast<Session*>(arg);
+  FieldDevices* f = field_devices();
+  if (!f || f->Empty()) {
+    std::fputs("device: no [Device.*] sections configured\r\n", s.out);
+    return argc == 1 || std::strcmp(argv[1], "list") == 0 ? 0 : 1;
+  }
+  if (argc == 1 || (argc == 2 && std::strcmp(argv[1], "list") == 0)) {
+    std::fputs(f->List().c_str(), s.out);
+    return 0;
+  }
+  if (argc == 3 && std::strcmp(argv[1], "recover") == 0) {
+    std::string why;
+    if (!f->Recover(argv[2], why)) {
+      std::fprintf(s.out, "device: %s\r\n", why.c_str());
+      return 1;
+    }
+    s.station->log.Add(elog_INFO, 0, "device recover %s by %s", argv[2], s.peer.c_str());
+    std::fprintf(s.out, "device %s: recovery asked for\r\n", argv[2]);
+    return 0;
+  }
+  std::fputs("usage: device [list | recover NAME]\r\n", s.out);
+  return 1;
+}
+
+}  // namespace
+
+void register_device_commands(CLI& cli, Session& s) {
+  cli.Register(cmd_device, &s, "device", nullptr, "device [list|recover NAME]: field devices and their values");
+}
+
+int print_modbus_map(Config_File& cfg) {
+  std::vector<zqdevices::DeviceConfig> configs;
+  std::string why;
+  zqdevices::ModbusServerConfig sc;
+  unsigned int bytes = kBoardBytes;
+  if (load_devices(cfg, configs, why)) {
+    for (const auto& c : configs) bytes += device_bytes(c);
+    if (zqdevices::ModbusServerConfig::Load(cfg, configs, bytes, sc, why)) {
+      std::fputs(zqdevices::ModbusServer(sc).MapText().c_str(), stdout);
+      return 0;
+    }
+  }
+  std::fprintf(stderr, "station: %s\n", why.c_str());
+  return 2;
+}
+
+bool take_modbus_map_option(int& argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--modbus-map") != 0) continue;
+    for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
+    --argc;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace station

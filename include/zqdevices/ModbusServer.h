@@ -1,0 +1,103 @@
+// The program as a Modbus TCP server: its I/O image and device values.
+#ifndef ZQDEVICES_MODBUSSERVER_H
+#define ZQDEVICES_MODBUSSERVER_H
+
+#include <zqcommon/export.h>
+#include <zqdevices/DeviceConfig.h>
+#include <zqdevices/ValueSink.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class Config_File;
+
+namespace zqdevices {
+
+// [ModbusServer]: off unless Listen is set.
+//   Listen = 127.0.0.1:1502   address and port (port 0: any free one)
+//   MaxConnections = 4        clients at once; further ones are closed at once
+//   WritableCoils = 0-3,7     output bits clients may write (none by default)
+//   WriteFrom = 127.0.0.1/32  address rules of the clients that may write, kept
+//                             for the program's write check (see SetWriteCheck)
+// The register map follows from the configuration (see MapText()):
+//   coils 0..8*B-1             the output image bits (B = image bytes)
+//   discrete inputs 0..8*B-1   the input image bits
+//   discrete input 8*B+k       1 while value k is good
+//   input registers 2k, 2k+1   value k (scaled) as a 32-bit float, abcd order
+// with values k in the order of the [Device.*] sections and their points.
+// Everything is read-only except WritableCoils; even those only for clients
+// the write check allows (by default none).
+struct ZQ_EXPORT ModbusServerConfig {
+  std::string listen;  // empty: no server
+  int max_connections = 4;
+  std::vector<bool> writable;  // per coil
+  std::string write_from;      // WriteFrom, as written
+  unsigned int image_bytes = 0;
+  std::vector<std::pair<std::string, std::string>> values;  // (device, point)
+  std::vector<std::string> units;
+
+  // Reads [ModbusServer] (absent: off) and takes the values of `devices`;
+  // false with the reason (file, line, value) in `error`.
+  static bool Load(Config_File& cfg, const std::vector<DeviceConfig>& devices, unsigned int image_bytes,
+                   ModbusServerConfig& out, std::string& error);
+};
+
+// Serves the map above on a thread of its own, with libmodbus framing. The
+// program's task never waits for it: PublishImage skips a cycle rather than
+// wait for the server, and values arrive through the ValueSink interface
+// (from the devices' threads). Client writes to writable coils are kept until
+// the task collects them with TakeWrites and applies them to its image.
+//
+// Connection rules: the accept check (by default everyone) sees each
+// client's address; a refused client is closed without a byte. The write
+// check (by default no one) decides whether a client may write at all; a
+// refused write answers exception 1 (illegal function), a write to a
+// read-only coil or register exception 2 (illegal data address).
+//
+// Thread safety: Start, Stop and the checks from one thread before or after
+// serving; Publish*, TakeWrites, Deliver and the statistics from any thread.
+class ZQ_EXPORT ModbusServer : public ValueSink {
+ public:
+  using PeerCheck = std::function<bool(const std::string& address)>;
+  struct Stats {
+    uint64_t requests = 0, exceptions = 0, refused_connections = 0, writes = 0;
+  };
+
+  explicit ModbusServer(const ModbusServerConfig& config);
+  ~ModbusServer() override;
+  ModbusServer(const ModbusServer&) = delete;
+  ModbusServer& operator=(const ModbusServer&) = delete;
+
+  void SetAcceptCheck(PeerCheck check);
+  void SetWriteCheck(PeerCheck check);
+  // Listens and starts serving; false with the reason in LastError().
+  bool Start();
+  void Stop();
+  int Port() const;  // the port listened on, 0 before Start
+  std::string LastError() const;
+
+  // The image as the task has it now; false (nothing copied) when the server
+  // is busy with a request at this moment.
+  bool PublishImage(const uint8_t* inputs, const uint8_t* outputs);
+  void Deliver(const DeviceValue& value) override;
+  // Hands the coil writes accepted since the last call to `apply` (bit,
+  // state), oldest first; the count. Neither waits nor allocates: while
+  // the server is answering a request it hands nothing (0), and the writes
+  // wait for the next call. `apply` must be quick.
+  unsigned int TakeWrites(const std::function<void(unsigned int bit, bool on)>& apply);
+  Stats GetStats() const;
+  // The register map, one line per range, as documented above.
+  std::string MapText() const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zqdevices
+
+#endif

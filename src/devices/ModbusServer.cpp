@@ -1,0 +1,402 @@
+// The Modbus TCP server: the listening thread, the map and its checks.
+#include "zqdevices/ModbusServer.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zqcommon/lib_config.h>
+
+#include <cstring>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "devices/modbus_server_core.h"
+#include "devices/modbus_words.h"
+
+namespace zqdevices {
+namespace details {
+namespace {
+// Coil writes kept for the task at most; older ones are dropped beyond.
+constexpr size_t kMaxWrites = 1024;
+}  // namespace
+
+ServerCore::ServerCore(unsigned int image_bytes, size_t values, std::vector<bool> writable)
+    : map_(modbus_mapping_new_start_address(0, image_bytes * 8, 0, static_cast<unsigned int>(image_bytes * 8 + values),
+                                            0, 0, 0, static_cast<unsigned int>(values * 2))),
+      image_bits_(image_bytes * 8),
+      writable_(std::move(writable)) {
+  writable_.resize(image_bits_, false);
+  writes_.reserve(kMaxWrites);
+}
+
+ServerCore::~ServerCore() { modbus_mapping_free(map_); }
+
+void ServerCore::queue_write(unsigned int bit, bool on) {
+  if (writes_.size() == kMaxWrites) writes_.erase(writes_.begin());
+  writes_.emplace_back(bit, on);
+  ++stats_.writes;
+}
+
+bool ServerCore::Serve(modbus_t* ctx, bool may_write) {
+  const int length = modbus_receive(ctx, query_);
+  if (length < 0) return false;
+  if (length == 0) return true;  // not for this server
+  const int h = modbus_get_header_length(ctx);
+  if (length < h + 1 || !map_) return false;
+  const uint8_t* q = query_ + h;
+  const int function = q[0];
+  const unsigned int address = length >= h + 3 ? (q[1] << 8) | q[2] : 0;
+  const unsigned int count = length >= h + 5 ? (q[3] << 8) | q[4] : 0;
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++stats_.requests;
+  auto refuse = [&](unsigned int code) {
+    ++stats_.exceptions;
+    return modbus_reply_exception(ctx, query_, code) >= 0;
+  };
+  switch (function) {
+    case MODBUS_FC_WRITE_SINGLE_COIL:
+    case MODBUS_FC_WRITE_MULTIPLE_COILS: {
+      if (!may_write) return refuse(MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
+      const unsigned int n = function == MODBUS_FC_WRITE_SINGLE_COIL ? 1 : count;
+      if (n == 0 || n > MODBUS_MAX_WRITE_BITS || address + n > image_bits_) return refuse(MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS);
+      for (unsigned int b = address; b < address + n; ++b)
+        if (!writable_[b]) return refuse(MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS);
+      std::vector<uint8_t> before(map_->tab_bits + address, map_->tab_bits + address + n);
+      if (modbus_reply(ctx, query_, length, map_) < 0) return false;
+      for (unsigned int b = address; b < address + n; ++b)
+        if (map_->tab_bits[b] != before[b - address] || function == MODBUS_FC_WRITE_SINGLE_COIL)
+          queue_write(b, map_->tab_bits[b] != 0);
+      return true;
+    }
+    case MODBUS_FC_WRITE_SINGLE_REGISTER:
+    case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
+    case MODBUS_FC_MASK_WRITE_REGISTER:
+    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
+      // No register is writable.
+      return refuse(may_write ? MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS : MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
+    case MODBUS_FC_READ_COILS:
+    case MODBUS_FC_READ_DISCRETE_INPUTS:
+    case MODBUS_FC_READ_HOLDING_REGISTERS:
+    case MODBUS_FC_READ_INPUT_REGISTERS:
+      return modbus_reply(ctx, query_, length, map_) >= 0;
+    default:
+      return refuse(MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
+  }
+}
+
+bool ServerCore::PublishImage(const uint8_t* inputs, const uint8_t* outputs) {
+  std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+  if (!lock.owns_lock() || !map_) return false;
+  for (unsigned int b = 0; b < image_bits_; ++b) {
+    map_->tab_input_bits[b] = (inputs[b / 8] >> (b % 8)) & 1;
+    map_->tab_bits[b] = (outputs[b / 8] >> (b % 8)) & 1;
+  }
+  return true;
+}
+
+void ServerCore::PublishValue(size_t index, double value, bool good) {
+  DevicePoint as_float;
+  as_float.type = DevicePoint::f32;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!map_) return;
+  encode_raw(as_float, value, map_->tab_input_registers + 2 * index);
+  map_->tab_input_bits[image_bits_ + index] = good;
+}
+
+unsigned int ServerCore::TakeWrites(const std::function<void(unsigned int, bool)>& apply) {
+  std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) return 0;
+  for (const auto& w : writes_) apply(w.first, w.second);
+  const auto n = static_cast<unsigned int>(writes_.size());
+  writes_.clear();  // keeps the capacity
+  return n;
+}
+
+ModbusServer::Stats ServerCore::GetStats() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return stats_;
+}
+
+void ServerCore::CountRefused() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++stats_.refused_connections;
+}
+
+}  // namespace details
+
+namespace {
+
+bool parse_int(const std::string& text, long low, long high, long& out) {
+  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+  out = std::strtol(text.c_str(), nullptr, 10);
+  return out >= low && out <= high;
+}
+
+// "host:port" or "[v6]:port".
+bool split_listen(const std::string& text, std::string& host, std::string& port) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  host = text.substr(0, colon);
+  port = text.substr(colon + 1);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  long n = 0;
+  return parse_int(port, 0, 65535, n);
+}
+
+}  // namespace
+
+bool ModbusServerConfig::Load(Config_File& cfg, const std::vector<DeviceConfig>& devices, unsigned int image_bytes,
+                              ModbusServerConfig& out, std::string& error) {
+  ModbusServerConfig c;
+  c.image_bytes = image_bytes;
+  c.writable.assign(image_bytes * 8, false);
+  for (const DeviceConfig& d : devices)
+    for (const DevicePoint& p : d.points)
+      if (p.io_bit < 0) {
+        c.values.emplace_back(d.name, p.name);
+        c.units.push_back(p.unit);
+      }
+  if (cfg.has_section("ModbusServer")) {
+    for (LINE* line : cfg.get_section("ModbusServer")) {
+      const std::string key = line->Name(), value = line->Value();
+      const std::string at = cfg.getfilename() + ":" + std::to_string(line->Line()) + ": ModbusServer." + key + " = '" +
+                             value + "': ";
+      std::string host, port;
+      long n = 0;
+      if (key == "Listen") {
+        if (!value.empty() && !split_listen(value, host, port)) {
+          error = at + "not HOST:PORT (port 0..65535)";
+          return false;
+        }
+        c.listen = value;
+      } else if (key == "MaxConnections") {
+        if (!parse_int(value, 1, 64, n)) {
+          error = at + "not 1..64";
+          return false;
+        }
+        c.max_connections = static_cast<int>(n);
+      } else if (key == "WritableCoils") {
+        std::istringstream in(value);
+        std::string range;
+        while (std::getline(in, range, ',')) {
+          const size_t dash = range.find('-');
+          long first = 0, last = 0;
+          if (!parse_int(range.substr(0, dash), 0, 65535, first) ||
+              !parse_int(dash == std::string::npos ? range.substr(0, dash) : range.substr(dash + 1), first, 65535, last) ||
+              last >= static_cast<long>(image_bytes * 8)) {
+            error = at + "'" + range + "' is not a coil or range of coils 0.." + std::to_string(image_bytes * 8 - 1);
+            return false;
+          }
+          for (long b = first; b <= last; ++b) c.writable[b] = true;
+        }
+      } else if (key == "WriteFrom") {
+        c.write_from = value;
+      } else {
+        error = at + "unknown setting (Listen, MaxConnections, WritableCoils, WriteFrom)";
+        return false;
+      }
+    }
+  }
+  out = std::move(c);
+  return true;
+}
+
+struct ModbusServer::Impl {
+  explicit Impl(const ModbusServerConfig& c) : config(c), core(c.image_bytes, c.values.size(), c.writable) {
+    for (size_t k = 0; k < c.values.size(); ++k) index[c.values[k].first][c.values[k].second] = k;
+  }
+
+  void set_error(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    error = text;
+  }
+
+  bool listen_on() {
+    std::string host, port;
+    if (!split_listen(config.listen, host, port)) {
+      set_error("ModbusServer.Listen '" + config.listen + "' is not HOST:PORT");
+      return false;
+    }
+    addrinfo hints{}, *found = nullptr;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    if (const int r = getaddrinfo(host.c_str(), port.c_str(), &hints, &found)) {
+      set_error("ModbusServer.Listen '" + config.listen + "': " + gai_strerror(r));
+      return false;
+    }
+    listen_fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int one = 1;
+    setsockopt(listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    const bool ok = listen_fd >= 0 && bind(listen_fd, found->ai_addr, found->ai_addrlen) == 0 && listen(listen_fd, 16) == 0;
+    freeaddrinfo(found);
+    if (!ok) {
+      set_error("ModbusServer.Listen '" + config.listen + "': " + std::strerror(errno));
+      if (listen_fd >= 0) close(listen_fd);
+      listen_fd = -1;
+      return false;
+    }
+    sockaddr_storage a{};
+    socklen_t len = sizeof a;
+    getsockname(listen_fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port_bound = ntohs(a.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&a)->sin6_port
+                                               : reinterpret_cast<sockaddr_in*>(&a)->sin_port);
+    return true;
+  }
+
+  static std::string peer_address(const sockaddr_storage& a) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (a.ss_family == AF_INET)
+      inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(&a)->sin_addr, text, sizeof text);
+    else if (a.ss_family == AF_INET6)
+      inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(&a)->sin6_addr, text, sizeof text);
+    return text;
+  }
+
+  struct Client {
+    int fd;
+    bool may_write;
+  };
+
+  void accept_one() {
+    sockaddr_storage a{};
+    socklen_t len = sizeof a;
+    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&a), &len, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    const std::string who = peer_address(a);
+    if (static_cast<int>(clients.size()) >= config.max_connections || (accept_check && !accept_check(who))) {
+      core.CountRefused();
+      close(fd);
+      return;
+    }
+    clients.push_back(Client{fd, write_check && write_check(who)});
+  }
+
+  void run() {
+    std::vector<pollfd> fds;
+    for (;;) {
+      fds.clear();
+      fds.push_back(pollfd{stop_fd, POLLIN, 0});
+      fds.push_back(pollfd{listen_fd, POLLIN, 0});
+      for (const Client& c : clients) fds.push_back(pollfd{c.fd, POLLIN, 0});
+      if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) break;
+      if (fds[0].revents) break;
+      // Clients first (their indexes match fds), then new ones.
+      for (size_t k = clients.size(); k-- > 0;) {
+        if (!fds[k + 2].revents) continue;
+        modbus_set_socket(ctx, clients[k].fd);
+        if (!core.Serve(ctx, clients[k].may_write)) {
+          close(clients[k].fd);
+          clients.erase(clients.begin() + static_cast<long>(k));
+        }
+      }
+      if (fds[1].revents & POLLIN) accept_one();
+    }
+    for (const Client& c : clients) close(c.fd);
+    clients.clear();
+  }
+
+  ModbusServerConfig config;
+  details::ServerCore core;
+  std::map<std::string, std::map<std::string, size_t, std::less<>>, std::less<>> index;
+  PeerCheck accept_check, write_check;
+  modbus_t* ctx = nullptr;
+  int listen_fd = -1, stop_fd = -1, port_bound = 0;
+  std::vector<Client> clients;
+  std::thread thread;
+  mutable std::mutex mutex;
+  std::string error;
+};
+
+ModbusServer::ModbusServer(const ModbusServerConfig& config) : impl_(new Impl(config)) {}
+ModbusServer::~ModbusServer() { Stop(); }
+
+void ModbusServer::SetAcceptCheck(PeerCheck check) { impl_->accept_check = std::move(check); }
+void ModbusServer::SetWriteCheck(PeerCheck check) { impl_->write_check = std::move(check); }
+
+bool ModbusServer::Start() {
+  Impl& d = *impl_;
+  if (d.thread.joinable()) return d.set_error("already serving"), false;
+  if (!d.listen_on()) return false;
+  d.ctx = modbus_new_tcp("127.0.0.1", d.port_bound);  // framing only: the sockets are ours
+  d.stop_fd = eventfd(0, EFD_CLOEXEC);
+  if (!d.ctx || d.stop_fd < 0) {
+    d.set_error(std::string("cannot set up the server: ") + std::strerror(errno));
+    Stop();
+    return false;
+  }
+  // A client that sends half a frame holds the others up this long at most.
+  modbus_set_byte_timeout(d.ctx, 0, 100000);
+  d.thread = std::thread([&d] { d.run(); });
+  return true;
+}
+
+void ModbusServer::Stop() {
+  Impl& d = *impl_;
+  if (d.thread.joinable()) {
+    const uint64_t one = 1;
+    if (write(d.stop_fd, &one, sizeof one) < 0) {
+      // eventfd writes only fail on overflow: the thread is woken anyway.
+    }
+    d.thread.join();
+  }
+  if (d.ctx) modbus_free(d.ctx);
+  d.ctx = nullptr;
+  if (d.listen_fd >= 0) close(d.listen_fd);
+  if (d.stop_fd >= 0) close(d.stop_fd);
+  d.listen_fd = d.stop_fd = -1;
+}
+
+int ModbusServer::Port() const { return impl_->port_bound; }
+
+std::string ModbusServer::LastError() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->error;
+}
+
+bool ModbusServer::PublishImage(const uint8_t* inputs, const uint8_t* outputs) {
+  return impl_->core.PublishImage(inputs, outputs);
+}
+
+void ModbusServer::Deliver(const DeviceValue& v) {
+  const auto device = impl_->index.find(v.device);
+  if (device == impl_->index.end()) return;
+  const auto point = device->second.find(v.name);
+  if (point == device->second.end()) return;
+  impl_->core.PublishValue(point->second, v.value, v.quality == Quality::good);
+}
+
+unsigned int ModbusServer::TakeWrites(const std::function<void(unsigned int, bool)>& apply) {
+  return impl_->core.TakeWrites(apply);
+}
+
+ModbusServer::Stats ModbusServer::GetStats() const { return impl_->core.GetStats(); }
+
+std::string ModbusServer::MapText() const {
+  const ModbusServerConfig& c = impl_->config;
+  std::ostringstream out;
+  const unsigned int bits = c.image_bytes * 8;
+  out << "# Modbus TCP map of " << (c.listen.empty() ? std::string("(server off)") : c.listen)
+      << ", any unit id; addresses from 0\n"
+      << "# table    address  type  access     meaning\n";
+  for (unsigned int b = 0; b < bits; ++b)
+    out << "coil       " << b << "\tbit   " << (c.writable[b] ? "writable " : "read-only") << "  output image bit "
+        << b << "\n";
+  for (unsigned int b = 0; b < bits; ++b)
+    out << "discrete   " << b << "\tbit   read-only  input image bit " << b << "\n";
+  for (size_t k = 0; k < c.values.size(); ++k)
+    out << "input      " << 2 * k << "-" << 2 * k + 1 << "\tf32   read-only  " << c.values[k].first << "."
+        << c.values[k].second << (c.units[k].empty() ? "" : " [" + c.units[k] + "]") << " (abcd)\n";
+  for (size_t k = 0; k < c.values.size(); ++k)
+    out << "discrete   " << bits + k << "\tbit   read-only  " << c.values[k].first << "." << c.values[k].second
+        << " good\n";
+  return out.str();
+}
+
+}  // namespace zqdevices

@@ -1,0 +1,196 @@
+#!/usr/bin/python3
+"""The station with real equipment: a Modbus TCP device and a Modbus RTU device
+(pymodbus, the RTU one on a socat pseudo-terminal pair) and the station's own
+Modbus TCP server, read and written by mbpoll and pymodbus.
+
+    station_devices.py STATION_BINARY STATION_SOURCE_DIR PEER_SCRIPT
+"""
+import logging
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from station_client import Checks, read_until  # noqa: E402
+
+from pymodbus.client import ModbusTcpClient  # noqa: E402
+
+logging.disable(logging.CRITICAL)  # the client logs every refused connection
+
+STATION, SOURCE, PEER = os.path.abspath(sys.argv[1]), sys.argv[2], os.path.abspath(sys.argv[3])
+WORK = tempfile.mkdtemp(prefix="station-devices-")
+PROMPT = b"station> "
+slow = 3 if os.environ.get("ZQ_SANITIZE") else 1
+check = Checks()
+children = []
+
+
+def free_port():
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+def spawn(args, **kw):
+    p = subprocess.Popen(args, cwd=WORK, stdin=subprocess.DEVNULL, **kw)
+    children.append(p)
+    return p
+
+
+def eventually(test, timeout=10):
+    end = time.time() + timeout * slow
+    while time.time() < end:
+        if test():
+            return True
+        time.sleep(0.05)
+    return test()
+
+
+def client(port):
+    c = ModbusTcpClient("127.0.0.1", port=port, timeout=3)
+    return c if c.connect() else None
+
+
+CONFIG = """
+[Device.tank]
+Url = modbus-tcp://127.0.0.1:{tcp}
+PeriodMs = 50
+TimeoutMs = 300
+Recovery = command
+Point.level = holding 0 u16 scale=0.1 unit=m
+Point.temp = holding 8 f32 dcba unit=degC
+Bit.0 = coil 3 safe=0
+Bit.1 = discrete 0
+
+[Device.meter]
+Url = modbus-rtu://{pty}?baud=19200&parity=N
+Unit = 7
+PeriodMs = 50
+TimeoutMs = 300
+BackoffMs = 100
+Point.flow = input 0 scale=0.01 unit=m3/h
+
+[ModbusServer]
+Listen = 127.0.0.1:{server}
+WritableCoils = 64
+WriteFrom = 127.0.0.1/32
+"""
+
+
+def main():
+    shutil.copy(os.path.join(SOURCE, "station.cfg"), WORK)
+    open(os.path.join(WORK, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.1/32 127.0.0.2/32\n")
+    tcp, server = free_port(), free_port()
+    spawn(["/usr/bin/python3", PEER, "--tcp", str(tcp)])
+    ours, theirs = os.path.join(WORK, "ours"), os.path.join(WORK, "theirs")
+    spawn(["socat", "pty,raw,echo=0,link=" + ours, "pty,raw,echo=0,link=" + theirs], stderr=subprocess.DEVNULL)
+    check(eventually(lambda: os.path.exists(ours) and os.path.exists(theirs)), "socat made the pty pair")
+    spawn(["/usr/bin/python3", PEER, "--rtu", theirs, "19200"])
+    check(eventually(lambda: client(tcp) is not None), "the TCP device answers")
+    peer = client(tcp)
+    with open(os.path.join(WORK, "station.cfg"), "a") as f:
+        f.write(CONFIG.format(tcp=tcp, pty=ours, server=server))
+
+    args = ["-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl", "Station.UsersFile=none",
+            "Server.RequireTLS=0"]
+    mapped = subprocess.run([STATION, "--modbus-map"] + args, cwd=WORK, capture_output=True, text=True, timeout=30)
+    check(mapped.returncode == 0, "station --modbus-map", mapped.stderr)
+    check("coil       64\tbit   writable   output image bit 64" in mapped.stdout, "the map: the writable coil",
+          mapped.stdout)
+    check(re.search(r"input +0-1\tf32 +read-only +tank.level \[m\]", mapped.stdout), "the map: tank.level",
+          mapped.stdout)
+    check(re.search(r"input +4-5\tf32 +read-only +meter.flow \[m3/h\]", mapped.stdout), "the map: meter.flow")
+
+    out = open(os.path.join(WORK, "out.txt"), "w+")
+    station = spawn([STATION] + args, stdout=out, stderr=subprocess.STDOUT)
+    check(eventually(lambda: re.search(r"tcp port (\d+)", open(out.name).read())), "the station starts",
+          open(out.name).read())
+    port = int(re.search(r"tcp port (\d+)", open(out.name).read()).group(1))
+    check(f"modbus port {server}" in open(out.name).read(), "the Modbus server listens")
+    sock = socket.create_connection(("127.0.0.1", port), timeout=20)
+    read_until(sock, PROMPT)
+
+    def ask(line):
+        sock.sendall(line.encode() + b"\n")
+        return read_until(sock, PROMPT)
+
+    check(eventually(lambda: "meter.flow = 5 m3/h" in ask("device")), "values with scale and units", ask("device"))
+    listing = ask("device")
+    check("tank.level = 123.4 m" in listing and "tank.temp = 21.5 degC" in listing, "TCP device values", listing)
+
+    # The station's server, as mbpoll reads it at the addresses of the map.
+    poll = subprocess.run(["mbpoll", "-m", "tcp", "-0", "-1", "-p", str(server), "-t", "3:float", "-B", "-r", "0",
+                           "-c", "3", "127.0.0.1"], capture_output=True, text=True, timeout=30).stdout
+    check("[0]: \t123.4" in poll and "[2]: \t21.5" in poll and "[4]: \t5\n" in poll, "mbpoll reads the values", poll[-300:])
+    st = client(server)
+    check(st is not None, "pymodbus connects to the station")
+    bits = st.read_discrete_inputs(64, 2)
+    check(not bits.isError() and bits.bits[1] is True, "the TCP device's discrete input in the image (bit 65)")
+    # Writes: a read-only coil and any register are refused with an exception.
+    r = st.write_coil(0, True)
+    check(r.isError() and r.exception_code == 2, "a read-only coil: illegal data address", r)
+    r = st.write_register(0, 1)
+    check(r.isError() and r.exception_code == 2, "a register: illegal data address", r)
+    # The writable coil drives the TCP device's coil 3 through the I/O image.
+    check(not st.write_coil(64, True).isError(), "the writable coil is written")
+    check(eventually(lambda: peer.read_coils(3, 1).bits[0] is True), "the device's coil follows")
+
+    # The TCP device stops answering: fault, logged; recovery by command
+    # writes the safe state first.
+    tank = children[0]
+    tank.send_signal(signal.SIGSTOP)
+    check(eventually(lambda: "tank: FAULT" in ask("device")), "a silent device faults", ask("device"))
+    check("meter.flow = 5 m3/h" in ask("device") and "meter.flow = 5 m3/h (device fault)" not in ask("device"),
+          "the other device keeps its values")
+    tank.send_signal(signal.SIGCONT)
+    check("recovery asked for" in ask("device recover tank"), "device recover tank")
+    check(eventually(lambda: "tank: running" in ask("device")), "the device recovers", ask("device"))
+    check(eventually(lambda: peer.read_coils(3, 1).bits[0] is False), "the safe state was written")
+    check("is not faulted" in ask("device recover tank"), "recover on a running device is refused")
+
+    # A client outside WriteFrom may read but not write; one outside the
+    # access list gets nothing at all.
+    def raw(source, pdu):
+        c = socket.create_connection(("127.0.0.1", server), timeout=5, source_address=(source, 0))
+        c.sendall(bytes([0, 1, 0, 0, 0, len(pdu) + 1, 1]) + pdu)
+        try:
+            return c.recv(300)
+        except OSError:
+            return b""
+        finally:
+            c.close()
+    read = bytes([4, 0, 0, 0, 2])
+    write = bytes([5, 0, 64, 0xFF, 0])
+    check(len(raw("127.0.0.2", read)) == 13, "a reader outside WriteFrom reads")
+    check(raw("127.0.0.2", write)[7:] == bytes([0x85, 1]), "and its write gets illegal function")
+    check(raw("127.0.0.3", read) == b"", "an address the access list refuses gets nothing")
+
+    station.send_signal(signal.SIGTERM)
+    check(station.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
+    log = "".join(open(os.path.join(WORK, f), errors="replace").read() for f in os.listdir(WORK)
+                  if f.startswith("station") and f.endswith(".log"))
+    check("device tank fault" in log and "device tank recovered" in log, "fault and recovery are in the log",
+          log[-2000:])
+    print("station devices: %d checks passed" % check.count)
+
+
+try:
+    main()
+finally:
+    for p in reversed(children):
+        if p.poll() is None:
+            p.send_signal(signal.SIGCONT)
+            p.terminate()
+            try:
+                p.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                p.kill()
+    shutil.rmtree(WORK, ignore_errors=True)
