@@ -3,10 +3,12 @@
 #   libzqcommon-dev   headers, CMake package, pkg-config     (component dev)
 #   libzqfleet1       MQTT and metrics, libzqfleet.so.1      (component fleet)
 #   libzqfleet-dev    its headers, CMake component, .pc file (component fleet-dev)
+#   libzqdevices1     serial lines and Modbus, libzqdevices.so.1 (component devices)
+#   libzqdevices-dev  its headers, CMake component, .pc file (component devices-dev)
 #   zqcommon-station  the station as a systemd service,      (component station)
 #                     and its client stationctl
 # A program on the core library alone pulls in neither libmosquitto nor
-# prometheus-cpp: only libzqfleet links them.
+# prometheus-cpp (only libzqfleet links them), nor libmodbus (only libzqdevices).
 # Example programs other than the station are not packaged.
 set(ZQ_DEBIAN ${PROJECT_SOURCE_DIR}/cmake/debian)
 
@@ -18,6 +20,7 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/debian/changelog.gz
   DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog)
 add_custom_target(zq_debian_docs ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:libzqfleet-dev
+             devices:libzqdevices1 devices-dev:libzqdevices-dev
              station:zqcommon-station)
   string(REPLACE ":" ";" pair ${pair})
   list(GET pair 0 component)
@@ -41,7 +44,7 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://zqcommon.org/)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev station)
+set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev devices devices-dev station)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -82,6 +85,23 @@ target zqcommon::zqfleet) and the pkg-config file zqfleet.pc of libzqfleet,
 the MQTT and metrics library of libzqcommon.")
 set(CPACK_COMPONENT_FLEET-DEV_DEPENDS fleet dev)
 
+set(CPACK_DEBIAN_DEVICES_PACKAGE_NAME libzqdevices1)
+set(CPACK_COMPONENT_DEVICES_DESCRIPTION "libzqdevices: serial lines by path and Modbus devices
+The field-device library of libzqcommon: serial lines by any path with
+RS-485 and modem lines, Modbus TCP and RTU devices polled on their own
+threads with safe states on faults, and a Modbus TCP server for an I/O image.
+It links libmodbus; libzqcommon1 does not.")
+set(CPACK_COMPONENT_DEVICES_DEPENDS lib)
+set(CPACK_DEBIAN_DEVICES_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
+
+set(CPACK_DEBIAN_DEVICES-DEV_PACKAGE_NAME libzqdevices-dev)
+set(CPACK_DEBIAN_DEVICES-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_DEVICES-DEV_DESCRIPTION "libzqdevices: development files
+Headers, the CMake component (find_package(zqcommon COMPONENTS devices),
+target zqcommon::zqdevices) and the pkg-config file zqdevices.pc of
+libzqdevices, the serial-line and Modbus library of libzqcommon.")
+set(CPACK_COMPONENT_DEVICES-DEV_DEPENDS devices dev)
+
 set(CPACK_DEBIAN_STATION_PACKAGE_NAME zqcommon-station)
 set(CPACK_DEBIAN_STATION_PACKAGE_SECTION misc)
 set(CPACK_COMPONENT_STATION_DESCRIPTION "measurement-and-control station built on libzqcommon
@@ -89,7 +109,7 @@ A real-time sensor task, digital I/O, error records, a rotated log and a
 command set for TCP clients, run as a systemd service with readiness and
 watchdog notifications, reload on SIGHUP and a logrotate snippet; and
  stationctl, its command-line client for shells and scripts.")
-set(CPACK_COMPONENT_STATION_DEPENDS lib fleet)
+set(CPACK_COMPONENT_STATION_DEPENDS lib fleet devices)
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
   "${ZQ_DEBIAN}/station/conffiles;${ZQ_DEBIAN}/station/postinst;${ZQ_DEBIAN}/station/postrm;${ZQ_DEBIAN}/station/prerm")

@@ -15,7 +15,9 @@ const char* usage_options() {
 --issue-server-cert HOSTNAME...: replace TLSFOLDER/server.pem and server.key
     by a certificate for these host names or numeric addresses (localhost,
     127.0.0.1 and ::1 stay), signed by the station's CA: for clients that
-    reach the station under its real name; used from the next start)";
+    reach the station under its real name; used from the next start
+--modbus-map: print the Modbus register map of [ModbusServer] as the
+    configuration makes it, and exit (docs/devices.md))";
 }
 
 const char* usage_reference() {
@@ -39,6 +41,8 @@ network user needs:
                                                 result code, for programs (stationctl)
   get NAME [OFFSET]                   operator  network only: a Station.DataDir file
                                                 in base64 pieces, with size and SHA-256
+  device, device list                 viewer    field devices ([Device.NAME]), values
+  device recover NAME                 operator  recover a faulted device now
 
 Files (relative to the working folder; the settings name them):
   station.cfg         the settings (-f FILE)

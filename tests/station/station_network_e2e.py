@@ -133,7 +133,7 @@ def documented(binary, source):
                            timeout=30).stderr
     man = open(os.path.join(source, "station.1")).read().replace("\\-", "-")
     for option in ("--help", "--version", "--debug", "--cfg", "--passwd", "--issue-client-cert",
-                   "--issue-server-cert", "Section.Key"):
+                   "--issue-server-cert", "--add-command-key", "--modbus-map", "Section.Key"):
         check(option in usage, "-h names " + option, usage)
         check(option in man, "station.1 names " + option)
 

@@ -60,8 +60,8 @@ def refused_settings(binary, source, work):
                        capture_output=True, text=True, timeout=30)
     check(r.returncode == 1 and "cannot initialize the sensor task: memory cannot be locked" in r.stderr
           and "initalize" not in r.stderr, "RealTime = required without the rights does not start", r.stderr)
-    r = subprocess.run([binary, "--modbus-map"], cwd=work, capture_output=True, text=True, timeout=30)
-    check(r.returncode == 2 and "unknown option --modbus-map" in r.stderr and "Usage is:" in r.stderr
+    r = subprocess.run([binary, "--no-such-option"], cwd=work, capture_output=True, text=True, timeout=30)
+    check(r.returncode == 2 and "unknown option --no-such-option" in r.stderr and "Usage is:" in r.stderr
           and "tcp port" not in r.stdout, "an unknown option is refused with the usage", r.stdout + r.stderr)
 
 
