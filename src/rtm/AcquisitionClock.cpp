@@ -16,7 +16,7 @@ int64_t read_ns(clockid_t id) {
 
 AcquisitionClock::AcquisitionClock(OffsetSource source, int64_t remeasure_ns)
     : source_(std::move(source)), period_ns_(remeasure_ns) {
-  if (!source_) source_ = &AcquisitionClock::MeasureOffset;
+  if (!source_) source_ = [] { return MeasureOffset(); };
   Remeasure();
 }
 
