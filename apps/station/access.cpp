@@ -52,6 +52,10 @@ const struct {
     {"config set", ZQSecurity::kAdmin},  {"config save", ZQSecurity::kAdmin},
     {"echo", ZQSecurity::kViewer},       {"set", ZQSecurity::kViewer},
     {"unset", ZQSecurity::kViewer},      {"history", ZQSecurity::kViewer},
+    {"points", ZQSecurity::kViewer},     {"alarms", ZQSecurity::kViewer},
+    {"ack", ZQSecurity::kOperator},      {"shelve", ZQSecurity::kOperator},
+    {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
+    {"alarm-history", ZQSecurity::kViewer},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";

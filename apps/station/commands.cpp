@@ -62,6 +62,10 @@ int cmd_status(void* arg, int, const char**) {
   say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes, %llu lines lost",
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
       log.Name().c_str(), log.LogSize(), log.WriteFailures());
+  const zqpoints::PointTable& pt = st.points->table;
+  say(s, "alarms: %d critical, %d high, %d medium, %d low", pt.CountAlarms(zqpoints::Severity::Critical),
+      pt.CountAlarms(zqpoints::Severity::High), pt.CountAlarms(zqpoints::Severity::Medium),
+      pt.CountAlarms(zqpoints::Severity::Low));
   say(s, "clients %u", st.clients);
   return 0;
 }
@@ -278,6 +282,7 @@ void register_commands(CLI& cli, Session& s) {
   cli.Register(cmd_crc, &s, "crc", nullptr, "crc FILE: CRC-32 and CRC-16 of a file");
   cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]: the settings");
   cli.Register(cmd_starttls, &s, "starttls", nullptr, "starttls: switch this connection to TLS");
+  register_point_commands(cli, s);
 }
 
 }  // namespace station

@@ -16,17 +16,20 @@
 #include <zqcomponents/trace.h>
 #include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
+#include <zqrtm/rttypedmailbox.h>
 #include <zqrtm/rtthread.h>
 
 #include <chrono>
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "access.h"
+#include "points.h"
 
 namespace station {
 
@@ -59,14 +62,19 @@ struct ServerSettings : zqcommon::Config_Data {
 };
 
 // One record from the task: the cycle, the time within the sensor's run,
-// the reading, the I/O byte and the cycle's length.
+// the reading, the I/O byte and the cycle's length; the CLOCK_MONOTONIC time
+// the reading was taken and (filled in by the main thread) that time in UTC
+// microseconds. It crosses the mailbox as it is, in binary.
 struct Record {
   long long cycle = 0;
   double x = 0;
   double value = 0;
   unsigned int io = 0;
   long long length_ns = 0;
+  long long stamp_ns = 0;
+  long long time_us = 0;
 };
+typedef rttypedmailbox<Record> RecordMailbox;
 
 // The periodic task. It owns the process image and its handler; everything
 // it shares goes through the two mailboxes: records out, bit commands in.
@@ -75,7 +83,7 @@ class SensorTask : public rtthread {
   // I/O bits of the simulated board.
   static constexpr unsigned int kHeater = 0, kAlarm = 1, kInject = 4;
 
-  SensorTask(long long period_ns, rtmailbox& records, rtmailbox& commands);
+  SensorTask(long long period_ns, RecordMailbox& records, rtmailbox& commands);
   ~SensorTask() override;
   // Ends the cycles and waits for the task's thread.
   void Stop();
@@ -92,14 +100,13 @@ class SensorTask : public rtthread {
   double reading(long long cycle, double& x);
   void apply(const char* command);
 
-  rtmailbox& records_;
+  RecordMailbox& records_;
   rtmailbox& commands_;
   SimIOHandler board_;
   unsigned char pi_[16] = {}, i_[16] = {}, iand_[16], ior_[16] = {}, o_[16] = {},
                 oand_[16], oor_[16] = {};
   IOControl io_;
   uint32_t noise_ = 12345;
-  std::string text_;  // the record being sent, its capacity reused
   std::string command_;
 };
 
@@ -150,11 +157,12 @@ class Station {
   ServerSettings& server;
   Log_Config_Data& logcfg;
   Log& log;
-  rtmailbox records{64, 8192};
+  RecordMailbox records{8192};
   rtmailbox commands{32, 64};
   SensorTask task;
   Record last;
   long long records_seen = 0;
+  std::unique_ptr<StationPoints> points;  // made before the task runs
   std::deque<std::pair<double, double>> curve;  // (x, reading), newest last
   Watch watches[3] = {{"sensor_high", {}}, {"sensor_low", {}}, {"cycle_overrun", {}}};
   ValueTrace value_trace;

@@ -1,0 +1,71 @@
+// The station's process points and alarms: the sensor reading and the cycle
+// overrun as points with alarm state machines, their journal, and the
+// operator's saved set-points.
+#ifndef STATION_POINTS_H
+#define STATION_POINTS_H
+
+#include <zqcommon/ew.h>
+#include <zqpoints/AlarmJournal.h>
+#include <zqpoints/Autosave.h>
+#include <zqpoints/PointTable.h>
+#include <zqrtm/AcquisitionClock.h>
+
+#include <memory>
+#include <string>
+
+class CLI;
+
+namespace station {
+
+class Station;
+struct Record;
+struct Session;
+
+// [Points]: where the alarm journal and the saved set-points go ("" keeps
+// that part off).
+struct PointsSettings : zqcommon::Config_Data {
+  PointsSettings();
+  std::string StateFile;    // operator-changed set-points, limits, shelving
+  std::string JournalFile;  // SQLite alarm journal
+  int JournalRows = 100000; // rows kept in the journal
+};
+
+// Owned by the station; only the main thread touches it.
+class StationPoints {
+ public:
+  // Loads [Points] and the [Point.NAME] sections and restores the saved
+  // set-points into the station's settings (before the task runs).
+  explicit StationPoints(Station& st);
+
+  // A record from the task: its points take the reading at its acquisition time.
+  void OnRecord(const Record& r);
+  // Alarm events to the journal, the log and the terminal; expired shelving;
+  // set-point changes to the state file; the clock offset. Call often.
+  void Poll();
+  // Saves shelving and set-points now (at exit).
+  void Flush();
+  // The name a session acts under in the journal.
+  static std::string user_of(const Session& s);
+
+  Station& st;
+  PointsSettings settings;
+  AcquisitionClock clock;
+  zqpoints::PointTable table;
+  zqpoints::AlarmJournal journal;
+  std::unique_ptr<zqpoints::Autosave> autosave;
+  int sensor = -1, overrun = -1;
+
+ private:
+  void declare_defaults();
+  void restore();
+  void follow_settings();
+  double tick_checked_ = 0;
+  double low_ = 0, high_ = 0, setpoint_ = 0;  // last values seen in the settings
+};
+
+// Registers points, alarms, ack, shelve, disable and alarm-history.
+void register_point_commands(CLI& cli, Session& s);
+
+}  // namespace station
+
+#endif
