@@ -55,7 +55,7 @@ const struct {
     {"points", ZQSecurity::kViewer},     {"alarms", ZQSecurity::kViewer},
     {"ack", ZQSecurity::kOperator},      {"shelve", ZQSecurity::kOperator},
     {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
-    {"alarm-history", ZQSecurity::kViewer},
+    {"alarm-history", ZQSecurity::kViewer}, {"trace-csv", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";

@@ -74,6 +74,7 @@ StationPoints::StationPoints(Station& station) : st(station) {
     autosave = std::make_unique<Autosave>(settings.StateFile, 200);
     restore();
   }
+  samples_.resize(st.settings.TraceDepth > 0 ? static_cast<size_t>(st.settings.TraceDepth) : 1);
   low_ = st.settings.LowLimit;
   high_ = st.settings.HighLimit;
   setpoint_ = st.settings.Setpoint;
@@ -147,6 +148,10 @@ void StationPoints::restore() {
 }
 
 void StationPoints::OnRecord(const Record& r) {
+  if (!samples_.empty()) {
+    samples_[next_sample_ % samples_.size()] = r;
+    ++next_sample_;
+  }
   table.Update(static_cast<size_t>(sensor), r.value, r.time_us);
   table.Update(static_cast<size_t>(overrun), static_cast<double>(r.length_ns) / 1000.0, r.time_us);
 }
@@ -208,6 +213,21 @@ void StationPoints::Flush() {
   tick_checked_ = 0;
   Poll();
   if (autosave) autosave->Flush();
+}
+
+long StationPoints::WriteCsv(const std::string& path) const {
+  FILE* f = std::fopen(path.c_str(), "w");
+  if (f == nullptr) return -1;
+  std::fprintf(f, "time (UTC),cycle,%s (%s),io,%s (%s)\n", table[sensor].name().c_str(),
+               table[sensor].config().unit.c_str(), table[overrun].name().c_str(),
+               table[overrun].config().unit.c_str());
+  const size_t n = std::min(next_sample_, samples_.size());
+  for (size_t k = next_sample_ - n; k < next_sample_; ++k) {
+    const Record& r = samples_[k % samples_.size()];
+    std::fprintf(f, "%s,%lld,%.4f,0x%02x,%.3f\n", iso_time(r.time_us).c_str(), r.cycle, r.value, r.io,
+                 static_cast<double>(r.length_ns) / 1000.0);
+  }
+  return std::fclose(f) == 0 ? static_cast<long>(n) : -1;
 }
 
 std::string StationPoints::user_of(const Session& s) {
@@ -395,6 +415,19 @@ int cmd_history(void* arg, int argc, const char** argv) {
   return 0;
 }
 
+int cmd_csv(void* arg, int, const char**) {
+  Session& s = session_of(arg);
+  s.station->Drain();
+  const std::string path = s.station->settings.DumpPath + "/sensor-samples.csv";
+  const long rows = points_of(arg).WriteCsv(path);
+  if (rows < 0) {
+    say(s, "trace-csv: cannot write %s: %s", path.c_str(), std::strerror(errno));
+    return 1;
+  }
+  say(s, "%ld samples written to %s", rows, path.c_str());
+  return 0;
+}
+
 }  // namespace
 
 void register_point_commands(CLI& cli, Session& s) {
@@ -404,6 +437,7 @@ void register_point_commands(CLI& cli, Session& s) {
   cli.Register(cmd_shelve, &s, "shelve", nullptr, "shelve NAME MINUTES [comment]: hide an alarm for a time");
   cli.Register(cmd_disable, &s, "disable", nullptr, "disable NAME [comment]: switch an alarm off");
   cli.Register(cmd_disable, &s, "enable", nullptr, "enable NAME [comment]: switch an alarm on again");
+  cli.Register(cmd_csv, &s, "trace-csv", nullptr, "trace-csv: the newest samples with acquisition times as CSV");
   cli.Register(cmd_history, &s, "alarm-history", nullptr, "alarm-history [SINCE]: the alarm journal");
 }
 

@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 class CLI;
 
@@ -44,6 +45,10 @@ class StationPoints {
   void Poll();
   // Saves shelving and set-points now (at exit).
   void Flush();
+  // The kept samples as CSV: a header row of names and units, then one row
+  // per sample with its acquisition time in ISO 8601 UTC to the microsecond,
+  // LF line ends. The number of rows, or -1 when the file cannot be written.
+  long WriteCsv(const std::string& path) const;
   // The name a session acts under in the journal.
   static std::string user_of(const Session& s);
 
@@ -59,6 +64,8 @@ class StationPoints {
   void declare_defaults();
   void restore();
   void follow_settings();
+  std::vector<Record> samples_;  // ring of the newest Station.TraceDepth records
+  size_t next_sample_ = 0;
   double tick_checked_ = 0;
   double low_ = 0, high_ = 0, setpoint_ = 0;  // last values seen in the settings
 };
