@@ -184,8 +184,8 @@ void StationPoints::Poll() {
     st.log.Add(e.to == AlarmState::ActiveUnacked ? elog_WARN : elog_INFO, 0,
                "alarm %s %s: %s -> %s, %s %s, value %.4g %s%s%s%s%s", p.name().c_str(), e.action,
                to_string(e.from), to_string(e.to), to_string(e.condition), to_string(e.severity),
-               e.value, p.config().unit.c_str(), e.user[0] ? " by " : "", e.user,
-               e.comment[0] ? ": " : "", e.comment);
+               e.value, p.config().unit.c_str(), e.user[0] ? " by " : "", escape_controls(e.user).c_str(),
+               e.comment[0] ? ": " : "", escape_controls(e.comment).c_str());
     if (st.announce && e.user[0] == 0 && (e.to == AlarmState::ActiveUnacked || e.to == AlarmState::Normal)) {
       st.announce(Format("alarm %s %s (%s)", p.name().c_str(),
                          e.to == AlarmState::Normal ? "cleared" : to_string(e.condition),
@@ -373,17 +373,18 @@ int cmd_disable(void* arg, int argc, const char** argv) {
 bool parse_since(const std::string& text, int64_t now_us, int64_t& out) {
   char* end = nullptr;
   const double n = std::strtod(text.c_str(), &end);
+  constexpr double kLatest = 4e11;  // seconds: beyond the year 9999, refused
   if (end != text.c_str() && n >= 0) {
     const std::string unit = end;
     const double scale = unit == "s" ? 1 : unit == "m" ? 60 : unit == "h" ? 3600 : unit == "d" ? 86400 : 0;
-    if (scale != 0) return out = now_us - static_cast<int64_t>(n * scale * 1e6), true;
-    if (unit.empty()) return out = static_cast<int64_t>(n * 1e6), true;
+    if (scale != 0 && n * scale < kLatest) return out = now_us - static_cast<int64_t>(n * scale * 1e6), true;
+    if (unit.empty() && n < kLatest) return out = static_cast<int64_t>(n * 1e6), true;
   }
   tm t{};
   int sec = 0;
   const int fields = std::sscanf(text.c_str(), "%d-%d-%dT%d:%d:%d", &t.tm_year, &t.tm_mon, &t.tm_mday,
                                  &t.tm_hour, &t.tm_min, &sec);
-  if (fields < 5) return false;
+  if (fields < 5 || t.tm_year < 1970 || t.tm_year > 9999) return false;
   t.tm_year -= 1900;
   t.tm_mon -= 1;
   t.tm_sec = fields == 6 ? sec : 0;
