@@ -16,10 +16,7 @@
 
 namespace station {
 
-namespace {
-
 // Every answer line ends with CR LF, as the interpreter's own texts do.
-void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void say(Session& s, const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -27,6 +24,8 @@ void say(Session& s, const char* format, ...) {
   va_end(args);
   std::fputs("\r\n", s.out);
 }
+
+namespace {
 
 Session& session(void* arg) { return *static_cast<Session*>(arg); }
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -42,15 +41,6 @@ std::string iso_time(int64_t us) {
                 t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
                 static_cast<int>(us % 1000000));
   return text;
-}
-
-void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void say(Session& s, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::vfprintf(s.out, format, args);
-  va_end(args);
-  std::fputs("\r\n", s.out);
 }
 
 std::string rest(int argc, const char** argv, int from) {

@@ -235,6 +235,8 @@ bool operator_only(const std::string& path);
 bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
 // Once a minute: when the log lost lines since the last report, says so in it.
 void report_log_losses(Station& st, double now);
+// One answer line to a session, ended with CR LF.
+void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
 // Control bytes (and the backslash) as \xNN: client text fit for the log.
 std::string escape_controls(const std::string& text);
 
