@@ -64,6 +64,7 @@ Fleet::Fleet(Station& st) : st_(st), cfg_(fleet_settings()) {
 Fleet::~Fleet() {
   st_.on_record = nullptr;
   st_.on_severity = nullptr;
+  st_.points->on_alarm = nullptr;
   if (link_) link_->Stop();
 }
 
@@ -102,6 +103,7 @@ bool Fleet::Start() {
   st_.log.Add(elog_INFO, 0, "MQTT broker %s:%d, topics %s/...", m.Host.c_str(), m.Port, link_->Prefix().c_str());
   st_.on_record = [this](const Record& r) { on_record(r); };
   st_.on_severity = [this](const Watch& w, double value) { on_severity(w, value); };
+  st_.points->on_alarm = [this](const zqpoints::AlarmEvent& e) { publish_alarm(e); };
   log_seen_ = st_.log.empty() ? 0 : st_.log.front().time;
   return true;
 }
@@ -109,7 +111,8 @@ bool Fleet::Start() {
 void Fleet::on_record(const Record& r) {
   if (samples_.empty()) batch_start_ = GetUTC();
   char item[80];
-  std::snprintf(item, sizeof item, "%s[%lld,%.4f,%u]", samples_.empty() ? "" : ",", r.cycle, r.value, r.io);
+  std::snprintf(item, sizeof item, "%s[%lld,%.4f,%u,%lld]", samples_.empty() ? "" : ",", r.cycle, r.value, r.io,
+                r.time_us);
   samples_ += item;
 }
 
@@ -120,6 +123,24 @@ void Fleet::on_severity(const Watch& w, double value) {
                                .Add("severity", w.reported == components::NONE ? "NONE" : sev.Description())
                                .Add("count", w.error.count)
                                .Add("value", value)
+                               .Text());
+}
+
+// Alarm transitions on their own topic, the time in integer microseconds.
+void Fleet::publish_alarm(const zqpoints::AlarmEvent& e) {
+  const zqpoints::Point& p = st_.points->table[e.point];
+  link_->Publish("alarms", JsonFields()
+                               .Add("point", p.name())
+                               .Add("unit", p.config().unit)
+                               .Add("action", e.action)
+                               .Add("from", zqpoints::to_string(e.from))
+                               .Add("to", zqpoints::to_string(e.to))
+                               .Add("condition", zqpoints::to_string(e.condition))
+                               .Add("severity", zqpoints::to_string(e.severity))
+                               .Add("value", e.value)
+                               .Add("time_us", static_cast<long long>(e.time_us))
+                               .Add("user", e.user)
+                               .Add("comment", e.comment)
                                .Text());
 }
 
@@ -186,6 +207,7 @@ void Fleet::publish_status() {
       .Add("info", log.InfoCount()).Add("debug", log.DebugCount());
   link_->Publish("status", JsonFields()
                                .Add("cycles", t.CycleCount())
+                               .Add("period_us", t.CyclePeriod() / 1000)
                                .Add("cycle_min_us", t.MinCycleLength() / 1000.0)
                                .Add("cycle_avg_us", t.AvgCycleLength() / 1000.0)
                                .Add("cycle_max_us", t.MaxCycleLength() / 1000.0)
@@ -246,7 +268,13 @@ void Fleet::Poll() {
   zqfleet::MqttLink::Request req;
   for (int i = 0; i < 16 && link_->TakeRequest(req); ++i) serve(req);
   if (!samples_.empty() && now - batch_start_ >= 0.1) {
-    link_->Publish("samples", JsonFields().AddRaw("samples", "[" + samples_ + "]").Text());
+    // Each sample: [cycle, sensor reading, io byte, acquisition time in UTC microseconds].
+    const zqpoints::Point& sensor = st_.points->table[st_.points->sensor];
+    link_->Publish("samples", JsonFields()
+                                  .AddRaw("samples", "[" + samples_ + "]")
+                                  .AddRaw("columns", "[\"cycle\"," + JsonFields::Quote(sensor.name()) + ",\"io\",\"time_us\"]")
+                                  .AddRaw("units", "[\"\"," + JsonFields::Quote(sensor.config().unit) + ",\"\",\"us\"]")
+                                  .Text());
     samples_.clear();
   }
   if (now - last_status_ >= cfg_.mqtt.StatusPeriod) {

@@ -50,6 +50,7 @@ class Fleet {
  private:
   void on_record(const Record& r);
   void on_severity(const Watch& w, double value);
+  void publish_alarm(const zqpoints::AlarmEvent& e);
   void serve(const zqfleet::MqttLink::Request& req);
   void publish_status();
   void publish_log();

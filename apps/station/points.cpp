@@ -176,6 +176,7 @@ void StationPoints::Poll() {
                to_string(e.from), to_string(e.to), to_string(e.condition), to_string(e.severity),
                e.value, p.config().unit.c_str(), e.user[0] ? " by " : "", escape_controls(e.user).c_str(),
                e.comment[0] ? ": " : "", escape_controls(e.comment).c_str());
+    if (on_alarm) on_alarm(e);
     if (st.announce && e.user[0] == 0 && (e.to == AlarmState::ActiveUnacked || e.to == AlarmState::Normal)) {
       st.announce(Format("alarm %s %s (%s)", p.name().c_str(),
                          e.to == AlarmState::Normal ? "cleared" : to_string(e.condition),

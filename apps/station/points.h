@@ -10,6 +10,7 @@
 #include <zqpoints/PointTable.h>
 #include <zqrtm/AcquisitionClock.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,6 +60,8 @@ class StationPoints {
   zqpoints::AlarmJournal journal;
   std::unique_ptr<zqpoints::Autosave> autosave;
   int sensor = -1, overrun = -1;
+  // Told of every alarm event after the journal (the fleet's MQTT topic).
+  std::function<void(const zqpoints::AlarmEvent&)> on_alarm;
 
  private:
   void declare_defaults();

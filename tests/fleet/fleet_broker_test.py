@@ -37,7 +37,7 @@ USERS = {"station": "st-pw", "viewer": "vw-pw", "watch": "wa-pw"}
 TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 SCHEMA = {"state": {"state"}, "samples": {"samples"}, "errors": {"record", "severity", "count"},
           "log": {"type", "text"},
-          "status": {"cycles", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
+          "status": {"cycles", "period_us", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
                      "dropped", "queued"}}
 procs = []
 
@@ -221,6 +221,13 @@ def check_schema(client, station):
             check(r["station"] == station and TIME.match(r["time"]) and isinstance(r["seq"], int),
                   "the envelope on " + topic, r)
             check(keys <= set(r), "the fields of " + topic, r)
+        if topic == "samples":
+            r = recs[-1]
+            times = [item[3] for item in r["samples"]]
+            check(r["columns"] == ["cycle", "sensor", "io", "time_us"] and r["units"][1] == "\u00b0C",
+                  "samples name their columns and units", r)
+            check(all(isinstance(t, int) for t in times) and times == sorted(times)
+                  and abs(times[-1] / 1e6 - time.time()) < 60, "samples carry exact acquisition times", times[:5])
         if topic != "state":
             seqs = [r["seq"] for r in recs]
             check(seqs == list(range(seqs[0], seqs[0] + len(seqs))), "consecutive numbers on " + topic, seqs)
