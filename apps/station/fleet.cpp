@@ -247,6 +247,12 @@ void Fleet::update_metrics() {
   zqfleet::FleetMetrics::Figures f;
   f.cycles = st_.task.cycle_stats.Read();
   for (const Watch& w : st_.watches) f.severities.emplace_back(w.name, static_cast<int>(w.reported));
+  const zqpoints::PointTable& points = st_.points->table;
+  for (size_t i = 0; i < points.size(); ++i) {
+    const zqpoints::Point& p = points[i];
+    f.points.push_back({p.name(), p.config().unit, p.value(), static_cast<int>(p.state()),
+                        static_cast<int>(p.alarm_severity())});
+  }
   f.sessions = {{"tcp", st_.clients}, {"mqtt", link_ && link_->Read().connected ? 1 : 0}};
   Log& log = st_.log;
   f.log = {static_cast<unsigned int>(log.PanicCount()), static_cast<unsigned int>(log.ErrCount()),

@@ -277,6 +277,8 @@ def main():
     buckets = [s for s in m["zq_cycle_lateness_seconds"].samples if s.name.endswith("_bucket")]
     check(len(buckets) == 17 and buckets[-1].labels["le"] == "+Inf", "the lateness histogram", buckets)
     check(m["zq_mqtt_connected"].samples[0].value == 1, "connected in the metrics")
+    check(any(s.labels == {"point": "sensor", "unit": "\u00b0C"} for s in m["zq_point_value"].samples)
+          and "zq_point_alarm_state" in m and m["zq_build_info"].samples[0].value == 1, "point gauges and build_info")
     check(m["process_cpu_seconds"].samples[0].value > 0, "process metrics")
     check(any(s.labels.get("type") == "warning" and s.value > 0 for s in m["zq_log_entries"].samples),
           "log entries by type")
