@@ -8,6 +8,8 @@ packages=(cmake ninja-build g++ make pkg-config binutils libssl-dev openssl libg
           # services, fleet and console
           libsystemd-dev systemd logrotate libmosquitto-dev mosquitto mosquitto-clients
           prometheus-cpp-dev libedit-dev zlib1g-dev python3-paho-mqtt python3-prometheus-client
+          # points: the alarm journal, JSON the station writes, cyclictest to compare with
+          libsqlite3-dev sqlite3 nlohmann-json3-dev rt-tests
           # packaging, documentation, interface checks
           dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper ccache
           "$@")

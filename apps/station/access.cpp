@@ -56,6 +56,7 @@ const struct {
     {"ack", ZQSecurity::kOperator},      {"shelve", ZQSecurity::kOperator},
     {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
     {"alarm-history", ZQSecurity::kViewer}, {"trace-csv", ZQSecurity::kOperator},
+    {"timing-json", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";

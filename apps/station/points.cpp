@@ -2,6 +2,7 @@
 // the operator's commands on them.
 #include "points.h"
 
+#include <sys/utsname.h>
 #include <time.h>
 #include <zqcommon/cli.h>
 #include <zqcommon/functions.h>
@@ -12,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "station.h"
 
@@ -43,6 +46,31 @@ std::string iso_time(int64_t us) {
   return text;
 }
 
+// The time as cyclictest writes it: "Wed, 25 Nov 2026 20:18:20 +0000".
+std::string rfc2822_now() {
+  const time_t now = time(nullptr);
+  tm t;
+  gmtime_r(&now, &t);
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S +0000", &t);
+  return text;
+}
+
+nlohmann::ordered_json histogram_json(const TaskHistogram& h) {
+  nlohmann::ordered_json bins = nlohmann::ordered_json::object();
+  for (size_t i = 0; i < h.bins.size(); ++i)
+    if (h.bins[i] != 0) bins[std::to_string(i)] = h.bins[i];
+  nlohmann::ordered_json t;
+  t["histogram"] = bins;
+  t["cycles"] = h.cycles;
+  t["min"] = h.min_us;
+  t["max"] = h.max_us;
+  t["avg"] = h.cycles ? std::round(h.sum_us / static_cast<double>(h.cycles) * 100) / 100 : 0.0;
+  t["cpu"] = 0;
+  t["node"] = 0;
+  return t;
+}
+
 std::string rest(int argc, const char** argv, int from) {
   std::string text;
   for (int i = from; i < argc; ++i) text += (text.empty() ? "" : " ") + std::string(argv[i]);
@@ -64,6 +92,7 @@ StationPoints::StationPoints(Station& station) : st(station) {
     autosave = std::make_unique<Autosave>(settings.StateFile, 200);
     restore();
   }
+  started_ = rfc2822_now();
   samples_.resize(st.settings.TraceDepth > 0 ? static_cast<size_t>(st.settings.TraceDepth) : 1);
   low_ = st.settings.LowLimit;
   high_ = st.settings.HighLimit;
@@ -137,7 +166,21 @@ void StationPoints::restore() {
   }
 }
 
+void TaskHistogram::Add(long long ns) {
+  const long long us = ns > 0 ? ns / 1000 : 0;
+  ++bins[std::min(static_cast<size_t>(us), kBins)];
+  min_us = cycles == 0 ? us : std::min(min_us, us);
+  max_us = std::max(max_us, us);
+  sum_us += static_cast<double>(us);
+  ++cycles;
+}
+
 void StationPoints::OnRecord(const Record& r) {
+  lateness.Add(r.start_ns - r.release_ns);
+  if (previous_cycle_ + 1 == r.cycle && r.prev_end_ns > previous_start_ns_)
+    execution.Add(r.prev_end_ns - previous_start_ns_);
+  previous_cycle_ = r.cycle;
+  previous_start_ns_ = r.start_ns;
   if (!samples_.empty()) {
     samples_[next_sample_ % samples_.size()] = r;
     ++next_sample_;
@@ -204,6 +247,29 @@ void StationPoints::Flush() {
   tick_checked_ = 0;
   Poll();
   if (autosave) autosave->Flush();
+}
+
+bool StationPoints::WriteTimingJson(const std::string& path) const {
+  utsname u{};
+  uname(&u);
+  nlohmann::ordered_json j;
+  j["file_version"] = 1;
+  j["cmdline:"] = "station";  // cyclictest writes these two keys with the colon
+  j["rt_test_version:"] = "station";
+  j["start_time"] = started_;
+  j["end_time"] = rfc2822_now();
+  j["return_code"] = 0;
+  j["sysinfo"] = {{"sysname", u.sysname}, {"nodename", u.nodename}, {"release", u.release},
+                  {"version", u.version}, {"machine", u.machine}, {"realtime", 0}};
+  j["num_threads"] = 1;
+  j["resolution_in_ns"] = 0;
+  j["thread"] = {{"0", histogram_json(lateness)}};
+  j["execution"] = {{"0", histogram_json(execution)}};
+  FILE* f = std::fopen(path.c_str(), "w");
+  if (f == nullptr) return false;
+  const std::string text = j.dump(2) + "\n";
+  const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  return std::fclose(f) == 0 && ok;
 }
 
 long StationPoints::WriteCsv(const std::string& path) const {
@@ -420,6 +486,19 @@ int cmd_csv(void* arg, int, const char**) {
   return 0;
 }
 
+int cmd_timing(void* arg, int, const char**) {
+  Session& s = session_of(arg);
+  s.station->Drain();
+  const std::string path = s.station->settings.DumpPath + "/task-timing.json";
+  StationPoints& sp = points_of(arg);
+  if (!sp.WriteTimingJson(path)) {
+    say(s, "timing-json: cannot write %s: %s", path.c_str(), std::strerror(errno));
+    return 1;
+  }
+  say(s, "%llu cycles written to %s", static_cast<unsigned long long>(sp.lateness.cycles), path.c_str());
+  return 0;
+}
+
 }  // namespace
 
 void register_point_commands(CLI& cli, Session& s) {
@@ -430,6 +509,8 @@ void register_point_commands(CLI& cli, Session& s) {
   cli.Register(cmd_disable, &s, "disable", nullptr, "disable NAME [comment]: switch an alarm off");
   cli.Register(cmd_disable, &s, "enable", nullptr, "enable NAME [comment]: switch an alarm on again");
   cli.Register(cmd_csv, &s, "trace-csv", nullptr, "trace-csv: the newest samples with acquisition times as CSV");
+  cli.Register(cmd_timing, &s, "timing-json", nullptr,
+               "timing-json: start lateness and run time histograms of the task, as cyclictest --json writes");
   cli.Register(cmd_history, &s, "alarm-history", nullptr, "alarm-history [SINCE]: the alarm journal");
 }
 

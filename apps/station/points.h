@@ -32,6 +32,17 @@ struct PointsSettings : zqcommon::Config_Data {
   int JournalRows = 100000; // rows kept in the journal
 };
 
+// Start lateness and execution time of the task's cycles in 1 us bins up to
+// 10 ms (one more bin for the rest), as cyclictest keeps its histogram.
+struct TaskHistogram {
+  static constexpr size_t kBins = 10000;
+  std::vector<uint64_t> bins = std::vector<uint64_t>(kBins + 1);
+  uint64_t cycles = 0;
+  long long min_us = 0, max_us = 0;
+  double sum_us = 0;
+  void Add(long long ns);
+};
+
 // Owned by the station; only the main thread touches it.
 class StationPoints {
  public:
@@ -50,6 +61,12 @@ class StationPoints {
   // per sample with its acquisition time in ISO 8601 UTC to the microsecond,
   // LF line ends. The number of rows, or -1 when the file cannot be written.
   long WriteCsv(const std::string& path) const;
+  // The task's timing as JSON in the shape of cyclictest --json: "thread"
+  // holds the start lateness (cyclictest's latency), "execution" the
+  // cycles' run times in the same shape. False when it cannot be written.
+  bool WriteTimingJson(const std::string& path) const;
+
+  TaskHistogram lateness, execution;
   // The name a session acts under in the journal.
   static std::string user_of(const Session& s);
 
@@ -69,6 +86,8 @@ class StationPoints {
   void follow_settings();
   std::vector<Record> samples_;  // ring of the newest Station.TraceDepth records
   size_t next_sample_ = 0;
+  long long previous_cycle_ = -1, previous_start_ns_ = 0;  // for the execution time
+  std::string started_;  // when the histograms began, as cyclictest writes it
   double tick_checked_ = 0;
   double low_ = 0, high_ = 0, setpoint_ = 0;  // last values seen in the settings
 };

@@ -73,6 +73,8 @@ struct Record {
   long long length_ns = 0;
   long long stamp_ns = 0;
   long long time_us = 0;
+  long long release_ns = 0, start_ns = 0;  // the cycle's release and start
+  long long prev_end_ns = 0;               // when the cycle before ended
 };
 typedef rttypedmailbox<Record> RecordMailbox;
 

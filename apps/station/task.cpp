@@ -99,6 +99,9 @@ void* SensorTask::rtrun(void*) {
   r.io = static_cast<unsigned int>(board_.data[0]);
   r.length_ns = CycleLength();
   r.stamp_ns = stamp;
+  r.release_ns = CycleRelease();
+  r.start_ns = CycleStart();
+  r.prev_end_ns = CycleEnd();
   records_.Put(r);  // a full mailbox drops the record
   return nullptr;
 }

@@ -8,8 +8,10 @@ and clears it, reads the alarm journal, exports the samples as CSV (header
 with names and units, ISO 8601 UTC times, LF), changes a set-point and sees
 it in the state file within a second, kills the station with SIGKILL and
 sees set-points and journal survive, then tears the state file and sees the
-backup taken and said so.
+backup taken and said so. Writes the task's timing as cyclictest --json
+does and compares the keys with the tool's own output where it is installed.
 """
+import json
 import os
 import re
 import shutil
@@ -120,6 +122,22 @@ def first_run(st, work):
     within = sum(1 for g in gaps if 0.0008 <= g <= 0.0012) / len(gaps)
     check(abs(time.time() - times[-1]) < 60, "acquisition times are UTC", times[-1])
     print("acquisition times: %.1f%% of %d gaps within 1 ms +- 0.2 ms" % (100 * within, len(gaps)))
+
+    answer = st.ask("timing-json")
+    check("cycles written to" in answer, "timing-json", answer)
+    timing = json.load(open(os.path.join(work, "task-timing.json")))
+    for part in ("thread", "execution"):
+        t = timing[part]["0"]
+        check(sum(t["histogram"].values()) == t["cycles"] > 100 and t["min"] <= t["avg"] <= t["max"],
+              "a consistent histogram of " + part, t)
+    if shutil.which("cyclictest"):  # the same keys as the tool's own output
+        out = os.path.join(work, "cyclictest.json")
+        run = subprocess.run(["cyclictest", "-l", "50", "-i", "1000", "-q", "--json=" + out],
+                             capture_output=True, timeout=30)
+        if run.returncode == 0:
+            theirs = json.load(open(out))
+            check(set(theirs) <= set(timing) and set(theirs["thread"]["0"]) == set(timing["thread"]["0"]),
+                  "the keys of cyclictest --json", (sorted(theirs), sorted(timing)))
 
     check("Station.Setpoint = 42.5" in st.ask("config set Station.Setpoint 42.5"), "config set")
     state = os.path.join(work, "station.state")
