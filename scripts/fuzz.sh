@@ -48,7 +48,8 @@ case "$target" in
     printf '[hosts]\nallow = ::/129 1.2.3.4 x/8 ::1/ /32\nallo = 1\n[other]\ndeny=0.0.0.0/0\n' > "$corpus/seed4" ;;
   station)
     printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
-    printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2" ;;
+    printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2"
+    printf 'points\nalarms\nack all seen\nack sensor\nshelve sensor 5 work\nshelve sensor 0\ndisable sensor\nenable sensor x\nalarm-history 10m\nalarm-history 2026-11-25T19:00:00Z\ntrace-csv\ntiming-json\n' > "$corpus/seed3" ;;
   users)  # the first line is the password, the rest the users file
     h='scrypt$16$1$1$000102030405060708090a0b0c0d0e0f$f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f'
     printf 'secret\n# operators\n[users]\nop = viewer:%s\nroot = admin:%s ; x\n' "$h" "$h" > "$corpus/seed1"

@@ -222,6 +222,20 @@ int cmd_config(void* arg, int argc, const char** argv) {
     }
     return 0;
   }
+  if (op == "describe" && argc <= 3) {  // unit, allowed range and description of each setting
+    for (auto& section : sections(st)) {
+      for (auto& entry : *section.second) {
+        const std::string path = section.first + "." + entry.first;
+        if (argc == 3 && !(path ^= argv[2])) continue;
+        const std::string allowed = setting_rules().Allowed(path);
+        say(s, "%s = %s%s%s; %s%s%s", path.c_str(), entry.second.Value().c_str(),
+            entry.second.Unit().empty() ? "" : " ", entry.second.Unit().c_str(),
+            allowed.empty() ? "any value" : allowed.c_str(), entry.second.Description().empty() ? "" : "; ",
+            entry.second.Description().c_str());
+      }
+    }
+    return 0;
+  }
   if (op == "set" && argc >= 4) {
     zqcommon::Config_Data_Entry* e = find_setting(sections(st), argv[2]);
     // Values may contain blanks: the rest of the line is the value.
@@ -255,7 +269,7 @@ int cmd_config(void* arg, int argc, const char** argv) {
     say(s, "saved %s", file.c_str());
     return 0;
   }
-  return usage(s, "config [show | set Section.Key VALUE | save]");
+  return usage(s, "config [show | describe [Section.Key] | set Section.Key VALUE | save]");
 }
 
 int cmd_starttls(void* arg, int, const char**) {

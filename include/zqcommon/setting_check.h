@@ -36,6 +36,9 @@ class ZQ_EXPORT Setting_Check {
 
   // Whether `text` is allowed for `path`; `why` gets the reason when not.
   bool Check(const std::string& path, const std::string& text, std::string* why) const;
+  // What the rule for `path` allows ("an integer in 100..1000000", "at most
+  // 255 characters"); "" when the setting has no rule.
+  std::string Allowed(const std::string& path) const;
   // Checks, then assigns to the entry; false (entry untouched) when the check
   // or the assignment fails.
   bool Assign(Config_Data_Entry& entry, const std::string& path, const std::string& text,

@@ -90,6 +90,15 @@ const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
   return nullptr;
 }
 
+std::string Setting_Check::Allowed(const std::string& path) const {
+  const Rule* r = find(path);
+  if (r == nullptr) return "";
+  if (r->kind == kText)
+    return Format("at most %s characters", bound_text(r->max, kInteger).c_str());
+  return Format("%s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
+                bound_text(r->max, r->kind).c_str());
+}
+
 bool Setting_Check::Check(const std::string& path, const std::string& text, std::string* why) const {
   const Rule* r = find(path);
   if (r == nullptr) return true;
@@ -105,8 +114,7 @@ bool Setting_Check::Check(const std::string& path, const std::string& text, std:
   } else {
     long double v = 0;
     if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return true;
-    reason = Format("not %s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
-                    bound_text(r->max, r->kind).c_str());
+    reason = "not " + Allowed(r->path);
   }
   // The value is quoted as far as it is printable and short.
   std::string shown;

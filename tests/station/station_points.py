@@ -139,6 +139,9 @@ def first_run(st, work):
             check(set(theirs) <= set(timing) and set(theirs["thread"]["0"]) == set(timing["thread"]["0"]),
                   "the keys of cyclictest --json", (sorted(theirs), sorted(timing)))
 
+    described = st.ask("config describe Station.PeriodUs")
+    check(re.match(r"Station.PeriodUs = 1000 us; an integer in 100\.\.1000000; task period\r\n$", described),
+          "config describe shows unit, range and description", described)
     check("Station.Setpoint = 42.5" in st.ask("config set Station.Setpoint 42.5"), "config set")
     state = os.path.join(work, "station.state")
     deadline = time.time() + 1.5
