@@ -473,30 +473,32 @@ int cmd_history(void* arg, int argc, const char** argv) {
   return 0;
 }
 
-int cmd_csv(void* arg, int, const char**) {
+// Writes DumpPath/NAME through `write` (the number of items, -1 on failure)
+// and says how many `items` went there, or why none did.
+int dump(void* arg, const char* command, const char* name, const char* items,
+         const std::function<long(const std::string&)>& write) {
   Session& s = session_of(arg);
   s.station->Drain();
-  const std::string path = s.station->settings.DumpPath + "/sensor-samples.csv";
-  const long rows = points_of(arg).WriteCsv(path);
-  if (rows < 0) {
-    say(s, "trace-csv: cannot write %s: %s", path.c_str(), std::strerror(errno));
+  const std::string path = s.station->settings.DumpPath + "/" + name;
+  const long n = write(path);
+  if (n < 0) {
+    say(s, "%s: cannot write %s: %s", command, path.c_str(), std::strerror(errno));
     return 1;
   }
-  say(s, "%ld samples written to %s", rows, path.c_str());
+  say(s, "%ld %s written to %s", n, items, path.c_str());
   return 0;
 }
 
+int cmd_csv(void* arg, int, const char**) {
+  return dump(arg, "trace-csv", "sensor-samples.csv", "samples",
+              [arg](const std::string& path) { return points_of(arg).WriteCsv(path); });
+}
+
 int cmd_timing(void* arg, int, const char**) {
-  Session& s = session_of(arg);
-  s.station->Drain();
-  const std::string path = s.station->settings.DumpPath + "/task-timing.json";
   StationPoints& sp = points_of(arg);
-  if (!sp.WriteTimingJson(path)) {
-    say(s, "timing-json: cannot write %s: %s", path.c_str(), std::strerror(errno));
-    return 1;
-  }
-  say(s, "%llu cycles written to %s", static_cast<unsigned long long>(sp.lateness.cycles), path.c_str());
-  return 0;
+  return dump(arg, "timing-json", "task-timing.json", "cycles", [&sp](const std::string& path) {
+    return sp.WriteTimingJson(path) ? static_cast<long>(sp.lateness.cycles) : -1L;
+  });
 }
 
 }  // namespace
