@@ -54,6 +54,8 @@ TEST(Autosave, KillDuringSavesLeavesAWholeState) {
   ScratchDir dir;
   const std::string path = dir / "state";
   for (int round = 0; round < 10; ++round) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -64,10 +66,15 @@ TEST(Autosave, KillDuringSavesLeavesAWholeState) {
         a.Set("count", std::to_string(n));
         a.Set("twice", std::to_string(2 * n));
         a.Flush();
+        if (n == 0 && write(ready[1], "r", 1) != 1) _exit(1);  // a first save is there
       }
       _exit(0);
     }
-    usleep(20000 + round * 7000);
+    close(ready[1]);  // a child that dies early ends the read
+    char byte;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    usleep(5000 + round * 7000);
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
