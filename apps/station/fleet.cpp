@@ -237,7 +237,7 @@ void Fleet::publish_log() {
     link_->Publish("log", JsonFields()
                               .Add("type", std::string(1, Log_Entry::eLogTypeS[it->type]))
                               .Add("number", it->nerr)
-                              .Add("logged", it->time)
+                              .AddRaw("logged", Format("%.6f", it->time))  // exact to the microsecond
                               .Add("text", it->text)
                               .Text());
   }
