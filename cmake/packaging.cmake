@@ -33,7 +33,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/src/fleet)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/src/fleet
+  ${PROJECT_BINARY_DIR}/src/points/journal)
 set(CPACK_DEBIAN_PACKAGE_SOURCE zqcommon)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
@@ -41,7 +42,8 @@ set(CPACK_DEBIAN_LIB_PACKAGE_NAME libzqcommon1)
 set(CPACK_COMPONENT_LIB_DESCRIPTION "libzqcommon: common services for measurement and control programs
  Configuration files and command lines, logs, traces and error records, TCP
  line servers with access lists and start-TLS, a command interpreter,
- threads and real-time tasks, serial and digital I/O, CRCs, hashes, ciphers.")
+ threads and real-time tasks, serial and digital I/O, CRCs, hashes, ciphers,
+ process points and alarms (the alarm journal on SQLite in libzqpoints).")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)  # only the library package has one
 set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
 
