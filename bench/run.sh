@@ -29,6 +29,16 @@ for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench l
   echo
 done
 
+# stationctl against a Python ssl client, both as processes (connect, TLS, login, status).
+apps="$build/zqcommon/apps"
+if [ -x "$apps/stationctl/stationctl" ] && [ -x "$apps/station/station" ]; then
+  codes=(0)
+  /usr/bin/python3 "$root/bench/stationctl_bench.py" "$apps/stationctl/stationctl" "$apps/station/station" 100 |
+    tee -a "$results" | grep -v '^SUMMARY|' || codes=("${PIPESTATUS[@]}")
+  [ "${codes[0]}" -eq 0 ] || failed+=(stationctl_bench)
+  echo
+fi
+
 echo "== Summary ($(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end: figures from a loaded machine are noisy)"
 {
   echo "work|strongest peer|peer|ours|ours/peer|goal|met|physical bound"

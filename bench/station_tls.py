@@ -9,15 +9,14 @@ handshake verified against tls/ca.pem, close), and the echo throughput of one
 session in clear text and then, in the same session, over TLS.
 """
 import os
-import re
 import shutil
-import signal
 import socket
 import ssl
-import subprocess
 import sys
 import tempfile
 import time
+
+from station_proc import start_station, stop_station
 
 PROMPT = b"station> "
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -53,18 +52,9 @@ def main():
     work = tempfile.mkdtemp(prefix="station-tls-")
     for name in ("station.cfg", "station.acl"):
         shutil.copy(os.path.join(ROOT, "apps/station", name), work)
-    out = open(os.path.join(work, "out.txt"), "w+")
-    proc = subprocess.Popen([binary, "Server.ListenPort=0", "Station.UsersFile=none",
-                             "Server.RequireTLS=0", "Server.MaxConnections=8"], cwd=work,
-                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+    proc, port = start_station(binary, work, "Station.UsersFile=none", "Server.RequireTLS=0",
+                               "Server.MaxConnections=8")
     try:
-        port = None
-        for _ in range(300):
-            m = re.search(r"tcp port (\d+)", open(out.name).read())
-            if m:
-                port = int(m.group(1))
-                break
-            time.sleep(0.05)
         ctx = ssl.create_default_context(cafile=os.path.join(work, "tls/ca.pem"))
         ctx.minimum_version = ssl.TLSVersion.TLSv1_3
         n, t0 = 0, time.time()
@@ -88,9 +78,7 @@ def main():
         print("echo throughput of one session: clear %.1f MB/s, TLS %.1f MB/s (%s)" %
               (plain, echo_rate(s, seconds), s.version()))
     finally:
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(timeout=30)
-        shutil.rmtree(work, ignore_errors=True)
+        stop_station(proc, work)
 
 
 if __name__ == "__main__":

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|station|fleetcmd|format|users|login [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -49,7 +49,8 @@ case "$target" in
   station)
     printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
     printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2"
-    printf 'points\nalarms\nack all seen\nack sensor\nshelve sensor 5 work\nshelve sensor 0\ndisable sensor\nenable sensor x\nalarm-history 10m\nalarm-history 2026-11-25T19:00:00Z\ntrace-csv\ntiming-json\n' > "$corpus/seed3" ;;
+    printf 'mode machine\nget data.txt\nget data.txt 5\nget data.txt 99\nget out\nget fifo 0\nmode human\nmode x\n' > "$corpus/seed3"
+    printf 'points\nalarms\nack all seen\nack sensor\nshelve sensor 5 work\nshelve sensor 0\ndisable sensor\nenable sensor x\nalarm-history 10m\nalarm-history 2026-11-25T19:00:00Z\ntrace-csv\ntiming-json\n' > "$corpus/seed4" ;;
   users)  # the first line is the password, the rest the users file
     h='scrypt$16$1$1$000102030405060708090a0b0c0d0e0f$f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f'
     printf 'secret\n# operators\n[users]\nop = viewer:%s\nroot = admin:%s ; x\n' "$h" "$h" > "$corpus/seed1"
@@ -60,9 +61,22 @@ case "$target" in
   cfgentry)
     printf '\x00-12' > "$corpus/seed1"; printf '\x033M' > "$corpus/seed2"; printf '\x0a0777' > "$corpus/seed3"
     printf '\x061e308' > "$corpus/seed4"; printf '\x08int' > "$corpus/seed5"; printf '\x01LOAD,SAVE' > "$corpus/seed6" ;;
+  settings)
+    printf '[S]\ni = 0x10 # c\nd = 2,5x\nscaled = 4k\nb = 1\n\n[T]\nk = 1\n[S]\nk = 2\n' > "$corpus/seed1"
+    printf '# only\n[s]\r\nK=\r\nchars = abcdefghij\nl = 2\n[S\nk = # c' > "$corpus/seed2" ;;
+  stationctl)  # get pieces (sha256 of "hello\n"), then a status answer
+    h=5891b5b522d5df086d0ff0b110fbd9d21bb4fc7163af34d08286a2e846f6be03
+    printf 'file a size 6 sha256 %s offset 0 length 3\r\naGVs\r\n. 0\r\nfile a size 6 sha256 %s offset 3 length 3\r\nbG8K\r\n. 0\r\n' "$h" "$h" > "$corpus/seed1"
+    printf 'cycles 5, period 1000 us, cycle length min/avg/max 1.0/2.5/9.0 us\nrunning 1.0 s; reading 42.5 (x)\nsensor_high: WARNING, 1\ncycle_overrun: NONE, 0\n..x\n. 1\n' > "$corpus/seed2" ;;
   fleetcmd)
     printf '{"cmd":"status","station":"s1","n":-1.5e3,"t":true,"z":null}' > "$corpus/seed1"
     printf ' {"cmd" : "echo \\"a\\u00e9\\t\\/" , "x":"y"} ' > "$corpus/seed2" ;;
+  signedcmd)  # the fuzzer's clock reads 2026-11-18T11:06:40Z; alice has a key
+    n='"nonce":"00112233445566778899aabbccddeeff"'
+    printf '{"cmd":"io set inject","station":"s1","user":"alice","time":"2026-11-18T11:06:40Z",%s,"sig":"%s"}' \
+      "$n" "$(head -c 64 /dev/zero | od -An -tx1 | tr -d ' \n')" > "$corpus/seed1"
+    printf '{"cmd":"status","station":"s1","user":"bob","time":"2026-11-18T11:06:55.250Z",%s,"sig":"zz"}' "$n" \
+      > "$corpus/seed2" ;;
 esac
 
 cd "$build"

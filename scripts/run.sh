@@ -2,15 +2,18 @@
 # Builds the library and starts the station on its shipped configuration.
 # The station works in build-run/station/ (its configuration, access list,
 # logs and trace dumps live there) and listens on 127.0.0.1:7600; type
-# "help" at its prompt, or connect with `nc 127.0.0.1 7600`. "exit" (or
-# Ctrl-C) stops it. Arguments go to the station, e.g. Server.ListenPort=0.
+# "help" at its prompt, or ask it with build-run/apps/stationctl/stationctl
+# (README.md). "exit" stops it (Ctrl-C clears the line being typed).
+# Arguments go to the station, e.g. Server.ListenPort=0, --passwd NAME LEVEL
+# (the users file lands beside the configuration), or Server.RequireTLS=0 for
+# a plain-text session with `nc 127.0.0.1 7600` (a trusted host only).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-run}
 bash "$root/scripts/deps.sh"
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZQ_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" --target station >/dev/null
+cmake --build "$build" -j"$(nproc)" --target station stationctl >/dev/null
 
 # The shipped files are copied once; later runs keep the operator's changes.
 work="$build/station"

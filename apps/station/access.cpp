@@ -168,7 +168,8 @@ bool Gate::Screen(CLI& cli, Session& s, Connection& conn, const std::string& lin
     return true;
   }
   const std::string word = first_word(line);
-  const bool always = word == "help" || word == "starttls" || word == "exit" || word == "quit";
+  const bool always =
+      word == "help" || word == "starttls" || word == "exit" || word == "quit" || word == "mode";
   if (server_.RequireTLS && !conn.IsEncrypted() && !always) {
     std::fprintf(out, "%s: refused before starttls (this station requires TLS)\r\n", word.c_str());
     return true;
@@ -350,6 +351,17 @@ void PasswordChecker::run() {
 bool AccessOption::Take(int& argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
+    if (a == "--issue-server-cert") {  // every following word up to an option or a Section.Key=VALUE
+      int n = 0;
+      while (i + 1 + n < argc && argv[i + 1 + n][0] != '-' && std::strchr(argv[i + 1 + n], '=') == nullptr) {
+        names.push_back(argv[i + 1 + n++]);
+      }
+      option = n > 0 ? a : "bad";
+      if (n == 0) std::fprintf(stderr, "station: %s needs HOSTNAME...\n", a.c_str());
+      for (int j = i; j + n + 1 < argc; ++j) argv[j] = argv[j + n + 1];
+      argc -= n + 1;
+      return true;
+    }
     const int words = a == "--passwd" ? 3 : a == "--issue-client-cert" ? 2 : 0;
     if (words == 0) continue;
     if (i + words > argc) {
@@ -415,6 +427,19 @@ int AccessOption::Handle(StationSettings& settings, ServerSettings& server) {
     return 0;
   }
   const std::string& folder = server.access_cfg.access.TLSFolder;
+  if (option == "--issue-server-cert") {
+    const int rc = ensure_certificates(folder, error) < 0 ? 1 : issue_server_certificate(folder, names, error);
+    if (rc != 0) {
+      std::fprintf(stderr, "station: %s\n", error.c_str());
+      return rc;
+    }
+    std::string all;
+    for (const std::string& n : names) all += (all.empty() ? "" : " ") + n;
+    std::printf("%s/server.pem and %s/server.key written for %s (CA SHA-256 %s); the station uses them "
+                "from its next start\n",
+                folder.c_str(), folder.c_str(), all.c_str(), ca_fingerprint(folder).c_str());
+    return 0;
+  }
   if (name.empty() || name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-@") !=
                           std::string::npos || name[0] == '.' || name == "ca" || name == "server") {
     std::fprintf(stderr, "station: client name '%s': letters, digits, '.', '_', '-', '@'\n", name.c_str());

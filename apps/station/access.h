@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 class CLI;
 class Connection;
@@ -136,11 +137,13 @@ class Gate {
   std::unique_ptr<PasswordChecker> checker_;  // with a users file only
 };
 
-// "--passwd NAME LEVEL" and "--issue-client-cert NAME" are taken out of the
-// arguments before the configuration reads them; Handle() runs the one given
-// once the settings are loaded. -1 when none was given, else the exit code.
+// "--passwd NAME LEVEL", "--issue-client-cert NAME" and "--issue-server-cert
+// HOSTNAME..." are taken out of the arguments before the configuration reads
+// them; Handle() runs the one given once the settings are loaded. -1 when
+// none was given, else the exit code.
 struct AccessOption {
   std::string option, name, level;
+  std::vector<std::string> names;  // of --issue-server-cert
   bool Take(int& argc, char** argv);
   int Handle(StationSettings& settings, ServerSettings& server);
 };

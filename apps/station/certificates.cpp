@@ -1,5 +1,6 @@
 // The station's own certificate authority: made on the first start, it signs
 // the server's certificate and, on request, clients' certificates.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "certificates.h"
 
@@ -106,6 +108,41 @@ Cert load_cert(const std::string& path) {
   return Cert(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
 }
 
+// The names every server certificate of the station carries.
+const char kLocalNames[] = "DNS:localhost,IP:127.0.0.1,IP:::1";
+
+// A server certificate named `cn`, for the subject alternative names `san`.
+Cert server_cert(EVP_PKEY* key, const std::string& cn, const std::string& san, X509* ca, EVP_PKEY* ca_key) {
+  return make_cert(key, cn, ca, ca_key, 825,
+                   {{NID_basic_constraints, "critical,CA:FALSE"},
+                    {NID_key_usage, "critical,digitalSignature"},
+                    {NID_ext_key_usage, "serverAuth"},
+                    {NID_subject_alt_name, san.c_str()}});
+}
+
+// The station's CA from `folder`; false with `error` when it is not there.
+bool load_ca(const std::string& folder, Key& key, Cert& cert, std::string& error) {
+  key = load_key(folder + "/ca.key");
+  cert = load_cert(folder + "/ca.pem");
+  if (key && cert) return true;
+  error = folder + "/ca.pem or ca.key: cannot read (start the station once to create them)";
+  return false;
+}
+
+// "DNS:name" or "IP:address" for a host name or a numeric address; "" when
+// `name` is neither (empty, too long, or other characters than a host name's).
+std::string alt_name(const std::string& name) {
+  unsigned char address[16];
+  if (inet_pton(AF_INET, name.c_str(), address) == 1 || inet_pton(AF_INET6, name.c_str(), address) == 1) {
+    return "IP:" + name;
+  }
+  const bool ok = !name.empty() && name.size() <= 253 && name.front() != '-' && name.front() != '.' &&
+                  name.find("..") == std::string::npos &&
+                  name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-") ==
+                      std::string::npos;
+  return ok ? "DNS:" + name : "";
+}
+
 }  // namespace
 
 std::string ca_fingerprint(const std::string& folder) {
@@ -137,11 +174,7 @@ int ensure_certificates(const std::string& folder, std::string& error) {
                       {{NID_basic_constraints, "critical,CA:TRUE"},
                        {NID_key_usage, "critical,keyCertSign,cRLSign"},
                        {NID_subject_key_identifier, "hash"}});
-  Cert server = make_cert(server_key.get(), "localhost", ca.get(), ca_key.get(), 825,
-                          {{NID_basic_constraints, "critical,CA:FALSE"},
-                           {NID_key_usage, "critical,digitalSignature"},
-                           {NID_ext_key_usage, "serverAuth"},
-                           {NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1"}});
+  Cert server = server_cert(server_key.get(), "localhost", kLocalNames, ca.get(), ca_key.get());
   if (!ca || !server) {
     error = "cannot make the certificates";
     return -1;
@@ -155,12 +188,9 @@ int ensure_certificates(const std::string& folder, std::string& error) {
 }
 
 bool issue_client_certificate(const std::string& folder, const std::string& name, std::string& error) {
-  Key ca_key = load_key(folder + "/ca.key");
-  Cert ca = load_cert(folder + "/ca.pem");
-  if (!ca_key || !ca) {
-    error = folder + "/ca.pem or ca.key: cannot read (start the station once to create them)";
-    return false;
-  }
+  Key ca_key;
+  Cert ca;
+  if (!load_ca(folder, ca_key, ca, error)) return false;
   Key key(EVP_EC_gen("P-256"));
   Cert cert = key ? make_cert(key.get(), name, ca.get(), ca_key.get(), 825,
                               {{NID_basic_constraints, "critical,CA:FALSE"},
@@ -172,6 +202,43 @@ bool issue_client_certificate(const std::string& folder, const std::string& name
     return false;
   }
   return save(folder + "/" + name, key.get(), cert.get(), error);
+}
+
+int issue_server_certificate(const std::string& folder, const std::vector<std::string>& names,
+                              std::string& error) {
+  std::string san;
+  for (const std::string& name : names) {
+    const std::string alt = alt_name(name);
+    if (alt.empty()) {
+      error = "host name '" + name + "': letters, digits, '-' and '.', or a numeric address";
+      return 2;
+    }
+    san += alt + ",";
+  }
+  if (names.empty()) {
+    error = "no host name";
+    return 2;
+  }
+  Key ca_key;
+  Cert ca;
+  if (!load_ca(folder, ca_key, ca, error)) return 1;
+  Key key(EVP_EC_gen("P-256"));
+  Cert cert = key ? server_cert(key.get(), names.front(), san + kLocalNames, ca.get(), ca_key.get()) : nullptr;
+  if (!cert) {
+    error = "cannot make the certificate";
+    return 1;
+  }
+  // Written beside the old pair, then renamed over it: never a half-written file.
+  const std::string base = folder + "/server";
+  unlink((base + ".new.key").c_str());
+  unlink((base + ".new.pem").c_str());
+  if (!save(base + ".new", key.get(), cert.get(), error)) return 1;
+  if (rename((base + ".new.key").c_str(), (base + ".key").c_str()) != 0 ||
+      rename((base + ".new.pem").c_str(), (base + ".pem").c_str()) != 0) {
+    error = base + ".pem: cannot replace";
+    return 1;
+  }
+  return 0;
 }
 
 }  // namespace station

@@ -3,6 +3,7 @@
 #define STATION_CERTIFICATES_H
 
 #include <string>
+#include <vector>
 
 namespace station {
 
@@ -14,6 +15,13 @@ int ensure_certificates(const std::string& folder, std::string& error);
 std::string ca_fingerprint(const std::string& folder);
 // folder/NAME.pem and folder/NAME.key (0600), signed by the station's CA.
 bool issue_client_certificate(const std::string& folder, const std::string& name, std::string& error);
+// Replaces folder/server.pem and server.key (0600) with a certificate for
+// `names` (host names or numeric addresses; the first is its common name),
+// which keeps localhost, 127.0.0.1 and ::1, signed by the station's CA.
+// 0 when written; with `error`, 2 for a bad name, 1 for a file that cannot be
+// read or written (the station's exit statuses).
+int issue_server_certificate(const std::string& folder, const std::vector<std::string>& names,
+                              std::string& error);
 
 }  // namespace station
 

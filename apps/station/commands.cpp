@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "settings.h"
 #include "station.h"
 
 namespace station {
@@ -66,6 +67,13 @@ int cmd_status(void* arg, int, const char**) {
       pt.CountAlarms(zqpoints::Severity::High), pt.CountAlarms(zqpoints::Severity::Medium),
       pt.CountAlarms(zqpoints::Severity::Low));
   say(s, "clients %u", st.clients);
+  const SettingsState& state = settings_state();
+  if (!state.realtime_warning.empty()) say(s, "warning: %s", state.realtime_warning.c_str());
+  if (!state.restart.empty()) {
+    std::string names;
+    for (const std::string& n : state.restart) names += (names.empty() ? "" : ", ") + n;
+    say(s, "settings waiting for a restart: %s", names.c_str());
+  }
   return 0;
 }
 
@@ -210,6 +218,45 @@ int cmd_crc(void* arg, int argc, const char** argv) {
   return 0;
 }
 
+// Keeps a value set at run time for the next config save; one that takes
+// effect only at the next start is listed by status until then.
+bool note_setting(const std::string& path, const std::string& value) {
+  SettingsState& state = settings_state();
+  if (!live_setting(path)) state.restart.insert(path);
+  const auto dot = path.find('.');
+  return state.save_to == nullptr || state.save_to->Set(path.substr(0, dot), path.substr(dot + 1), value);
+}
+
+// Writes the values set with config set, and only those, into the file the
+// settings were read from (the local file when there is one).
+int save_settings(Session& s) {
+  Station& st = *s.station;
+  zqcommon::Config_Edit* to = settings_state().save_to.get();
+  if (to == nullptr) {
+    say(s, "config: no configuration file to save to");
+    return 1;
+  }
+  if (!to->Pending()) {
+    say(s, "config: nothing to save, no setting was changed with config set");
+    return 0;
+  }
+  std::string why;
+  const zqcommon::Config_Edit::Result r = to->Save(&why);
+  if (r == zqcommon::Config_Edit::kConflict || r == zqcommon::Config_Edit::kFailed) {
+    st.log.Add(elog_WARN, 0, "config save by %s: %s", s.peer.c_str(), why.c_str());
+    say(s, "config: %s", why.c_str());
+    return 1;
+  }
+  st.log.Add(elog_INFO, 0, "configuration saved to %s by %s%s%s", to->Path().c_str(), s.peer.c_str(),
+             why.empty() ? "" : ": ", why.c_str());
+  if (why.empty()) {
+    say(s, "saved %s", to->Path().c_str());
+  } else {
+    say(s, "saved %s (%s)", to->Path().c_str(), why.c_str());
+  }
+  return 0;
+}
+
 int cmd_config(void* arg, int argc, const char** argv) {
   Session& s = session(arg);
   Station& st = *s.station;
@@ -249,26 +296,22 @@ int cmd_config(void* arg, int argc, const char** argv) {
       say(s, "config: %s changes only in the file or at the station's terminal", argv[2]);
       return 1;
     }
-    std::string why;
-    if (!setting_rules().Assign(*e, argv[2], value, &why)) {
-      say(s, "config: cannot set %s", why.c_str());
+    const std::string why = settings_checker(sections(st)).Set(argv[2], value);
+    if (!why.empty()) {
+      say(s, "config: cannot set %s = '%s': %s", argv[2], escape_controls(value).c_str(), why.c_str());
       return 1;
     }
     st.log.Add(elog_INFO, 0, "config %s = %s by %s", argv[2], e->Value().c_str(), s.peer.c_str());
-    say(s, "%s = %s", argv[2], e->Value().c_str());
-    return 0;
-  }
-  if (op == "save" && argc == 2) {
-    const std::string& file = st.cfg.getfilename();
-    for (auto& section : sections(st)) section.second->Save(st.cfg, zqcommon::Config_Data_INIT.LS, section.first);
-    if (file.empty() || !st.cfg.write(file)) {
-      say(s, "config: cannot write %s", file.c_str());
-      return 1;
+    if (!note_setting(argv[2], e->Value())) {
+      say(s, "%s = %s (config save cannot keep this value)", argv[2], e->Value().c_str());
+    } else if (!live_setting(argv[2])) {
+      say(s, "%s = %s (takes effect at the next start)", argv[2], e->Value().c_str());
+    } else {
+      say(s, "%s = %s", argv[2], e->Value().c_str());
     }
-    st.log.Add(elog_INFO, 0, "configuration saved to %s by %s", file.c_str(), s.peer.c_str());
-    say(s, "saved %s", file.c_str());
     return 0;
   }
+  if (op == "save" && argc == 2) return save_settings(s);
   return usage(s, "config [show | describe [Section.Key] | set Section.Key VALUE | save]");
 }
 

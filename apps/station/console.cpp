@@ -58,8 +58,8 @@ Words hash_methods() {
 
 int cmd_editing(void* arg, int argc, const char** argv) {
   Session& s = *static_cast<Session*>(arg);
-  if (argc != 2 || std::string(argv[1]) != "on") {
-    std::fputs("usage: editing on\r\n", s.out);
+  if (argc != 2 || std::string(argv[1]) != "on" || s.machine) {
+    std::fputs("usage: editing on (in human mode)\r\n", s.out);
     return 1;
   }
   s.want_editing = true;  // the session's loop switches after this answer

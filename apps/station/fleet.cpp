@@ -1,11 +1,14 @@
 // The station in a fleet: MQTT telemetry and commands, Prometheus metrics.
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zqcommon/cli.h>
 #include <zqcommon/functions.h>
 #include <zqfleet/FleetCommand.h>
 #include <zqfleet/JsonFields.h>
+#include <zqfleet/SignedRequest.h>
 #include <zqsecurity/hash.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 
@@ -84,7 +87,11 @@ bool Fleet::Start() {
   if (cfg_.mqtt.Host.empty()) return true;
   id_ = cfg_.mqtt.ClientId.empty() ? station_id() : cfg_.mqtt.ClientId;
   zqfleet::MqttSettings& m = cfg_.mqtt;
-  if (!m.Resolve(id_, error)) {
+  keys_file_ = users_file + ".keys";
+  if (m.Commands == "signed" && (users_file.empty() || users_file == "none")) {
+    error = "MQTT.Commands = signed needs Station.UsersFile: the signers' levels come from it";
+  }
+  if (!error.empty() || !m.Resolve(id_, error)) {
     std::fprintf(stderr, "station: %s\n", error.c_str());
     st_.log.Add(elog_PANIC, 3, "%s", error.c_str());
     return false;
@@ -101,6 +108,15 @@ bool Fleet::Start() {
     return false;
   }
   st_.log.Add(elog_INFO, 0, "MQTT broker %s:%d, topics %s/...", m.Host.c_str(), m.Port, link_->Prefix().c_str());
+  if (m.Commands == "off") {
+    st_.log.Add(elog_INFO, 0, "MQTT.Commands = off: no command topic subscribed (signed takes signed requests)");
+  } else if (m.Commands == "signed") {
+    verifier_ = zqfleet::SignedRequest(m.SignedWindowS);
+    reload_keys();
+  } else {
+    st_.log.Add(elog_WARN, 0, "MQTT.Commands = broker: requests trusted to the broker's access list, at most %s",
+                m.MaxLevel.c_str());
+  }
   st_.on_record = [this](const Record& r) { on_record(r); };
   st_.on_severity = [this](const Watch& w, double value) { on_severity(w, value); };
   st_.points->on_alarm = [this](const zqpoints::AlarmEvent& e) { publish_alarm(e); };
@@ -144,45 +160,106 @@ void Fleet::publish_alarm(const zqpoints::AlarmEvent& e) {
                                .Text());
 }
 
+bool Fleet::reload_keys() {
+  struct stat info {};
+  const bool present = stat(keys_file_.c_str(), &info) == 0;
+  const time_t mtime = present ? info.st_mtime : 0;
+  const off_t size = present ? info.st_size : -2;
+  if (mtime == keys_mtime_ && size == keys_size_) return true;
+  keys_mtime_ = mtime;
+  keys_size_ = size;
+  std::string error;
+  if (!present) {
+    verifier_ = zqfleet::SignedRequest(cfg_.mqtt.SignedWindowS);
+    st_.log.Add(elog_WARN, 0, "MQTT: no command keys in %s yet (station --add-command-key NAME PUBLIC.pem)",
+                keys_file_.c_str());
+    return false;
+  }
+  if (!verifier_.LoadKeys(keys_file_, error)) {
+    st_.log.Add(elog_WARN, 0, "MQTT: command keys not reloaded: %s", error.c_str());
+    return false;
+  }
+  st_.log.Add(elog_INFO, 0, "MQTT: command keys read from %s", keys_file_.c_str());
+  return true;
+}
+
+void Fleet::refuse(const zqfleet::MqttLink::Request& req, const std::string& who, int code, const std::string& why) {
+  const double now = GetUTC();
+  // Once a minute per sender, and at most kRefusalLines a minute in all
+  // (a sender's name is only a topic level: a flood may use many).
+  constexpr int kRefusalLines = 20;
+  if (now - refusal_minute_ >= 60) {
+    if (refusals_unlogged_ > 0) st_.log.Add(elog_WARN, 0, "MQTT: %d more refusals not logged", refusals_unlogged_);
+    refusal_minute_ = now;
+    refusal_lines_ = refusals_unlogged_ = 0;
+    refusal_logged_.clear();
+  }
+  auto seen = refusal_logged_.insert(who);
+  if (seen.second && refusal_lines_ < kRefusalLines) {
+    ++refusal_lines_;
+    st_.log.Add(elog_WARN, 0, "MQTT request from %s refused (%d): %s (further refusals of it unlogged for a minute)",
+                escape_controls(who).c_str(), code, escape_controls(why).c_str());
+  } else if (seen.second) {
+    ++refusals_unlogged_;
+  }
+  link_->Respond(req, JsonFields().Add("result", code).Add("error", why).Text());
+}
+
+int Fleet::level_for(const zqfleet::MqttLink::Request& req, const zqfleet::FleetCommand& cmd, std::string& who) {
+  if (cfg_.mqtt.Commands == "signed") {
+    std::string error;
+    reload_keys();
+    if (!verifier_.Verify(cmd, id_, GetUTC(), error)) {
+      refuse(req, who, 401, "signature refused: " + error);
+      return -1;
+    }
+    who = cmd.user;
+    const int level = level_of ? level_of(cmd.user) : ZQSecurity::kNoAccess;
+    if (level == ZQSecurity::kNoAccess) refuse(req, who, 403, "'" + who + "' has no level in the users file");
+    return level == ZQSecurity::kNoAccess ? -1 : level;
+  }
+  // "broker": the access list lets each user publish on its own topic only.
+  int level = level_of ? level_of(req.identity) : ZQSecurity::kNoAccess;
+  if (level == ZQSecurity::kNoAccess) level = ZQSecurity::kViewer;
+  return std::min(level, static_cast<int>(ZQSecurity::UserFile::ParseLevel(cfg_.mqtt.MaxLevel)));
+}
+
 void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   zqfleet::FleetCommand cmd;
   std::string error;
-  const std::string who = req.identity.empty() ? "anonymous" : req.identity;
-  if (!zqfleet::FleetCommand::Parse(req.payload, id_, cmd, error)) {
-    st_.log.Add(elog_WARN, 0, "MQTT request from %s refused: %s", who.c_str(), error.c_str());
-    link_->Respond(req, JsonFields().Add("result", 400).Add("error", error).Text());
-    return;
-  }
-  const int level = level_of ? level_of(req.identity) : ZQSecurity::kViewer;
+  std::string who = req.identity.empty() ? "anonymous" : req.identity;
+  if (!req.refused.empty()) return refuse(req, who, 400, req.refused);
+  if (!zqfleet::FleetCommand::Parse(req.payload, id_, cmd, error)) return refuse(req, who, 400, error);
+  const int level = level_for(req, cmd, who);
+  if (level < 0) return;
   const std::vector<std::string> words = words_of(cmd.line);
-  static const std::set<std::string> never = {"starttls", "login", "exit", "quit"};
+  static const std::set<std::string> never = {"starttls", "login", "exit", "quit", "editing"};
   char* text = nullptr;
   size_t size = 0;
   FILE* in = std::fopen("/dev/null", "r");
   FILE* out = open_memstream(&text, &size);
   int result = 500;
+  const std::string line = escape_controls(cmd.line);
   if (in != nullptr && out != nullptr) {
     Session session;
     session.station = &st_;
     session.out = out;
     session.network = true;
-    session.peer = "mqtt:" + who;
+    session.peer = "mqtt:" + escape_controls(who);
     CLI cli(in, out, out);
     register_commands(cli, session);
     apply_command_levels(cli);
     cli.SetSessionLevel(level);
     if (words.empty() || never.count(words[0]) != 0 || cli.RequiredLevel(words) > level) {
-      st_.log.Add(elog_WARN, 0, "MQTT request from %s refused at level %d: %s", who.c_str(), level,
-                  cmd.line.c_str());
       result = 403;
     } else if (cli.find_command(words[0]) == nullptr) {
-      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", who.c_str(), cmd.line.c_str());
+      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", escape_controls(who).c_str(), line.c_str());
       std::fprintf(out, "%s: command not found\r\n", words[0].c_str());
       result = 127;
     } else {
-      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", who.c_str(), cmd.line.c_str());
-      std::string line = cmd.line;
-      cli.parse(line);
+      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", escape_controls(who).c_str(), line.c_str());
+      std::string copy = cmd.line;
+      cli.parse(copy);
       result = cli.retcode;
     }
   }
@@ -191,8 +268,9 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   const std::string answer = text != nullptr ? std::string(text, size) : "";
   std::free(text);
   if (result == 403) {
-    link_->Respond(req, JsonFields().Add("result", 403).Add("error", "not allowed").Text());
-    return;
+    return refuse(req, who, 403, "not allowed at level " +
+                                     std::string(ZQSecurity::UserFile::LevelName(static_cast<ZQSecurity::AccessLevel>(level))) +
+                                     ": " + cmd.line);
   }
   link_->Respond(req, JsonFields().Add("result", result).Add("output", answer).Text());
 }
@@ -288,6 +366,41 @@ void Fleet::Poll() {
     publish_status();
   }
   publish_log();
+}
+
+bool CommandKeyOption::Take(int& argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) != "--add-command-key") continue;
+    given = true;
+    if (i + 2 < argc) {
+      name = argv[i + 1];
+      pem = argv[i + 2];
+    }
+    const int words = std::min(3, argc - i);
+    for (int j = i; j + words < argc; ++j) argv[j] = argv[j + words];
+    argc -= words;
+    return true;
+  }
+  return false;
+}
+
+int CommandKeyOption::Handle(const std::string& users_file) {
+  if (pem.empty()) {
+    std::fprintf(stderr, "station: --add-command-key needs NAME PUBLIC.pem\n");
+    return 2;
+  }
+  const std::string users = users_file.empty() || users_file == "none" ? "station.users" : users_file;
+  std::string error;
+  if (!zqfleet::SignedRequest::RegisterKey(users + ".keys", name, pem, error)) {
+    std::fprintf(stderr, "station: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("command key of %s added to %s.keys\n", name.c_str(), users.c_str());
+  if (ZQSecurity::UserLevel(users, name) == ZQSecurity::kNoAccess) {
+    std::printf("note: %s has no level in %s yet (station --passwd %s LEVEL)\n", name.c_str(), users.c_str(),
+                name.c_str());
+  }
+  return 0;
 }
 
 }  // namespace station

@@ -30,6 +30,8 @@ const zqcommon::Setting_Check& setting_rules() {
         .Text("Station.DataDir", PATH_MAX)
         .Size("Station.MaxFileBytes", 1, 1LL << 30)
         .Integer("Station.LogLossReportS", 1, 86400)
+        .Choice("Station.RealTime", {"required", "preferred"})
+        .Text("Station.LocalConfig", PATH_MAX)
         .Integer("Server.ListenPort", 0, 65535)
         .Integer("Server.MaxConnections", 1, 100000)
         .Text("Server.Interface", 64)
@@ -77,7 +79,7 @@ bool operator_only(const std::string& path) {
   // Where the station listens and whom it reports to.
   if ((section ^= "Network") || (section ^= "MQTT") || (section ^= "Metrics")) return true;
   for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile",
-                          "Station.LogLossReportS"}) {
+                          "Station.LogLossReportS", "Station.LocalConfig"}) {
     if (path ^= key) return true;
   }
   return false;

@@ -1,6 +1,7 @@
 // The station's TCP side: listening, admission and session time limits.
 #include "network.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <cerrno>
 #include <unistd.h>
@@ -17,18 +18,37 @@ NetworkSettings::NetworkSettings() {
   Register("Interface6", Interface6, zqcommon::Config_Data_INIT.FULL, "", "IPv6 address to listen on");
 }
 
+NetworkSettings& network_settings() {
+  static NetworkSettings settings;
+  return settings;
+}
+
 NetClock::~NetClock() {
   if (owner != nullptr) owner->Release(address);
 }
 
 Network::Network(Config_File& cfg, ServerSettings& server, Log& log)
     : cfg_(cfg), server_(server), log_(log) {
-  settings.Load(cfg, "Network");
+  // As loaded at start (file, local file, command line), not the file alone.
+  for (auto& entry : network_settings()) settings.GetEntry(entry.first) = entry.second.Value();
   limits_.SetLimits(static_cast<unsigned int>(std::max(0, server.MaxConnections)),
                     static_cast<unsigned int>(std::max(0, settings.MaxPerAddress)));
 }
 
 Network::~Network() { Stop(); }
+
+namespace {
+
+// Whether a listener on `first` already takes the connections to `second`:
+// the IPv6 wildcard "::" listens on every address of both families (IPv4
+// peers arrive as ::ffff:a.b.c.d), and one address cannot be bound twice.
+bool covers(const std::string& first, const std::string& second) {
+  in6_addr a{}, b{};
+  if (inet_pton(AF_INET6, first.c_str(), &a) != 1) return false;
+  return IN6_IS_ADDR_UNSPECIFIED(&a) || (inet_pton(AF_INET6, second.c_str(), &b) == 1 && IN6_ARE_ADDR_EQUAL(&a, &b));
+}
+
+}  // namespace
 
 bool Network::listen_on(std::unique_ptr<Connection_Server>& srv, const char* key, const std::string& address,
                         int port, std::string* error) {
@@ -71,6 +91,11 @@ bool Network::Open(std::string* error, const std::function<bool(Connection_Serve
     servers_[0].reset();
   }
   if (!listen_on(servers_[0], "Server.Interface", server_.Interface, server_.ListenPort, error)) return false;
+  if (!settings.Interface6.empty() && covers(server_.Interface, settings.Interface6)) {
+    log_.Add(elog_INFO, 0, "Network.Interface6 = %s: no second listener, Server.Interface = %s takes it",
+             settings.Interface6.c_str(), server_.Interface.c_str());
+    return true;
+  }
   if (!settings.Interface6.empty() &&
       !listen_on(servers_[1], "Network.Interface6", settings.Interface6, servers_[0]->LocalPort(), error)) {
     // A host without IPv6 still serves IPv4; any other failure stops the start.

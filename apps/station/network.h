@@ -26,6 +26,9 @@ struct NetworkSettings : zqcommon::Config_Data {
   std::string Interface6 = "";  // a second, IPv6 address to listen on ("" none)
 };
 
+// The [Network] settings as main() loaded and checked them.
+NetworkSettings& network_settings();
+
 class Network;
 
 // One session's place in the caps and its clock; releases its place when

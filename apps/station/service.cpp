@@ -3,6 +3,7 @@
 #include "service.h"
 
 #include "fleet.h"
+#include "settings.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -42,26 +43,6 @@ std::string unreadable(const std::string& path) {
   const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   close(fd);
   return regular ? "" : "not a regular file";
-}
-
-// Settings that take effect while the station runs; every other one needs a
-// restart (the task's period, the listening socket, the log's file names...).
-bool live(const std::string& path) {
-  static const char* const kLive[] = {"Station.LowLimit", "Station.HighLimit", "Station.Setpoint",
-                                      "Station.Promotion", "Log.FileMask",     "Log.Mask",
-                                      "Log.Pmask",         "Log.FlushCycle",   "Log.MaxFileSize"};
-  for (const char* name : kLive) {
-    if (path ^= name) return true;
-  }
-  return path.compare(0, 13, "LogRetention.") == 0;
-}
-
-// Sets "Section.Key" in `all` to `value`; an error text when it cannot.
-std::string assign(const SettingsList& all, const std::string& path, const std::string& value) {
-  zqcommon::Config_Data_Entry* e = find_setting(all, path);
-  if (e == nullptr) return "no setting " + path;
-  std::string why;
-  return setting_rules().Assign(*e, path, value, &why) ? "" : why;
 }
 
 }  // namespace
@@ -197,11 +178,6 @@ bool Service::reload_settings(Station& st, std::string& report) {
     return false;
   }
   Config_File file(name);
-  std::string why_not;
-  if (!setting_rules().CheckFile(file, &why_not)) {
-    report = why_not + "; running settings kept";
-    return false;
-  }
   StationSettings station_settings;
   ServerSettings server;
   Log_Config_Data logcfg;
@@ -216,20 +192,13 @@ bool Service::reload_settings(Station& st, std::string& report) {
     if (section.second == &fleet_settings().metrics) section.second = &fleet.metrics;
   }
   fresh.emplace_back("LogRetention", &retention);
-  // The file's values, then the command line's Section.Key=VALUE over them.
-  for (const auto& section : fresh) {
-    for (const std::string& key : file.get_section_entries(section.first)) {
-      int line = 0;
-      const std::string value = file.get_entry(section.first, key, "", nullptr, &line);
-      const std::string error = assign(fresh, section.first + "." + key, value);
-      if (!error.empty()) {
-        report = Format("%s line %d: %s; running settings kept", name.c_str(), line, error.c_str());
-        return false;
-      }
-    }
-  }
-  for (const std::string& key : cfg_.get_section_entries(kArgline)) {
-    if (key.find('.') != std::string::npos) assign(fresh, key, cfg_.get_entry(kArgline, key, ""));
+  // The file's values, the local file's over them, the command line's over both.
+  zqcommon::Checked_Settings checked = settings_checker(fresh);
+  const std::vector<std::string> problems = load_checked(checked, file);
+  if (!problems.empty()) {
+    for (const std::string& p : problems) report += (report.empty() ? "" : "; ") + p;
+    report += "; running settings kept";
+    return false;
   }
   std::string changed, restart;
   for (const auto& section : running_) {
@@ -237,8 +206,9 @@ bool Service::reload_settings(Station& st, std::string& report) {
       const std::string path = section.first + "." + entry.first;
       const zqcommon::Config_Data_Entry* now = find_setting(fresh, path);
       if (now == nullptr || now->Value() == entry.second.Value()) continue;
-      if (!live(path)) {
+      if (!live_setting(path)) {
         restart += (restart.empty() ? "" : ", ") + path;
+        settings_state().restart.insert(path);  // status lists it
         continue;
       }
       changed += Format("%s%s %s -> %s", changed.empty() ? "" : ", ", path.c_str(),
@@ -250,7 +220,10 @@ bool Service::reload_settings(Station& st, std::string& report) {
     for (unsigned int& p : w.error.promotion) p = components::OneError::kDisabled;
     w.error = st.settings.Promotion;
   }
-  report = name + " read; " + (changed.empty() ? "nothing changed" : "changed " + changed);
+  // Later saves compare with the file as read now.
+  std::string unread;
+  if (settings_state().save_to != nullptr && !settings_state().save_to->Read(&unread)) report += unread + "; ";
+  report += name + " read; " + (changed.empty() ? "nothing changed" : "changed " + changed);
   if (!restart.empty()) report += "; needing a restart (not applied): " + restart;
   return true;
 }

@@ -1,6 +1,7 @@
 // station: a measurement-and-control program built on libzqcommon.
 //
 //   station [-h] [-v] [-d LEVEL] [-f FILE] [Section.Key=VALUE ...]
+//   station --passwd NAME LEVEL | --issue-client-cert NAME | --issue-server-cert HOSTNAME...
 //
 // Reads FILE (default station.cfg) into its settings, lets Section.Key=VALUE
 // arguments override them (Server.ListenPort=0 picks a free port), starts the
@@ -14,6 +15,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zqcommon/bug.h>
@@ -24,14 +26,18 @@
 #include <zqsecurity/sslconnection.h>
 #include <zqsecurity/userfile.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "fleet.h"
+#include "machine.h"
 #include "network.h"
 #include "service.h"
+#include "settings.h"
 #include "station.h"
 
 namespace {
@@ -99,10 +105,15 @@ struct Client {
 
 const char kPrompt[] = "station> ";
 
-// Sends what the interpreter wrote, then the prompt.
+// Sends what the interpreter wrote, then the prompt; in machine mode every
+// answer is framed instead.
 void answer(Client& c, bool prompt) {
   std::fflush(c.out);
-  if (prompt) c.reply += kPrompt;
+  if (c.session.machine && (prompt || !c.reply.empty())) {
+    station::frame_answer(c.session, c.reply);
+  } else if (prompt && !c.session.machine) {
+    c.reply += kPrompt;
+  }
   if (!c.reply.empty()) c.conn->writeln(c.reply, false, 0);
   c.reply.clear();
 }
@@ -148,6 +159,7 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
     const int r = c.conn->readln(line, false, 0);
     if (r == -3) {  // a line beyond the limit: refused, the session kept
       gate.LineTooLong(c.session, *c.conn, c.out);
+      c.session.code = station::kAnswerFailed;
       answer(c, false);
       continue;
     }
@@ -161,15 +173,19 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       c.conn->close();
       break;
     }
+    const bool password = c.session.access.step == station::AccessState::kPassword;
     if (gate.Screen(*c.cli, c.session, *c.conn, line, c.out)) {
       // A login step or a refusal: neither history nor the log sees it.
+      c.session.code = password ? station::kAnswerLogin : station::kAnswerRefused;
     } else if (!word.empty() && c.cli->find_command(word) == nullptr) {
       std::fprintf(c.out, "%s: command not found\r\n", word.c_str());
       gate.Audit(c.session, text, -1);
+      c.session.code = station::kAnswerFailed;
     } else {
       std::string copy = text;
       c.cli->parse(copy);
       gate.Audit(c.session, text, c.cli->retcode);
+      c.session.code = station::command_code(*c.cli, text);
     }
     if (c.session.want_editing) {
       station::setup_console(*c.cli, c.session, "");
@@ -183,6 +199,7 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
       return serve_keys(c);
     }
     const bool asking = c.session.access.step != station::AccessState::kCommand;
+    if (asking) c.session.code = station::kAnswerAsking;
     if (gate.Held(c.session, station::Gate::NowMs())) break;  // answered when the wait is over
     answer(c, !c.session.want_tls && !asking);
     if (c.session.want_tls) {
@@ -199,37 +216,39 @@ bool serve(Client& c, Log& log, station::Gate& gate) {
 }
 
 
-// Section.Key=VALUE arguments override the file's settings; false when one
-// names no setting or its value does not fit.
-bool apply_overrides(Config_File& cfg, const station::SettingsList& all) {
-  bool ok = true;
-  for (const std::string& name : cfg.get_section_entries("@@Argline")) {
-    if (name.find('.') == std::string::npos) continue;
-    const std::string value = cfg.get_entry("@@Argline", name, "");
-    zqcommon::Config_Data_Entry* e = station::find_setting(all, name);
-    std::string why;
-    if (e == nullptr) {
-      std::fprintf(stderr, "station: cannot set %s to '%s'\n", name.c_str(), value.c_str());
-      ok = false;
-    } else if (!station::setting_rules().Assign(*e, name, value, &why)) {
-      std::fprintf(stderr, "station: cannot set %s\n", why.c_str());
-      ok = false;
-    }
-  }
-  return ok;
-}
-
 int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSettings& settings,
         station::ServerSettings& server, station::Service& service) {
   Station st(cfg, settings, server, logcfg, log);
+  const bool required = settings.RealTime ^= "required";
+  if (required && mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
+    std::fprintf(stderr,
+                 "station: cannot initialize the sensor task: memory cannot be locked (%s).\n"
+                 "Station.RealTime = required needs root, CAP_IPC_LOCK or ulimit -l unlimited;\n"
+                 "Station.RealTime = preferred runs without.\n", std::strerror(errno));
+    log.Add(elog_PANIC, 1, "the sensor task cannot lock memory (Station.RealTime = required)");
+    return 1;
+  }
+  st.task.SetMemoryLockOptional(!required);
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {
-    std::fprintf(stderr,
-                 "station: the sensor task did not start. It locks the process's memory, which\n"
-                 "needs root or an unlimited locked-memory limit (ulimit -l unlimited).\n");
+    std::fprintf(stderr, "station: the sensor task did not start\n");
     log.Add(elog_PANIC, 1, "the sensor task did not start");
     return 1;
+  }
+  if (!st.task.MemoryLocked() || !st.task.RealTimeScheduled()) {
+    const bool locked = st.task.MemoryLocked(), fifo = st.task.RealTimeScheduled();
+    const std::string what = Format(
+        "no real-time rights (%s%s%s): the sensor task runs with ordinary scheduling, lateness counted as before",
+        locked ? "" : "memory not locked", !locked && !fifo ? ", " : "", fifo ? "" : "no SCHED_FIFO");
+    if (required) {
+      std::fprintf(stderr, "station: Station.RealTime = required, but %s\n", what.c_str());
+      log.Add(elog_PANIC, 1, "Station.RealTime = required, but %s", what.c_str());
+      return 1;
+    }
+    station::settings_state().realtime_warning = what;
+    std::fprintf(stderr, "station: warning: %s\n", what.c_str());
+    log.Add(elog_WARN, 0, "%s", what.c_str());
   }
 
   station::Gate gate(settings, server, log);
@@ -246,10 +265,8 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   std::fflush(stdout);
 
   station::Fleet fleet(st);
-  fleet.level_of = [&settings](const std::string& who) {
-    const int level = ZQSecurity::UserLevel(settings.UsersFile, who);
-    return level == ZQSecurity::kNoAccess ? static_cast<int>(ZQSecurity::kViewer) : level;
-  };
+  fleet.level_of = [&settings](const std::string& who) { return ZQSecurity::UserLevel(settings.UsersFile, who); };
+  fleet.users_file = settings.UsersFile;
   if (!fleet.Start()) return 1;
   service.Ready(st);
 
@@ -303,6 +320,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       c->cli = std::make_unique<CLI>(c->in, c->out, c->out);
       c->cli->SetLimits(128 * 1024, 1024 * 1024);
       station::register_commands(*c->cli, c->session);
+      station::register_machine_commands(*c->cli, c->session);
       gate.Admit(*c->cli, c->session, c->out);
       station::setup_console(*c->cli, c->session, "");
       log.Add(elog_INFO, 0, "%s connected", c->session.peer.c_str());
@@ -384,11 +402,23 @@ int main(int argc, char** argv) {
   const int threads_at_start = count_entries("/proc/self/task");
   station::AccessOption option;
   const bool access_option = option.Take(argc, argv);
+  station::CommandKeyOption key_option;
+  key_option.Take(argc, argv);
+  // Section.Key=VALUE arguments are the settings' business, the rest options.
+  zqcommon::Checked_Settings overrides;
+  overrides.TakeOverrides(argc, argv);
+  station::settings_state().overrides = overrides.Overrides();
   Config_File cfg(argc, argv);
   DEBUG_LEVEL = cfg.get_debug(0);
-  if (cfg.parse_argline_default(
-          "Section.Key=VALUE: override a setting of station.cfg (e.g. Server.ListenPort=0)")) {
+  if (cfg.get_entry("@@Argline", "show_help", "") == "1") {
+    station::print_usage();
     return 0;
+  }
+  const std::string unknown = station::unknown_option(cfg);
+  if (!unknown.empty()) {
+    std::fprintf(stderr, "station: unknown option %s\n", unknown.c_str());
+    station::print_usage();
+    return 2;
   }
   const int early = station::service_command_line(cfg, "station.cfg");
   if (early >= 0) return early;
@@ -396,23 +426,24 @@ int main(int argc, char** argv) {
   station::StationSettings settings;
   station::ServerSettings server;
   Log_Config_Data logcfg;
+  LogRetention_Config_Data retention;
+  station::SettingsList all = station::sections(settings, server, logcfg);
+  all.emplace_back("LogRetention", &retention);
+  all.emplace_back("Network", &station::network_settings());
+  zqcommon::Checked_Settings checked = station::settings_checker(all);
+  const std::vector<std::string> problems = station::load_checked(checked, cfg);
+  for (const std::string& p : problems) std::fprintf(stderr, "station: %s\n", p.c_str());
+  if (!problems.empty()) {
+    std::fprintf(stderr, "station: %zu problem(s) in the settings, not started\n", problems.size());
+    return 2;
+  }
   std::string why;
-  if (!station::setting_rules().CheckFile(cfg, &why)) {
+  if (!station::prepare_save(cfg, &why)) {
     std::fprintf(stderr, "station: %s\n", why.c_str());
     return 2;
   }
-  settings.Load(cfg, "Station");
-  server.Load(cfg, "Server");
-  logcfg.Load(cfg, "Log");
-  station::load_access(cfg, server);
-  station::fleet_settings().mqtt.Load(cfg, "MQTT");
-  station::fleet_settings().metrics.Load(cfg, "Metrics");
-  LogRetention_Config_Data retention;
-  retention.Load(cfg, "LogRetention");
-  station::SettingsList all = station::sections(settings, server, logcfg);
-  all.emplace_back("LogRetention", &retention);
-  if (!apply_overrides(cfg, all)) return 2;
   if (access_option) return option.Handle(settings, server);
+  if (key_option.given) return key_option.Handle(settings.UsersFile);
   if (settings.PeriodUs <= 0) {
     std::fprintf(stderr, "station: Station.PeriodUs must be positive\n");
     return 2;

@@ -48,6 +48,8 @@ struct StationSettings : zqcommon::Config_Data {
   std::string DataDir = ".";    // the only files network clients may read
   long long MaxFileBytes = 64LL << 20;  // the largest file hash and crc read
   int LogLossReportS = 60;      // at most one report of lost log lines per period
+  std::string RealTime = "preferred";  // "required": no start without real-time rights
+  std::string LocalConfig;      // read after the main file; config save writes here
 };
 
 // [Server]: the TCP side.
@@ -197,6 +199,9 @@ struct Session {
   bool want_tls = false;
   bool want_exit = false;
   bool want_editing = false;
+  bool machine = false;  // answers framed for programs (machine.h)
+  int code = 0;          // the answer's result code in machine mode
+  std::shared_ptr<struct FileSend> sending;  // the file `get` sends in pieces (machine.cpp)
   std::string peer;
   int level = ZQSecurity::kNoAccess;  // the access level reached
   AccessState access;

@@ -27,6 +27,8 @@ StationSettings::StationSettings() {
            zqcommon::cfg_STORAGE);
   Register("LogLossReportS", LogLossReportS, zqcommon::Config_Data_INIT.FULL, "s",
            "one report of lost log lines per period");
+  Register("RealTime", RealTime, zqcommon::Config_Data_INIT.FULL, "", "required or preferred");
+  Register("LocalConfig", LocalConfig, zqcommon::Config_Data_INIT.FULL, "", "local settings file");
 }
 
 ServerSettings::ServerSettings() {

@@ -76,7 +76,7 @@ class ZQ_EXPORT CSerialPort {
 
  private:
   int m_PortHandle = -1;
-  struct termios old_termios {};
+  termios old_termios{};
   Ports Port = pCOM1;
   const char* last_error = nullptr;
 };

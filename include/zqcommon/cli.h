@@ -142,8 +142,8 @@ class ZQ_EXPORT CLI {
   static int cmd_quit(void* cli, int argc, const char** argv);
 
   FILE* _stdin;
-  struct termios old_termio {};
-  struct termios new_termio {};
+  termios old_termio{};
+  termios new_termio{};
   unsigned int cols = 80, rows = 24;
   FILE* _stdout;
   FILE* _stderr;

@@ -93,6 +93,10 @@ class ZQ_EXPORT Config_Data_Entry {
   Config_DataTypes Type() const { return type; }
   // The entry's line in the file it was loaded from or saved to; INT_MIN when none.
   int Line() const { return line; }
+  // How an integer member is written and read; the size of a character
+  // buffer or binary block (0 for other kinds).
+  Config_NumberBase Base() const { return base; }
+  size_t Size() const { return size; }
 
  private:
   friend class Config_Data;

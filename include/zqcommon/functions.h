@@ -135,8 +135,8 @@ ZQ_EXPORT std::string GetToken(std::string* s);
 // empty separator returns the whole text the same way.
 ZQ_EXPORT std::string GetExtToken(std::string* s, const std::string& sep);
 
-// The text in double quotes, control characters escaped as \0 \a \b \t \n \v \f
-// \r or \<octal>. Double quotes and backslashes are NOT escaped (kept on
+// The text in double quotes, control characters escaped as
+// `\0 \a \b \t \n \v \f \r` or `\<octal>`. Double quotes and backslashes are NOT escaped (kept on
 // purpose), so dequote() does not invert quote() for such texts.
 ZQ_EXPORT std::string quote(const std::string& text);
 // Decodes backslash escapes (a named escape is followed by an octal number read

@@ -25,7 +25,7 @@ class Config_Data_Entry;
 // locked; the table is read-only once filled, so concurrent checks are safe.
 class ZQ_EXPORT Setting_Check {
  public:
-  enum Kind { kInteger, kOctal, kSize, kReal, kText };
+  enum Kind { kInteger, kOctal, kSize, kReal, kText, kChoice };
 
   Setting_Check& Integer(const std::string& path, long long min, long long max);
   Setting_Check& Octal(const std::string& path, long long min, long long max);
@@ -33,11 +33,16 @@ class ZQ_EXPORT Setting_Check {
   Setting_Check& Size(const std::string& path, long long min, long long max);
   Setting_Check& Real(const std::string& path, double min, double max);
   Setting_Check& Text(const std::string& path, size_t max_length);
+  // One of the given words (without regard to case).
+  Setting_Check& Choice(const std::string& path, const std::vector<std::string>& words);
 
   // Whether `text` is allowed for `path`; `why` gets the reason when not.
   bool Check(const std::string& path, const std::string& text, std::string* why) const;
+  // Why `text` is not allowed for `path` ("not an integer in 0..65535"), or
+  // "" when it is or no rule names the setting.
+  std::string Reason(const std::string& path, const std::string& text) const;
   // What the rule for `path` allows ("an integer in 100..1000000", "at most
-  // 255 characters"); "" when the setting has no rule.
+  // 255 characters", "one of required, preferred"); "" when no rule names it.
   std::string Allowed(const std::string& path) const;
   // Checks, then assigns to the entry; false (entry untouched) when the check
   // or the assignment fails.
@@ -52,6 +57,7 @@ class ZQ_EXPORT Setting_Check {
     std::string path;
     Kind kind;
     long double min, max;
+    std::vector<std::string> words;  // kChoice
   };
   Setting_Check& add(const std::string& path, Kind kind, long double min, long double max);
   const Rule* find(const std::string& path) const;

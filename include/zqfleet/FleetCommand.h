@@ -8,11 +8,13 @@
 
 namespace zqfleet {
 
-// The payload of a request on <prefix>/cmd is one flat JSON object:
+// The payload of a request on `<prefix>/cmd` is one flat JSON object:
 //   {"cmd": "status", "station": "s1"}
 // "cmd" (required) is the command line; "station" (optional) must then be
 // this station's id. Other string, number, true/false/null members are
-// ignored; nested objects and arrays, duplicate "cmd", text after the object,
+// ignored, but for the string members of a signed request ("user", "time",
+// "nonce", "sig", see SignedRequest); nested objects and arrays, a member
+// given twice ("cmd", "station" or a signed one), text after the object,
 // invalid escapes and payloads over kMaxPayload bytes are refused.
 // Parse never throws; it is a value type.
 struct ZQ_EXPORT FleetCommand {
@@ -20,6 +22,7 @@ struct ZQ_EXPORT FleetCommand {
 
   std::string line;     // the command line to run
   std::string station;  // as the request named it, or empty
+  std::string user, time, nonce, sig;  // a signed request's members, or empty
 
   // False, with a one-line reason in `error`, when the payload is refused or
   // names another station than `station_id`.

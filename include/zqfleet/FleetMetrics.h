@@ -15,8 +15,8 @@
 
 namespace zqfleet {
 
-// Serves on http://<listen>/metrics (prometheus-cpp's exposer, its own
-// thread): zq_cycle_lateness_seconds (histogram), zq_cycle_overruns_total,
+// Serves on `http://<listen>/metrics` (prometheus-cpp's exposer: four worker
+// threads, 5 s for a request to arrive, at most 16 connections waiting): zq_cycle_lateness_seconds (histogram), zq_cycle_overruns_total,
 // zq_error_severity{record}, zq_sessions{kind}, zq_log_entries_total{type},
 // zq_mqtt_connected, zq_mqtt_queue_records, zq_mqtt_queue_bytes,
 // zq_mqtt_dropped_total, zq_point_value{point,unit} (the point's value in

@@ -17,7 +17,7 @@ namespace zqfleet {
 // with a sequence number per topic counted from 0 (a consumer sees a gap as a
 // jump). The link runs on libmosquitto (MQTT 5) in libmosquitto's own thread,
 // connects and reconnects by itself (back-off 1 s doubling to 30 s), and
-// publishes on connect a retained "online" record on <prefix>/state (the
+// publishes on connect a retained "online" record on `<prefix>/state` (the
 // birth: seq is the connection's number, plus the caller's birth fields); the
 // broker's last will sets it to "offline" with the same number. Stop()
 // publishes "offline" itself.
@@ -27,9 +27,16 @@ namespace zqfleet {
 // in order; when the queue is over QueueLimit bytes the oldest unsent records
 // are dropped and counted. QoS 0 records are sent only while connected.
 //
-// Requests on <prefix>/cmd and <prefix>/cmd/<identity> wait for TakeRequest();
-// the broker's access list is what lets a client publish under its own
-// identity only, so <identity> is the user the broker authenticated.
+// With Commands other than "off" the link subscribes to `<prefix>/cmd` and
+// `<prefix>/cmd/<identity>` (retained messages never sent, and any that
+// arrive ignored) and the requests wait for TakeRequest(). The topic proves
+// nothing by itself: the program checks a signature ("signed") or relies
+// on the broker's access list ("broker"). The CONNECT asks the broker for
+// packets of at most kMaxPacket bytes; a bigger payload that still arrives
+// is not copied (the request comes with `refused` set). Requests wait in a
+// queue of at most RequestBytes, served in turn per identity; when it is
+// full the identity holding the most loses its newest request. A response
+// topic outside `<ReplyPrefix>/` (or with a wildcard) refuses the request.
 //
 // Thread safety: every member may be called from any thread; none waits for
 // the network. The link must be stopped (or destroyed) before anything its
@@ -42,7 +49,9 @@ class ZQ_EXPORT MqttLink {
     std::string payload;
     std::string response_topic;  // empty: the requester wants no answer
     std::string correlation;     // opaque bytes, returned as given
+    std::string refused;         // set: refused on arrival (why); not to be run
   };
+  static constexpr int kMaxPacket = 65536;
   // The link's state and counts so far.
   struct Counters {
     bool connected = false;
@@ -51,6 +60,7 @@ class ZQ_EXPORT MqttLink {
     uint64_t queued_bytes = 0;
     uint64_t dropped = 0;        // records dropped because the queue was full
     uint64_t published = 0;      // records the broker acknowledged or took (QoS 0)
+    uint64_t requests_dropped = 0;  // requests dropped from a full request queue
   };
 
   // `settings` must have been Resolve()d; they are copied.
@@ -62,17 +72,21 @@ class ZQ_EXPORT MqttLink {
   // Sets up TLS and credentials, opens the queue folder and starts
   // connecting in the background. `birth_fields` (JsonFields text) go into
   // every online record. False with the reason when a file cannot be read or
-  // libmosquitto refuses an option; an unreachable broker is not a failure.
+  // libmosquitto refuses an option; an unreachable broker is not a failure,
+  // nor a queue file that cannot be written (the link keeps its records in
+  // memory and says so through TakeNotice).
   bool Start(const std::string& birth_fields, std::string& error);
   // Publishes "offline", waits at most `wait_ms` for queued records to go
   // out, disconnects and stops the thread.
   void Stop(int wait_ms = 1000);
 
-  // Queues a record on <prefix>/<topic> with the settings' QoS (or `qos` 0/1
+  // Queues a record on `<prefix>/<topic>` with the settings' QoS (or `qos` 0/1
   // when given). Returns its sequence number.
   uint64_t Publish(const std::string& topic, const std::string& fields, int qos = -1);
-  // Sends an answer to a request: its correlation data and `fields`.
+  // Sends an answer to a request: its correlation data and `fields`; false
+  // when the request has no (acceptable) response topic.
   bool Respond(const Request& request, const std::string& fields);
+  // The next waiting request, in turn per identity.
   bool TakeRequest(Request& request);
   // A warning of the link (connection lost or refused, a bad TLS file, a
   // queue file that cannot be written), each reported once until the

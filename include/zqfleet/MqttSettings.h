@@ -31,10 +31,22 @@ struct ZQ_EXPORT MqttSettings : zqcommon::Config_Data {
   long long QueueLimit = 4 << 20;   // bytes kept waiting; beyond it the oldest are dropped
   int StatusPeriod = 10;            // seconds between status records
   unsigned int LogMask = 7;         // log entry types published (1 panic, 2 error, 4 warning, 8 info, 16 debug)
+  // Command requests: "off" (nothing subscribed), "signed" (each request
+  // signed with its sender's Ed25519 key, see SignedRequest) or "broker"
+  // (the broker's access list vouches for the topic's user; TLS and a login
+  // required, every request capped at MaxLevel).
+  std::string Commands = "off";
+  int SignedWindowS = 30;           // a signed request's time stamp may be off by this much
+  std::string MaxLevel = "viewer";  // "broker": the highest level any request gets
+  std::string ReplyPrefix = "reply";  // answers only to topics under <ReplyPrefix>/
+  long long RequestBytes = 256 << 10;  // requests waiting to be served, all senders together
 
   // Fills the defaults that depend on the station's id. False, with the
   // reason in `error`, when a value is out of range (QoS, Port, KeepAlive,
-  // StatusPeriod, QueueLimit) or the id is not usable in a topic.
+  // StatusPeriod, QueueLimit, SignedWindowS, RequestBytes), Commands or
+  // MaxLevel is not one of its words, ReplyPrefix is not a plain topic
+  // outside TopicPrefix, Commands is "broker" without CAFile and User, or
+  // the id is not usable in a topic.
   bool Resolve(const std::string& station_id, std::string& error);
 };
 

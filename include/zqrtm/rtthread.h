@@ -51,6 +51,15 @@ class ZQ_EXPORT rtthread : public thread {
   long long AvgCycleLength() const;
   void ResetCycleLength();
 
+  // Opt-in for programs that may run without real-time rights: when the
+  // memory cannot be locked, the body warns once and runs on (by default it
+  // fails). Call before the thread starts.
+  void SetMemoryLockOptional(bool optional) { lock_optional_ = optional; }
+  // Once cycles run: whether the memory is locked and whether the task got
+  // SCHED_FIFO.
+  bool MemoryLocked() const { return memory_locked_; }
+  bool RealTimeScheduled() const { return fifo_; }
+
  protected:
   void* run(void* arg) override;
   void cleanup(bool cancelled) override;
@@ -71,6 +80,8 @@ class ZQ_EXPORT rtthread : public thread {
 
  private:
   int latency_fd_ = -1;  // the held /dev/cpu_dma_latency request, or -1
+  bool lock_optional_ = false;
+  std::atomic<bool> memory_locked_{false}, fifo_{false};
 };
 
 #endif

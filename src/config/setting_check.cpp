@@ -3,6 +3,7 @@
 
 #include <strings.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -63,7 +64,7 @@ std::string bound_text(long double v, Setting_Check::Kind kind) {
 
 Setting_Check& Setting_Check::add(const std::string& path, Kind kind, long double min,
                                   long double max) {
-  rules_.push_back(Rule{path, kind, min, max});
+  rules_.push_back(Rule{path, kind, min, max, {}});
   return *this;
 }
 
@@ -83,6 +84,11 @@ Setting_Check& Setting_Check::Text(const std::string& path, size_t max_length) {
   return add(path, kText, 0, static_cast<long double>(max_length));
 }
 
+Setting_Check& Setting_Check::Choice(const std::string& path, const std::vector<std::string>& words) {
+  add(path, kChoice, 0, 0).rules_.back().words = words;
+  return *this;
+}
+
 const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
   for (const Rule& r : rules_) {
     if (strcasecmp(r.path.c_str(), path.c_str()) == 0) return &r;
@@ -90,32 +96,51 @@ const Setting_Check::Rule* Setting_Check::find(const std::string& path) const {
   return nullptr;
 }
 
+std::string Setting_Check::Reason(const std::string& path, const std::string& text) const {
+  const Rule* r = find(path);
+  if (r == nullptr) return "";
+  if (r->kind == kChoice) {
+    for (const std::string& w : r->words) {
+      if (strcasecmp(w.c_str(), Trim(text).c_str()) == 0) return "";
+    }
+    return "not " + Allowed(path);
+  }
+  if (r->kind == kText) {
+    for (const char c : text) {
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "control characters";
+    }
+    if (text.size() > r->max) return Format("longer than %s characters", bound_text(r->max, kInteger).c_str());
+    return "";
+  }
+  // Settings read integers in automatic base: "010" would pass here as ten
+  // and be taken as eight.
+  const std::string t = Trim(text);
+  const size_t digit = t.find_first_not_of("+-");
+  if ((r->kind == kInteger || r->kind == kSize) && digit != std::string::npos && t[digit] == '0' &&
+      digit + 1 < t.size() && std::isdigit(static_cast<unsigned char>(t[digit + 1]))) {
+    return "an integer with a leading 0, which reads as octal";
+  }
+  long double v = 0;
+  if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return "";
+  return "not " + Allowed(path);
+}
+
 std::string Setting_Check::Allowed(const std::string& path) const {
   const Rule* r = find(path);
   if (r == nullptr) return "";
-  if (r->kind == kText)
-    return Format("at most %s characters", bound_text(r->max, kInteger).c_str());
+  if (r->kind == kChoice) {
+    std::string list;
+    for (const std::string& w : r->words) list += (list.empty() ? "" : ", ") + w;
+    return "one of " + list;
+  }
+  if (r->kind == kText) return Format("at most %s characters", bound_text(r->max, kInteger).c_str());
   return Format("%s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
                 bound_text(r->max, r->kind).c_str());
 }
 
 bool Setting_Check::Check(const std::string& path, const std::string& text, std::string* why) const {
-  const Rule* r = find(path);
-  if (r == nullptr) return true;
-  std::string reason;
-  if (r->kind == kText) {
-    if (text.size() > r->max) {
-      reason = Format("longer than %s characters", bound_text(r->max, kInteger).c_str());
-    }
-    for (const char c : text) {
-      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) reason = "control characters";
-    }
-    if (reason.empty()) return true;
-  } else {
-    long double v = 0;
-    if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return true;
-    reason = "not " + Allowed(r->path);
-  }
+  const std::string reason = Reason(path, text);
+  if (reason.empty()) return true;
   // The value is quoted as far as it is printable and short.
   std::string shown;
   for (size_t i = 0; i < text.size() && i < 40; ++i) {
@@ -123,7 +148,7 @@ bool Setting_Check::Check(const std::string& path, const std::string& text, std:
     shown += c < 0x20 || c >= 0x7f ? '?' : text[i];
   }
   if (text.size() > 40) shown += "...";
-  if (why != nullptr) *why = Format("%s: '%s' is %s", r->path.c_str(), shown.c_str(), reason.c_str());
+  if (why != nullptr) *why = Format("%s: '%s' is %s", find(path)->path.c_str(), shown.c_str(), reason.c_str());
   return false;
 }
 

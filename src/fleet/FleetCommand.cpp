@@ -2,6 +2,7 @@
 #include "zqfleet/FleetCommand.h"
 
 #include <cctype>
+#include <set>
 
 namespace zqfleet {
 
@@ -118,6 +119,7 @@ bool FleetCommand::Parse(const std::string& payload, const std::string& station_
   Reader r(payload);
   if (!r.eat('{')) return fail(error, "expected a JSON object", r.where());
   bool have_cmd = false;
+  std::set<std::string> seen;
   if (!r.eat('}')) {
     do {
       std::string name, value;
@@ -135,9 +137,16 @@ bool FleetCommand::Parse(const std::string& payload, const std::string& station_
         if (have_cmd || c != '"') return fail(error, "\"cmd\" must be one string", r.where());
         out.line = value;
         have_cmd = true;
-      } else if (name == "station" && c == '"') {
-        out.station = value;
+        continue;
       }
+      std::string* member = name == "station" ? &out.station : name == "user" ? &out.user
+                          : name == "time" ? &out.time : name == "nonce" ? &out.nonce
+                          : name == "sig" ? &out.sig : nullptr;
+      if (member == nullptr) continue;
+      if (c != '"' || !seen.insert(name).second) {
+        return fail(error, "\"" + name + "\" must be one string", r.where());
+      }
+      *member = value;
     } while (r.eat(','));
     if (!r.eat('}')) return fail(error, "expected ',' or '}'", r.where());
   }

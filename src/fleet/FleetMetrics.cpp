@@ -86,7 +86,12 @@ FleetMetrics::~FleetMetrics() = default;
 bool FleetMetrics::Start(const std::string& listen, std::string& error) {
   if (listen.empty()) return true;
   try {
-    impl_->exposer = std::make_unique<prometheus::Exposer>(listen, 1);
+    // Several workers, each request given a short time to arrive, and few
+    // connections waiting for a worker: one slow or idle client cannot stop
+    // the scrapes (civetweb's options, passed through).
+    impl_->exposer = std::make_unique<prometheus::Exposer>(std::vector<std::string>{
+        "listening_ports", listen, "num_threads", "4", "request_timeout_ms", "5000",
+        "connection_queue", "16", "listen_backlog", "16", "enable_keep_alive", "no"});
     impl_->exposer->RegisterCollectable(impl_->registry);
     const auto ports = impl_->exposer->GetListeningPorts();
     impl_->port = ports.empty() ? 0 : ports.front();

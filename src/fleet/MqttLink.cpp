@@ -13,6 +13,8 @@
 #include <set>
 
 #include "diskqueue.h"
+#include "requestqueue.h"
+#include "zqfleet/FleetCommand.h"
 #include "zqfleet/JsonFields.h"
 
 namespace zqfleet {
@@ -51,7 +53,8 @@ struct MqttLink::Impl {
   size_t inflight = 0;  // the first `inflight` records of the queue
   uint64_t queued_bytes = 0, dropped = 0, published = 0, connects = 0, next_id = 0;
   zqdetail::DiskQueue disk;
-  std::deque<Request> requests;
+  zqdetail::RequestQueue requests{0};  // sized from the settings once copied
+  uint64_t requests_dropped = 0;
   std::deque<std::string> notices;
   std::set<std::string> noticed;  // since the last successful connection
 
@@ -76,11 +79,21 @@ struct MqttLink::Impl {
                           payload.data(), 1, true, nullptr);
   }
 
+  // A queue file that cannot be written is left: the records stay in memory.
+  void disk_failed() {
+    notice("cannot write queue file " + disk.Path() + "; keeping the queue in memory");
+    disk.Close();
+  }
+
   void forget(size_t index) {
     zqdetail::QueuedRecord& r = queue[index];
     queued_bytes -= r.topic.size() + r.payload.size();
-    if (disk.IsOpen() && !disk.Done(r.id)) notice("cannot write queue file " + disk.Path());
+    if (disk.IsOpen() && !disk.Done(r.id)) disk_failed();
     queue.erase(queue.begin() + static_cast<long>(index));
+  }
+
+  void compact() {
+    if (!queue.empty() && disk.IsOpen() && !disk.MaybeCompact(queue, queued_bytes)) disk_failed();
   }
 
   void pump() {
@@ -113,8 +126,12 @@ struct MqttLink::Impl {
     const std::string payload = self.envelope(fields, self.session);
     mosquitto_publish_v5(m, nullptr, (self.prefix + "/state").c_str(), static_cast<int>(payload.size()),
                          payload.data(), 1, true, nullptr);
-    mosquitto_subscribe_v5(m, nullptr, (self.prefix + "/cmd").c_str(), 1, 0, nullptr);
-    mosquitto_subscribe_v5(m, nullptr, (self.prefix + "/cmd/+").c_str(), 1, 0, nullptr);
+    if (self.settings.Commands != "off") {
+      // A retained request would run again at every connection.
+      for (const char* topic : {"/cmd", "/cmd/+"}) {
+        mosquitto_subscribe_v5(m, nullptr, (self.prefix + topic).c_str(), 1, MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr);
+      }
+    }
     // What was in flight when the last connection ended libmosquitto sends
     // again itself (same message ids, in order); the rest follows.
     self.pump();
@@ -147,7 +164,7 @@ struct MqttLink::Impl {
       ++self.published;
       break;
     }
-    if (!self.queue.empty() && self.disk.IsOpen()) self.disk.MaybeCompact(self.queue, self.queued_bytes);
+    self.compact();
     self.pump();
   }
 
@@ -160,13 +177,24 @@ struct MqttLink::Impl {
     self.notice(text);
   }
 
+  // Whether answers may go to `topic`: under the reply prefix, no wildcard.
+  bool reply_allowed(const std::string& topic) const {
+    const std::string& p = settings.ReplyPrefix;
+    return topic.size() > p.size() + 1 && topic.size() <= 1024 && topic.compare(0, p.size(), p) == 0 &&
+           topic[p.size()] == '/' && topic.find_first_of("+#") == std::string::npos;
+  }
+
   static void on_message(mosquitto*, void* p, const mosquitto_message* msg, const mosquitto_property* props) {
     Impl& self = of(p);
-    Request r;
     const std::string topic = msg->topic != nullptr ? msg->topic : "";
+    if (msg->retain) {
+      std::lock_guard<std::mutex> lock(self.mu);
+      self.notice("retained request on " + topic + " ignored (remove it from the broker)");
+      return;
+    }
+    Request r;
     const std::string base = self.prefix + "/cmd";
     if (topic.size() > base.size()) r.identity = topic.substr(base.size() + 1);
-    if (msg->payloadlen > 0) r.payload.assign(static_cast<const char*>(msg->payload), static_cast<size_t>(msg->payloadlen));
     char* response = nullptr;
     if (mosquitto_property_read_string(props, MQTT_PROP_RESPONSE_TOPIC, &response, false) != nullptr && response != nullptr) {
       r.response_topic = response;
@@ -178,12 +206,21 @@ struct MqttLink::Impl {
       r.correlation.assign(static_cast<const char*>(data), len);
       std::free(data);
     }
-    std::lock_guard<std::mutex> lock(self.mu);
-    if (self.requests.size() >= 64) {
-      self.notice("command requests arrive faster than they are served; dropped");
-      return;
+    // Too big a payload is refused here, before a copy of it is made.
+    const size_t size = msg->payloadlen > 0 ? static_cast<size_t>(msg->payloadlen) : 0;
+    if (!r.response_topic.empty() && !self.reply_allowed(r.response_topic)) {
+      r.refused = "response topic outside " + self.settings.ReplyPrefix + "/";
+      r.response_topic.clear();
+    } else if (size > FleetCommand::kMaxPayload) {
+      r.refused = "payload of " + std::to_string(size) + " bytes exceeds " + std::to_string(FleetCommand::kMaxPayload);
+    } else if (size > 0) {
+      r.payload.assign(static_cast<const char*>(msg->payload), size);
     }
-    self.requests.push_back(std::move(r));
+    std::lock_guard<std::mutex> lock(self.mu);
+    if (!self.requests.Push(std::move(r))) {
+      ++self.requests_dropped;
+      self.notice("command requests arrive faster than they are served; the biggest sender's newest dropped");
+    }
   }
 };
 
@@ -192,6 +229,7 @@ MqttLink::MqttLink(const MqttSettings& settings, const std::string& station_id) 
   s.station = station_id;
   s.prefix = settings.TopicPrefix.empty() ? "zq/" + station_id : settings.TopicPrefix;
   copy_settings(s.settings, settings);
+  s.requests = zqdetail::RequestQueue(static_cast<uint64_t>(s.settings.RequestBytes));
 }
 
 MqttLink::~MqttLink() { Stop(0); }
@@ -207,7 +245,15 @@ bool MqttLink::Start(const std::string& birth_fields, std::string& error) {
   s.birth = birth_fields;
   if (!c.QueueDir.empty()) {
     std::vector<zqdetail::QueuedRecord> pending;
-    if (!s.disk.Open(c.QueueDir, c.ClientId.empty() ? s.station : c.ClientId, pending, error)) return false;
+    std::string note;
+    if (!s.disk.Open(c.QueueDir, c.ClientId.empty() ? s.station : c.ClientId, s.prefix,
+                     static_cast<uint64_t>(c.QueueLimit), pending, note)) {
+      note += "; keeping the queue in memory";
+    }
+    if (!note.empty()) {
+      std::lock_guard<std::mutex> lock(s.mu);
+      s.notice(note);
+    }
     for (auto& r : pending) {
       s.queued_bytes += r.topic.size() + r.payload.size();
       s.next_id = std::max(s.next_id, r.id + 1);
@@ -220,6 +266,17 @@ bool MqttLink::Start(const std::string& birth_fields, std::string& error) {
     return false;
   }
   mosquitto_int_option(s.mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  {
+    // The broker sends nothing bigger than this (MQTT 5 Maximum Packet
+    // Size). libmosquitto 2.0 has no asynchronous connect that takes
+    // CONNECT properties; its synchronous one stores them for every later
+    // (re)connect before it checks its arguments, so a call with an invalid
+    // port stores them and returns at once.
+    mosquitto_property* props = nullptr;
+    mosquitto_property_add_int32(&props, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacket);
+    mosquitto_connect_bind_v5(s.mosq, c.Host.c_str(), -1, c.KeepAlive, nullptr, props);
+    mosquitto_property_free_all(&props);
+  }
   mosquitto_reconnect_delay_set(s.mosq, 1, 30, true);
   if (!c.User.empty()) {
     std::string password;
@@ -312,16 +369,20 @@ uint64_t MqttLink::Publish(const std::string& topic, const std::string& fields, 
   r.id = s.next_id++;
   const uint64_t size = r.topic.size() + r.payload.size();
   const uint64_t limit = static_cast<uint64_t>(s.settings.QueueLimit);
-  // Full: the oldest records not yet handed to the broker make room.
+  // Full: the oldest records not yet handed to the broker make room, and
+  // the file sheds them too while no acknowledgement comes.
+  bool made_room = false;
   while (s.queued_bytes + size > limit && s.queue.size() > s.inflight) {
     s.forget(s.inflight);
     ++s.dropped;
+    made_room = true;
   }
+  if (made_room) s.compact();
   if (s.queued_bytes + size > limit) {
     ++s.dropped;
     return number;
   }
-  if (s.disk.IsOpen() && !s.disk.Append(r)) s.notice("cannot write queue file " + s.disk.Path());
+  if (s.disk.IsOpen() && !s.disk.Append(r)) s.disk_failed();
   s.queued_bytes += size;
   s.queue.push_back(std::move(r));
   s.pump();
@@ -330,7 +391,7 @@ uint64_t MqttLink::Publish(const std::string& topic, const std::string& fields, 
 
 bool MqttLink::Respond(const Request& request, const std::string& fields) {
   Impl& s = *impl_;
-  if (request.response_topic.empty() || s.mosq == nullptr) return false;
+  if (!s.reply_allowed(request.response_topic) || s.mosq == nullptr) return false;
   mosquitto_property* props = nullptr;
   if (!request.correlation.empty()) {
     mosquitto_property_add_binary(&props, MQTT_PROP_CORRELATION_DATA, request.correlation.data(),
@@ -349,10 +410,7 @@ bool MqttLink::Respond(const Request& request, const std::string& fields) {
 
 bool MqttLink::TakeRequest(Request& request) {
   std::lock_guard<std::mutex> lock(impl_->mu);
-  if (impl_->requests.empty()) return false;
-  request = std::move(impl_->requests.front());
-  impl_->requests.pop_front();
-  return true;
+  return impl_->requests.Take(request);
 }
 
 bool MqttLink::TakeNotice(std::string& text) {
@@ -373,6 +431,7 @@ MqttLink::Counters MqttLink::Read() const {
   c.queued_bytes = s.queued_bytes;
   c.dropped = s.dropped;
   c.published = s.published;
+  c.requests_dropped = s.requests_dropped;
   return c;
 }
 

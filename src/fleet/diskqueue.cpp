@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <set>
+#include <map>
 
 namespace zqdetail {
 
@@ -29,56 +29,100 @@ bool write_record(FILE* f, const QueuedRecord& r, uint64_t& size) {
   return true;
 }
 
+// One line of at most `max` bytes, without its '\n': 1; 0 at the end of the
+// file; -1 for a longer line (skipped whole); -2 for a last line without
+// its '\n' (cut by a crash).
+int read_line(FILE* in, std::string& line, uint64_t max) {
+  line.clear();
+  bool over = false;
+  int c;
+  while ((c = getc_unlocked(in)) != EOF) {
+    if (c == '\n') return over ? -1 : 1;
+    if (line.size() < max) {
+      line += static_cast<char>(c);
+    } else {
+      over = true;
+    }
+  }
+  return line.empty() && !over ? 0 : -2;
+}
+
 }  // namespace
 
 DiskQueue::~DiskQueue() {
   if (f_ != nullptr) std::fclose(f_);
 }
 
-bool DiskQueue::Open(const std::string& dir, const std::string& name,
-                     std::vector<QueuedRecord>& pending, std::string& error) {
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    error = "cannot create queue folder " + dir + ": " + std::strerror(errno);
-    return false;
-  }
+void DiskQueue::Close() {
+  if (f_ != nullptr) std::fclose(f_);
+  f_ = nullptr;
+}
+
+bool DiskQueue::Open(const std::string& dir, const std::string& name, const std::string& prefix, uint64_t limit,
+                     std::vector<QueuedRecord>& pending, std::string& note) {
   path_ = dir + "/" + name + ".queue";
   pending.clear();
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    note = "cannot create queue folder " + dir + ": " + std::strerror(errno);
+    return false;
+  }
   if (FILE* in = open_private(path_, "r", O_RDONLY)) {
-    std::set<uint64_t> done;
-    std::vector<QueuedRecord> all;
-    char* line = nullptr;
-    size_t cap = 0;
-    ssize_t n;
-    int number = 0;
-    while ((n = getline(&line, &cap, in)) > 0) {
-      ++number;
-      std::string text(line, static_cast<size_t>(n));
-      if (text.back() != '\n') break;  // a record cut by a crash: the end
-      text.pop_back();
+    std::map<uint64_t, QueuedRecord> live;  // by id: the file's order
+    uint64_t bytes = 0, skipped = 0, dropped = 0;
+    std::string text;
+    int got;
+    while ((got = read_line(in, text, limit + 64)) != 0) {
+      if (got < 0) {  // too long: skipped; cut by a crash: the end
+        ++skipped;
+        if (got == -2) break;
+        continue;
+      }
       unsigned long long id = 0;
       int used = 0;
       if (std::sscanf(text.c_str(), "A %llu%n", &id, &used) == 1 && used == static_cast<int>(text.size())) {
-        done.insert(id);
-      } else if (std::sscanf(text.c_str(), "R %llu %n", &id, &used) == 1 && used > 0) {
-        const size_t space = text.find(' ', static_cast<size_t>(used));
-        if (space == std::string::npos) continue;
-        QueuedRecord r;
-        r.id = id;
-        r.topic = text.substr(static_cast<size_t>(used), space - static_cast<size_t>(used));
-        r.payload = text.substr(space + 1);
-        all.push_back(std::move(r));
+        const auto it = live.find(id);
+        if (it != live.end()) {
+          bytes -= it->second.topic.size() + it->second.payload.size();
+          live.erase(it);
+        }
+        continue;
+      }
+      used = 0;
+      const bool head = std::sscanf(text.c_str(), "R %llu %n", &id, &used) == 1 && used > 0;
+      const size_t space = head ? text.find(' ', static_cast<size_t>(used)) : std::string::npos;
+      if (space == std::string::npos) {
+        ++skipped;
+        continue;
+      }
+      QueuedRecord r;
+      r.id = id;
+      r.topic = text.substr(static_cast<size_t>(used), space - static_cast<size_t>(used));
+      r.payload = text.substr(space + 1);
+      if (r.topic.size() <= prefix.size() + 1 || r.topic.compare(0, prefix.size(), prefix) != 0 ||
+          r.topic[prefix.size()] != '/' || r.topic.find_first_of("+#") != std::string::npos ||
+          r.payload.empty() || live.count(id) != 0) {
+        ++skipped;
+        continue;
+      }
+      bytes += r.topic.size() + r.payload.size();
+      live.emplace(id, std::move(r));
+      while (bytes > limit) {
+        bytes -= live.begin()->second.topic.size() + live.begin()->second.payload.size();
+        live.erase(live.begin());
+        ++dropped;
       }
     }
-    std::free(line);
     std::fclose(in);
-    for (QueuedRecord& r : all) {
-      if (done.count(r.id) == 0) pending.push_back(std::move(r));
+    for (auto& e : live) pending.push_back(std::move(e.second));
+    if (skipped + dropped > 0) {
+      note = "queue file " + path_ + ": " + std::to_string(skipped) + " unusable line(s) skipped, " +
+             std::to_string(dropped) + " record(s) over MQTT.QueueLimit dropped";
     }
   }
-  std::vector<const QueuedRecord*> live;
-  for (const QueuedRecord& r : pending) live.push_back(&r);
-  if (!rewrite(live)) {
-    error = "cannot write queue file " + path_ + ": " + std::strerror(errno);
+  std::vector<const QueuedRecord*> keep;
+  for (const QueuedRecord& r : pending) keep.push_back(&r);
+  if (!rewrite(keep)) {
+    note = "cannot write queue file " + path_ + ": " + std::strerror(errno);
     return false;
   }
   return true;

@@ -17,15 +17,21 @@ struct QueuedRecord {
 };
 
 // An append-only file of "R id topic payload" and "A id" (acknowledged or
-// dropped) lines. Open() reads the records still pending; Compact() rewrites
-// the file with the live records only (through a temporary file and rename).
+// dropped) lines. Open() streams the file and keeps the newest pending
+// records up to `limit` bytes (memory stays bounded whatever the file's
+// size); a record whose topic is not under `prefix`/ or has a wildcard, or
+// a line longer than the limit, is skipped. MaybeCompact() rewrites the
+// file with the live records only (through a temporary file and rename).
 // Not locked: the link's mutex guards it.
 class DiskQueue {
  public:
   ~DiskQueue();
-  bool Open(const std::string& dir, const std::string& name, std::vector<QueuedRecord>& pending,
-            std::string& error);
+  // False (`note` says why) when the file cannot be written; `note` also
+  // tells of records skipped or dropped at load.
+  bool Open(const std::string& dir, const std::string& name, const std::string& prefix, uint64_t limit,
+            std::vector<QueuedRecord>& pending, std::string& note);
   bool IsOpen() const { return f_ != nullptr; }
+  void Close();
   bool Append(const QueuedRecord& r);
   bool Done(uint64_t id);
   // Rewrites when the file holds more than twice the live bytes (and 64 KiB).

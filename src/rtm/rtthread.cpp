@@ -106,14 +106,21 @@ void* rtthread::run(void* arg) {
   }
   static const char kLocking[] = "mlockall(MCL_CURRENT | MCL_FUTURE)\n";
   zqcommon::WriteDiagnostic(zqcommon::DiagnosticStream::kOutput, kLocking, sizeof kLocking - 1);
-  if (!lock_memory()) {
+  memory_locked_ = lock_memory();
+  if (!memory_locked_ && !lock_optional_) {
     fatal("FATAL: cannot initalize RT thread: mlockall usage not supported\n");
     return nullptr;
+  }
+  if (!memory_locked_ && DEBUG_LEVEL >= 0) {
+    zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError,
+                               "WARNING: memory cannot be locked for task %s, running without\n",
+                               name != nullptr ? name : "");
   }
   // The task: the highest FIFO priority where the process may have it.
   sched_param sp{};
   sp.sched_priority = sched_get_priority_max(SCHED_FIFO);
-  if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) != 0 && !g_sched_warned.exchange(true)) {
+  fifo_ = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) == 0;
+  if (!fifo_ && !g_sched_warned.exchange(true)) {
     if (DEBUG_LEVEL >= 0) {
       zqcommon::DiagnosticPrintf(zqcommon::DiagnosticStream::kError, "WARNING: no real-time scheduling allowed for task %s, running with normal scheduling\n",
                    name != nullptr ? name : "");
@@ -123,7 +130,7 @@ void* rtthread::run(void* arg) {
   latency_fd_ = hold_low_wakeup_latency();
   task = this;
   prefault_stack();
-  lock_memory();  // what the set-up allocated is locked too
+  if (memory_locked_) lock_memory();  // what the set-up allocated is locked too
   (void)usefpu;   // the FPU is always available to POSIX threads
   const int io_ignored = ioperm(0x300, 255, 1) + iopl(3);
   (void)io_ignored;

@@ -1,6 +1,6 @@
 // The command interpreter: registry, substitution, parsing, the polling state
 // machine, completion, columns and built-ins. (On a real terminal, as a person
-// types, it is run by scripts/cli-tmux.sh and scripts/station-tmux.sh, which
+// types, it is run by tests/station/cli-tmux.sh and tests/station/station-tmux.sh, which
 // also check that the terminal's modes are restored.)
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -114,7 +114,7 @@ TEST(CLI, KeysEchoHistoryAndCompletion) {
   s.type("\x7f\x7f\x7f\x7f\x7f\x7f\x7f");
   EXPECT_TRUE(cli.line.empty());
 
-  s.type("echo");  // (one candidate completing is scripts/cli-tmux.sh's)
+  s.type("echo");  // (one candidate completing is tests/station/cli-tmux.sh's)
   const std::string listed = s.type(" x h\t");
   EXPECT_NE(listed.find("help"), std::string::npos);
   EXPECT_NE(listed.find("history"), std::string::npos);

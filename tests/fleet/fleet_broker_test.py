@@ -10,7 +10,13 @@ retained birth, the schema of every topic, a command round trip with
 correlation data, refused requests, the will after kill -9, every sequence
 number once across a broker restart, drops with a tiny queue, the metrics
 (parsed with prometheus_client), a broker that never answers and a wrong CA.
+A second, anonymous mosquitto (anyone may publish anything) carries signed
+requests (MQTT.Commands = signed): unsigned, tampered, replayed, expired,
+unknown-key, too-low and retained requests change nothing; answers go only
+under the reply prefix; a signed operator request works. MQTT.Commands =
+broker runs over TLS only, capped at MQTT.MaxLevel.
 """
+import importlib.machinery
 import glob
 import json
 import os
@@ -40,6 +46,9 @@ SCHEMA = {"state": {"state"}, "samples": {"samples"}, "errors": {"record", "seve
           "status": {"cycles", "period_us", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
                      "dropped", "queued"}}
 procs = []
+SIGNER = importlib.machinery.SourceFileLoader(
+    "signer", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "scripts", "zq-sign-command")
+).load_module()
 
 
 def fail(what, detail=""):
@@ -91,9 +100,15 @@ def make_certificates():
 
 
 class Broker:
-    def __init__(self):
+    def __init__(self, anonymous=False):
         self.port, self.tls_port, self.mtls_port = free_port(), free_port(), free_port()
-        self.conf = os.path.join(WORK, "mosquitto.conf")
+        self.conf = os.path.join(WORK, "mosquitto-anonymous.conf" if anonymous else "mosquitto.conf")
+        self.proc = None
+        if anonymous:
+            with open(self.conf, "w") as f:
+                f.write(("user root\n" if os.geteuid() == 0 else "") +
+                        "allow_anonymous true\nlistener %d 127.0.0.1\n" % self.port)
+            return
         pw = os.path.join(WORK, "passwords")
         open(pw, "w").close()
         for user, password in USERS.items():
@@ -112,7 +127,6 @@ class Broker:
                                                 WORK, WORK, WORK))
             f.write("listener %d 127.0.0.1\ncafile %s/ca.pem\ncertfile %s/server.pem\nkeyfile %s/server.key\n"
                     "require_certificate true\nuse_identity_as_username true\n" % (self.mtls_port, WORK, WORK, WORK))
-        self.proc = None
 
     def start(self):
         self.proc = subprocess.Popen(["mosquitto", "-c", self.conf], stdout=subprocess.DEVNULL,
@@ -133,14 +147,14 @@ class Broker:
 
 
 class Station:
-    def __init__(self, name, *settings):
+    def __init__(self, name, *settings, users="none"):
         self.dir = os.path.join(WORK, name)
         os.makedirs(self.dir)
         for f in ("station.cfg", "station.acl"):
             shutil.copy(os.path.join(SOURCE, f), self.dir)
         with open(os.path.join(self.dir, "pw"), "w") as f:
             f.write(USERS["station"] + "\n")
-        args = [STATION, "Server.ListenPort=0", "Station.UsersFile=none", "Server.RequireTLS=0",
+        args = [STATION, "Server.ListenPort=0", "Station.UsersFile=" + users, "Server.RequireTLS=0",
                 "MQTT.ClientId=" + name, "MQTT.User=station",
                 "MQTT.PasswordFile=pw", "MQTT.KeepAlive=5"] + list(settings)
         self.proc = subprocess.Popen(args, cwd=self.dir, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -185,7 +199,8 @@ class Client:
     def __init__(self, user, port, topics=(), persistent=None):
         self.messages, self.lock = [], threading.Lock()
         self.c = mqtt.Client(client_id=persistent or "", protocol=mqtt.MQTTv5)
-        self.c.username_pw_set(user, USERS[user])
+        if user:
+            self.c.username_pw_set(user, USERS[user])
         self.c.reconnect_delay_set(1, 2)
         self.topics = topics
         self.c.on_connect = lambda c, u, f, rc, p=None: [c.subscribe(t, qos=1) for t in self.topics]
@@ -233,15 +248,105 @@ def check_schema(client, station):
             check(seqs == list(range(seqs[0], seqs[0] + len(seqs))), "consecutive numbers on " + topic, seqs)
 
 
-def request(client, station, payload, corr):
+def publish(client, station, user, payload, corr, reply=None, retain=False):
     props = Properties(PacketTypes.PUBLISH)
-    props.ResponseTopic = "reply/viewer/" + corr.hex()
+    props.ResponseTopic = reply or "reply/%s/%s" % (user, corr.hex())
     props.CorrelationData = corr
-    client.c.publish("zq/%s/cmd/viewer" % station, payload, qos=1, properties=props)
+    client.c.publish("zq/%s/cmd/%s" % (station, user), payload, qos=1, retain=retain,
+                     properties=props).wait_for_publish(10)
+
+
+def request(client, station, user, payload, corr):
+    publish(client, station, user, payload, corr)
     check(wait_for(lambda: client.take("/" + corr.hex()), 10), "an answer to", payload[:60])
     answer = client.take("/" + corr.hex())[0]
     check(answer.properties.CorrelationData == corr, "the correlation data returned", answer.properties)
     return json.loads(answer.payload)
+
+
+def station_cli(*args, stdin=""):
+    return subprocess.run([STATION] + list(args), cwd=WORK, input=stdin.encode(), capture_output=True, timeout=60)
+
+
+def signed_commands():
+    """MQTT.Commands = signed on an anonymous broker, where anyone may publish anything."""
+    broker = Broker(anonymous=True)
+    broker.start()
+    keys = {}
+    for name, level in (("alice", "operator"), ("vic", "viewer"), ("adm", "admin"), ("mallory", None)):
+        run("openssl", "genpkey", "-algorithm", "ed25519", "-out", name + ".key")
+        run("openssl", "pkey", "-in", name + ".key", "-pubout", "-out", name + ".pub")
+        with open(os.path.join(WORK, name + ".key"), "rb") as f:
+            keys[name] = SIGNER.serialization.load_pem_private_key(f.read(), None)
+        if level:
+            done = station_cli("Station.UsersFile=users", "--passwd", name, level, stdin="pw-" + name + "\n")
+            check(done.returncode == 0, "--passwd", done.stderr)
+            done = station_cli("Station.UsersFile=users", "--add-command-key", name, name + ".pub")
+            check(done.returncode == 0 and b"added to users.keys" in done.stdout, "--add-command-key", done)
+    check(os.stat(os.path.join(WORK, "users.keys")).st_mode & 0o777 == 0o600, "the keys file is private")
+    done = station_cli("--add-command-key", "bob", "ca.pem")
+    check(done.returncode != 0 and b"not an Ed25519 public key" in done.stderr, "a wrong key file refused", done)
+
+    def signed(user, line, key=None, **kw):
+        return json.dumps(SIGNER.sign(keys[key or user], user, "s7", line, **kw))
+
+    def stamp(offset):
+        return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() + offset))
+
+    anyone = Client(None, broker.port, ["reply/#", "zq/+/cmd/#", "zq/s7/state"])
+    time.sleep(0.3)
+    # A retained request published before the station starts is never run.
+    publish(anyone, "s7", "adm", signed("adm", "config set Station.Setpoint 78"), b"retained", retain=True)
+    users = os.path.join(WORK, "users")
+    s7 = Station("s7", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.port, "MQTT.Commands=signed", users=users)
+    check(wait_for(lambda: anyone.take("/state"), 10), "s7 online")
+    time.sleep(1)
+    check(not anyone.take("/" + b"retained".hex()), "a retained request not run")
+
+    ok = signed("alice", "io set inject")
+    answer = request(anyone, "s7", "alice", ok, b"inject")
+    check(answer["result"] == 0 and "io set 4 by mqtt:alice" in s7.log(), "a signed operator request works",
+          answer)
+    tampered = json.loads(signed("adm", "config show"))
+    tampered["cmd"] = "config set Station.Setpoint 77"
+    bad = [("unsigned", json.dumps({"cmd": "config set Station.Setpoint 77", "station": "s7"}), 401),
+           ("tampered", json.dumps(tampered), 401),
+           ("replayed", ok, 401),
+           ("expired", signed("adm", "config set Station.Setpoint 77", stamp=stamp(-120)), 401),
+           ("unknown key", signed("adm", "config set Station.Setpoint 77", key="mallory"), 401),
+           ("unregistered", signed("mallory", "config set Station.Setpoint 77"), 401),
+           ("viewer", signed("vic", "config set Station.Setpoint 77"), 403),
+           ("operator", signed("alice", "config set Station.Setpoint 77"), 403),
+           ("oversized", json.dumps({"cmd": "status", "pad": "x" * 5000}), 400)]
+    for what, payload, code in bad:
+        answer = request(anyone, "s7", "adm", payload, what.encode())
+        check(answer["result"] == code and "output" not in answer, "refused: " + what, answer)
+    # An answer aimed at another station's command topic is not sent, nor the request run.
+    publish(anyone, "s7", "adm", signed("adm", "config set Station.Setpoint 79"), b"hijack", reply="zq/s8/cmd/x")
+    # A packet over the Maximum Packet Size the station asked for never reaches it.
+    publish(anyone, "s7", "adm", json.dumps({"cmd": "status", "pad": "x" * 100000}), b"huge")
+    # Control characters of a command line reach the log escaped.
+    answer = request(anyone, "s7", "alice", signed("alice", "nosuch \x1b[2J\x07"), b"esc")
+    check(answer["result"] == 127, "an unknown command answered", answer)
+    time.sleep(1)
+    check(not anyone.take("zq/s8/cmd/x") and not anyone.take("/" + b"huge".hex()), "no answer off the reply prefix")
+    shown = request(anyone, "s7", "adm", signed("adm", "config show"), b"show")["output"]
+    check("Station.Setpoint = 40\r\n" in shown, "nothing changed", shown)
+    log = s7.log()
+    check("\x1b" not in log and "\x07" not in log and "nosuch \\x1b[2J\\x07" in log, "escaped in the log")
+    check("payload of 100" not in log, "the huge packet never arrived")
+    check(log.count("MQTT request from adm refused") == 1, "refusals logged once a minute per sender",
+          log.count("MQTT request from adm refused"))
+    s7.stop()
+    anyone.c.publish("zq/s7/cmd/adm", b"", qos=1, retain=True).wait_for_publish(10)
+    anyone.close()
+
+    # broker mode trusts the broker, so only over TLS with a login.
+    done = subprocess.run([STATION, "Server.ListenPort=0", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.port,
+                           "MQTT.Commands=broker"], cwd=s7.dir, stdin=subprocess.DEVNULL, capture_output=True,
+                          timeout=30)
+    check(done.returncode != 0 and b"MQTT.CAFile" in done.stderr, "broker mode without TLS refused", done.stderr)
+    broker.stop()
 
 
 def main():
@@ -262,17 +367,13 @@ def main():
     check({"version", "start", "settings"} <= set(json.loads(birth.payload)), "the birth's fields", birth.payload)
     check(wait_for(lambda: len(watch.take("/status")) >= 2 and watch.take("/errors"), 10), "status and errors")
     check_schema(watch, "s1")
+    # MQTT.Commands is off unless set: nothing subscribed, nothing answered.
     viewer = Client("viewer", broker.port, ["reply/viewer/#"])
     time.sleep(0.3)
-    answer = request(viewer, "s1", json.dumps({"cmd": "status", "station": "s1"}), b"\x00\x01ok")
-    check(answer["result"] == 0 and "cycles" in answer["output"], "status through the broker", answer)
-    refused = [(json.dumps({"cmd": "io set 4"}), 403), ('{"cmd": "status"', 400),
-               (json.dumps({"cmd": "status", "pad": "x" * 5000}), 400),
-               (json.dumps({"cmd": "status", "station": "s2"}), 400)]
-    for i, (payload, code) in enumerate(refused):
-        answer = request(viewer, "s1", payload, b"bad%d" % i)
-        check(answer["result"] == code, "refused with %d" % code, answer)
-    check(s1.log().count("MQTT request from viewer refused") == len(refused), "each refusal logged once")
+    publish(viewer, "s1", "viewer", json.dumps({"cmd": "status"}), b"off")
+    time.sleep(1.5)
+    check(not viewer.take("/" + b"off".hex()), "no answer with commands off")
+    check(s1.log().count("MQTT.Commands = off") == 1, "commands off said once in the log")
     m = s1.metrics()
     buckets = [s for s in m["zq_cycle_lateness_seconds"].samples if s.name.endswith("_bucket")]
     check(len(buckets) == 17 and buckets[-1].labels["le"] == "+Inf", "the lateness histogram", buckets)
@@ -286,6 +387,22 @@ def main():
     check(wait_for(lambda: json.loads(watch.take("/state")[-1].payload)["state"] == "offline", 10),
           "offline after kill -9")
     watch.close()
+    viewer.close()
+    signed_commands()
+
+    # MQTT.Commands = broker: over TLS with a login, the topic's user at its
+    # level from the users file (here admin), never above MQTT.MaxLevel.
+    done = station_cli("Station.UsersFile=broker-users", "--passwd", "viewer", "admin", stdin="pw-v\n")
+    check(done.returncode == 0, "--passwd", done.stderr)
+    s9 = Station("s9", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.tls_port, "MQTT.CAFile=%s/ca.pem" % WORK,
+                 "MQTT.Commands=broker", "MQTT.MaxLevel=operator", users=os.path.join(WORK, "broker-users"))
+    viewer = Client("viewer", broker.port, ["reply/viewer/#", "zq/s9/state"])
+    check(wait_for(lambda: viewer.take("/state"), 10), "s9 online over TLS")
+    answer = request(viewer, "s9", "viewer", json.dumps({"cmd": "io set inject"}), b"b-io")
+    check(answer["result"] == 0, "broker mode: an operator command", answer)
+    answer = request(viewer, "s9", "viewer", json.dumps({"cmd": "config set Station.Setpoint 77"}), b"b-cfg")
+    check(answer["result"] == 403, "broker mode: capped at MQTT.MaxLevel", answer)
+    s9.stop()
     viewer.close()
 
     # A broker restart: a persistent QoS 1 subscriber sees every number once.
@@ -317,8 +434,17 @@ def main():
     # A tiny queue while the broker is away: the drops are counted and reported.
     dead = free_port()
     s3 = Station("s3", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % dead, "MQTT.QueueLimit=1024",
-                 "MQTT.StatusPeriod=1", "Metrics.Listen=127.0.0.1:0")
+                 "MQTT.StatusPeriod=1", "MQTT.LogMask=31", "MQTT.QueueDir=queue", "Metrics.Listen=127.0.0.1:0")
     check(wait_for(lambda: s3.metrics()["zq_mqtt_dropped"].samples[0].value > 0, 10, 0.5), "drops counted")
+    # Idle connections hold no worker a scrape needs.
+    idle = [socket.create_connection(("127.0.0.1", s3.ports["metrics"]), 5) for _ in range(8)]
+    for _ in range(20):
+        s3.ask("status")  # log lines, published at LogMask 31
+    check(s3.metrics()["zq_mqtt_connected"].samples[0].value == 0, "a scrape beside idle connections")
+    for c in idle:
+        c.close()
+    size = os.path.getsize(os.path.join(s3.dir, "queue", "s3.queue"))
+    check(size < 3 * 65536, "the queue file stays bounded while the broker is away", size)
     s3.stop()
 
     # A peer that accepts and never answers CONNECT, and a broker with another CA.

@@ -5,6 +5,7 @@
 // sanitizer report, no file read from outside the data folder.
 #include <sys/stat.h>
 
+#include "../../apps/station/machine.h"
 #include "station_parts.h"
 
 namespace {
@@ -27,6 +28,7 @@ struct World : StationParts {
     settings.DumpPath = dir;
     Start();
     Open(session, *cli);
+    station::register_machine_commands(*cli, session);
   }
   ~World() {
     cli.reset();

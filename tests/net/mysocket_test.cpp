@@ -131,7 +131,7 @@ TEST(MySocketServer, AcceptStopAndResume) {
 }
 
 TEST(MySocketServer6, DualStackPeers) {
-  std::string error;  // (a host name refused: scripts/station_network_e2e.py)
+  std::string error;  // (a host name refused: tests/station/station_network_e2e.py)
   MySocketServer server;
   if (!server.ListenNumeric("::", 0, 16, &error)) GTEST_SKIP() << "no IPv6 here: " << error;
   server.SetPeerLookup(false);

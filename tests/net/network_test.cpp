@@ -57,8 +57,8 @@ TEST(SessionLimits, TotalAndPerAddressCaps) {
 #ifdef ZQ_LINESERVER_PATH
 // The example server takes a connect burst at once (its listen queue holds
 // 512) and sends every client's lines back in order. Its idle crowd, caps and
-// bad peers are the station's too: scripts/station_network_e2e.py and
-// scripts/station_hostile.py run them against the same server classes.
+// bad peers are the station's too: tests/station/station_network_e2e.py and
+// tests/station/station_hostile.py run them against the same server classes.
 TEST(LineServerLoad, ConnectBurstIsServedInOrder) {
   const int burst = sanitized() ? 100 : 500;
   ChildProcess server({ZQ_LINESERVER_PATH, "0", std::to_string(burst), "127.0.0.1"}, SIGTERM);

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Installs the built library into a scratch prefix and builds a consumer
-# against it twice: through the CMake package and through pkg-config.
+# against it twice: through the CMake package and through pkg-config. First
+# the core library's components alone (lib, dev: what libzqcommon1 and
+# libzqcommon-dev ship), where the fleet component is missing; then with
+# libzqfleet's (fleet, fleet-dev), a second program on zqcommon::zqfleet and
+# zqfleet.pc.
 # Usage: consumer_test.sh BUILD_DIR CONSUMER_SOURCE_DIR [SANITIZERS]
 set -euo pipefail
 build=$1 source=$2 sanitize=${3:-}
@@ -10,7 +14,7 @@ trap 'rm -rf "$work"' EXIT
 flags=()
 [ -n "$sanitize" ] && flags=(-fsanitize="$sanitize")
 
-cmake --install "$build" --prefix "$work/prefix" >/dev/null
+for c in lib dev; do cmake --install "$build" --prefix "$work/prefix" --component $c >/dev/null; done
 libdir=$(dirname "$(find "$work/prefix" -name 'libzqcommon.so.1' -print -quit)")
 [ -L "$libdir/libzqcommon.so" ] || { echo "missing libzqcommon.so link"; exit 1; }
 [ "$(readlink "$libdir/libzqcommon.so.1")" != "" ] || { echo "libzqcommon.so.1 is not a link to the real name"; exit 1; }
@@ -30,3 +34,21 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 g++ -std=c++17 "${flags[@]}" -o "$work/consumer-pc" "$source/main.cpp" $(pkg-config --cflags --libs zqcommon)
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc"
+needed=$(objdump -p "$work/cmake-build/consumer")
+! grep -q libzqfleet <<<"$needed" || { echo "the core consumer links libzqfleet"; exit 1; }
+
+# The fleet component: absent until its packages are installed.
+if cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DZQ_FLEET=ON \
+     >"$work/absent.log" 2>&1; then
+  echo "COMPONENTS fleet found without libzqfleet installed"; exit 1
+fi
+grep -q 'component "fleet"' "$work/absent.log" || { cat "$work/absent.log"; exit 1; }
+for c in fleet fleet-dev; do cmake --install "$build" --prefix "$work/prefix" --component $c >/dev/null; done
+rm -rf "$work/fleet-build"
+cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DZQ_FLEET=ON \
+  -DCMAKE_CXX_FLAGS="${flags[*]:-}" >/dev/null
+cmake --build "$work/fleet-build" >/dev/null
+LD_LIBRARY_PATH="$libdir" "$work/fleet-build/consumer-fleet"
+# shellcheck disable=SC2046
+g++ -std=c++17 "${flags[@]}" -o "$work/fleet-pc" "$source/fleet.cpp" $(pkg-config --cflags --libs zqfleet)
+LD_LIBRARY_PATH="$libdir" "$work/fleet-pc"

@@ -1,6 +1,6 @@
 // Certificate TLS contexts and handshakes, the users file and login throttling.
 // (The privilege matrix, help by level and private session output are
-// scripts/station_access.py's checks, over the network.)
+// tests/station/station_access.py's checks, over the network.)
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,5 +1,8 @@
-"""What the station's test scripts share: checks and reading a client's answer."""
+"""What the station's test scripts share: checks, the port a station listens
+on and reading a client's answer."""
+import re
 import sys
+import time
 
 
 class Checks:
@@ -23,3 +26,16 @@ def read_until(sock, marker):
             break
         data += chunk
     return data.decode(errors="replace")
+
+
+def listening_port(proc, seconds=30):
+    """The port from the station's "tcp port N" line on its standard output, or None."""
+    deadline = time.time() + seconds
+    while time.time() < deadline:
+        line = proc.stdout.readline().decode()
+        if not line:
+            return None
+        m = re.match(r"tcp port (\d+)", line)
+        if m:
+            return int(m.group(1))
+    return None

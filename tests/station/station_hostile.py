@@ -70,6 +70,36 @@ def alive(c, proc, what):
     check(c.ask("echo alive").strip() == "alive", "the station answers after " + what)
 
 
+def machine_mode(port, proc):
+    """Machine mode: exactly one frame for every line, whatever it holds, and
+    get's offsets checked."""
+    c = Client(port)
+    c.sock.sendall(b"mode machine\n")
+    frame = re.compile(rb"(^|\n)\. (\d+)\r\n$")
+
+    def ask(line):
+        c.sock.sendall(line.encode(errors="surrogateescape") + b"\n")
+        data = b""
+        while not frame.search(data):
+            chunk = c.sock.recv(65536)
+            check(chunk, "a framed answer to " + line[:40], data[-200:])
+            data += chunk
+        return data.decode(errors="replace"), int(frame.search(data).group(2))
+
+    check(read_until(c.sock, b". 0\r\n").endswith(". 0\r\n"), "mode machine")
+    for line, code in (("echo .x", 0), ("echo . 0", 0), ("get station.cfg 99999999999999999999999", 1),
+                       ("get station.cfg -1", 1), ("get station.cfg 1x", 1), ("get station.cfg 0 0", 1),
+                       ("get", 1), ("mode bogus", 1), ("editing on", 1), ("bogus", 1), ("x" * 200000, 1),
+                       ("get station.cfg", 0), ("echo $?", 0)):
+        answer, got = ask(line)
+        check(got == code and answer.count("\r\n. ") + answer.startswith(". ") == 1,
+              "one frame with code %d for %s" % (code, line[:40]), answer[-300:])
+        if line.startswith("echo ."):
+            check(answer.startswith(".."), "a line starting with '.' is stuffed", answer)
+    c.ask("mode human")  # answered with the prompt again
+    alive(c, proc, "machine mode")
+
+
 def hostile(binary, proc, port):
     c = Client(port)
     # Settings that name files, folders, addresses or ports: not from the network.
@@ -86,14 +116,14 @@ def hostile(binary, proc, port):
                          ("../" + os.path.basename(WORK) + "-absent", "no such"),
                          ("/etc/passwd", "outside"), ("out-link", "outside"), ("fifo", "not a regular"),
                          ("sub", "not a regular"), (".", "outside"), ("sub/" + "../" * 12 + "etc/passwd", "outside")):
-        for command in ("crc " + name, "hash sha256 " + name):
+        for command in ("crc " + name, "hash sha256 " + name, "get " + name):
             s = c.ask(command)
             check("cannot read" in s and reason in s and s.count("\n") == 1, command + " refused", s)
         alive(c, proc, "crc " + name)
     # Hostile words for every command.
     for word in ("", "x" * 100000, "a\0b", "%n%s%n%s", "$$$$", "\x1b[2J"):
         for command in ("status", "io", "io set", "trace", "fit", "hash", "crc", "config", "config set",
-                        "echo", "set", "history", "help", "bogus", "points", "alarms", "ack", "ack all",
+                        "echo", "set", "history", "help", "bogus", "get", "mode", "points", "alarms", "ack", "ack all",
                         "ack sensor", "shelve sensor", "shelve sensor 1", "shelve sensor 1e308", "disable",
                         "enable sensor", "alarm-history", "alarm-history 1e300", "alarm-history 99999999-1-1T0:0",
                         "trace-csv"):
@@ -101,6 +131,7 @@ def hostile(binary, proc, port):
             if not c.until(PROMPT):  # an answer beyond the write buffer ends that session
                 c = Client(port)
         alive(c, proc, "hostile words")
+    machine_mode(port, proc)
     # Amplification: a 100 KB variable used 1000 times in one line.
     before = rss_mb(proc.pid)
     c.ask("set a=" + "x" * 100000)

@@ -5,7 +5,11 @@ sessions per address with a "busy:" line, drops half lines after its line
 time-out, and under a 128-descriptor limit survives 2,000 connections,
 refusing the excess, and serves again once they close; a working client
 keeps short round trips while 5,000 idle peers knock. With a resolver that
-never answers preloaded, refused peers do not delay an admitted one.
+never answers preloaded, refused peers do not delay an admitted one. With
+Server.Interface = :: beside the shipped Network.Interface6 = ::1 it starts
+(one listener takes both families) and, after --issue-server-cert, proves the
+host's name to a TLS client that checks it against the station's CA; -h and
+the manual page name every option.
 
     station_network_e2e.py STATION_BINARY SOURCE_DIR [SLOW_RESOLVER_LIBRARY]
 """
@@ -14,6 +18,7 @@ import re
 import resource
 import shutil
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -122,6 +127,58 @@ def idle_crowd(binary, work, n):
     return p99, fds
 
 
+def documented(binary, source):
+    """-h and the manual page both name every option of the command line."""
+    usage = subprocess.run([binary, "-h"], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                           timeout=30).stderr
+    man = open(os.path.join(source, "station.1")).read().replace("\\-", "-")
+    for option in ("--help", "--version", "--debug", "--cfg", "--passwd", "--issue-client-cert",
+                   "--issue-server-cert", "Section.Key"):
+        check(option in usage, "-h names " + option, usage)
+        check(option in man, "station.1 names " + option)
+
+
+def wildcard_and_server_cert(binary, work):
+    """--issue-server-cert, then a station on "::": the second listener of
+    Network.Interface6 = ::1 is left out with a note, both families are
+    served, and starttls proves the issued name (and not another)."""
+    bad = subprocess.run([binary, "-f", "station.cfg", "--issue-server-cert", "a,b"], cwd=work,
+                         stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
+    check(bad.returncode == 2 and "'a,b'" in bad.stderr, "a bad host name is refused, named", bad.stderr)
+    made = subprocess.run([binary, "-f", "station.cfg", "--issue-server-cert", "plant7.test", "192.0.2.7"],
+                          cwd=work, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
+    check(made.returncode == 0 and "tls/server.pem" in made.stdout, "--issue-server-cert writes the pair",
+          made.stdout + made.stderr)
+    check(os.stat(os.path.join(work, "tls", "server.key")).st_mode & 0o077 == 0, "the key is 0600")
+    proc, port = start(binary, work, "Server.Interface=::")
+    try:
+        for host in ("127.0.0.1", "::1"):
+            s, text = greet(host, port)
+            check(s is not None and "station" in text, "the :: listener serves " + host, text)
+            s.close()
+        for name, ok in (("plant7.test", True), ("other.test", False)):
+            s, _ = greet("127.0.0.1", port)
+            s.sendall(b"starttls\r\n")
+            data = b""
+            while b"OK starting TLS" not in data:
+                chunk = s.recv(4096)
+                check(chunk, "starttls is answered", data)
+                data += chunk
+            ctx = ssl.create_default_context(cafile=os.path.join(work, "tls", "ca.pem"))
+            try:
+                ctx.wrap_socket(s, server_hostname=name).close()
+                verified = True
+            except ssl.SSLCertVerificationError:
+                verified = False
+                s.close()
+            check(verified == ok, "the server certificate %s %s" % ("names" if ok else "does not name", name))
+    finally:
+        proc.terminate()
+        check(proc.wait(timeout=30) == 0, "the :: station stops cleanly")
+    logs = "".join(open(os.path.join(work, f)).read() for f in os.listdir(work) if f.endswith(".log"))
+    check("no second listener" in logs, "the skipped IPv6 listener is noted in the log")
+
+
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
     sanitized = bool(os.environ.get("ZQ_SANITIZE"))
@@ -157,6 +214,9 @@ def main():
                 s.close()
         proc.terminate()
         proc.wait(timeout=30)
+
+        documented(binary, source)
+        wildcard_and_server_cert(binary, work)
 
         # Refused peers first, then an admitted one: no name look-up delays it.
         if len(sys.argv) > 3 and not sanitized:  # a preload cannot precede a sanitizer's runtime

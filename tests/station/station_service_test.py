@@ -326,12 +326,15 @@ def main():
     shown = client.ask("config show")
     log = log_text()
     for pattern in (r"changed Station\.Setpoint 40\S* -> 45", r"needing a restart \(not applied\): Server\.MaxConnections, Metrics\.Listen\r",
-                    r";E;00000004;reload: station\.cfg\S* Station\.HighLimit: 'hot' is not a number.*; running settings kept"):
+                    r";E;00000004;reload: station\.cfg:\d+: Station\.HighLimit = 'hot': not a number.*; running settings kept"):
         if not re.search(pattern, log):
             fail("the reload's report", pattern)
     if not re.search(r"Station\.Setpoint = 45", shown) or not re.search(r"Station\.HighLimit = 80\b", shown) \
             or not re.search(r"Server\.MaxConnections = 64\b", shown):
         fail("the settings after the reloads", shown)
+    status = client.ask("status")
+    if "settings waiting for a restart: Metrics.Listen, Server.MaxConnections" not in status:
+        fail("status lists the settings a reload left for the restart", status)
 
     client.sock.close()
     proc.send_signal(signal.SIGTERM)
