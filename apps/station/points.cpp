@@ -238,8 +238,12 @@ void StationPoints::Poll() {
       if (table[i].shelved()) autosave->Set(key, std::to_string(table[i].shelved_until_us()));
       else autosave->Erase(key);
     }
-    if (!autosave->Poll())
+    // A failing save is retried every poll and logged once until one succeeds.
+    const bool saved = autosave->Poll();
+    if (!saved && !save_failed_)
       st.log.Add(elog_ERROR, 0, "cannot save %s: %s", settings.StateFile.c_str(), std::strerror(errno));
+    if (saved && save_failed_) st.log.Add(elog_INFO, 0, "%s saved again", settings.StateFile.c_str());
+    save_failed_ = !saved;
   }
 }
 

@@ -89,6 +89,7 @@ class StationPoints {
   long long previous_cycle_ = -1, previous_start_ns_ = 0;  // for the execution time
   std::string started_;  // when the histograms began, as cyclictest writes it
   double tick_checked_ = 0;
+  bool save_failed_ = false;  // the last save failed (told once)
   double low_ = 0, high_ = 0, setpoint_ = 0;  // last values seen in the settings
 };
 
