@@ -1,11 +1,10 @@
 // Autosave: restore order file, backup, configuration; kill -9 while saving.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "kill_child.h"
 #include "support/scratch_dir.h"
 #include "zqpoints/Autosave.h"
 
@@ -54,30 +53,19 @@ TEST(Autosave, KillDuringSavesLeavesAWholeState) {
   ScratchDir dir;
   const std::string path = dir / "state";
   for (int round = 0; round < 10; ++round) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      Autosave a(path, 0);
-      std::string note;
-      a.Load(note);
-      for (long n = 0; n < 1000000; ++n) {
-        a.Set("count", std::to_string(n));
-        a.Set("twice", std::to_string(2 * n));
-        a.Flush();
-        if (n == 0 && write(ready[1], "r", 1) != 1) _exit(1);  // a first save is there
-      }
-      _exit(0);
-    }
-    close(ready[1]);  // a child that dies early ends the read
-    char byte;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    usleep(5000 + round * 7000);
-    kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
+    ASSERT_TRUE(kill_during(
+        [&](const std::function<void()>& ready) {
+          Autosave a(path, 0);
+          std::string note;
+          a.Load(note);
+          for (long n = 0; n < 1000000; ++n) {
+            a.Set("count", std::to_string(n));
+            a.Set("twice", std::to_string(2 * n));
+            a.Flush();
+            ready();  // a first save is there
+          }
+        },
+        5000 + round * 7000));
     Autosave a(path, 0);
     std::string note;
     const Autosave::Source s = a.Load(note);

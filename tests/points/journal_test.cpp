@@ -1,12 +1,11 @@
 // The alarm journal: rows by time range, the bound, and kill -9 while writing.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
+#include "kill_child.h"
 #include "support/scratch_dir.h"
 #include "zqpoints/AlarmJournal.h"
 
@@ -57,28 +56,17 @@ TEST(AlarmJournal, KillDuringWritesLeavesAReadableJournal) {
   ScratchDir dir;
   const std::string path = dir / "j.db";
   for (int round = 0; round < 10; ++round) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      AlarmJournal j;
-      std::string error;
-      if (!j.Open(path, 5000, error)) _exit(2);
-      for (int i = 0; i < 1000000; ++i) {
-        j.Append(event(i, "raise", i * 2.0), "torn?");
-        if (i == 0 && write(ready[1], "r", 1) != 1) _exit(1);  // a first row is there
-      }
-      _exit(0);
-    }
-    close(ready[1]);  // a child that dies early ends the read
-    char byte;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    usleep(5000 + round * 9000);
-    kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
+    ASSERT_TRUE(kill_during(
+        [&](const std::function<void()>& ready) {
+          AlarmJournal j;
+          std::string error;
+          if (!j.Open(path, 5000, error)) return;
+          for (int i = 0; i < 1000000; ++i) {
+            j.Append(event(i, "raise", i * 2.0), "torn?");
+            ready();  // a first row is there
+          }
+        },
+        5000 + round * 9000));
     AlarmJournal j;
     std::string error;
     ASSERT_TRUE(j.Open(path, 5000, error)) << "round " << round << ": " << error;
