@@ -48,7 +48,8 @@ bool read_state(const std::string& path, std::map<std::string, std::string>& out
     return why = "torn (no end marker)", false;
   unsigned long count = 0, crc = 0;
   char tail = 0;
-  if (std::sscanf(text.c_str() + end, "end %lu %lx%c", &count, &crc, &tail) != 3 || tail != '\n')
+  if (std::sscanf(text.c_str() + end, "end %lu %lx%c", &count, &crc, &tail) != 3 || tail != '\n' ||
+      text.find('\n', end) != text.size() - 1)
     return why = "torn (bad end marker)", false;
   if (mk_crc32(text.data(), static_cast<unsigned int>(end)) != crc)
     return why = "damaged (checksum differs)", false;
