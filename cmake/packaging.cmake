@@ -5,10 +5,12 @@
 #   libzqfleet-dev    its headers, CMake component, .pc file (component fleet-dev)
 #   libzqdevices1     serial lines and Modbus, libzqdevices.so.1 (component devices)
 #   libzqdevices-dev  its headers, CMake component, .pc file (component devices-dev)
+#   libzqpoints1      the SQLite alarm journal, libzqpoints.so.1 (component points)
 #   zqcommon-station  the station as a systemd service,      (component station)
 #                     and its client stationctl
 # A program on the core library alone pulls in neither libmosquitto nor
-# prometheus-cpp (only libzqfleet links them), nor libmodbus (only libzqdevices).
+# prometheus-cpp (only libzqfleet links them), nor libmodbus (only libzqdevices),
+# nor libsqlite3 (only libzqpoints).
 # Example programs other than the station are not packaged.
 set(ZQ_DEBIAN ${PROJECT_SOURCE_DIR}/cmake/debian)
 
@@ -20,7 +22,7 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/debian/changelog.gz
   DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog)
 add_custom_target(zq_debian_docs ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:libzqfleet-dev
-             devices:libzqdevices1 devices-dev:libzqdevices-dev
+             devices:libzqdevices1 devices-dev:libzqdevices-dev points:libzqpoints1
              station:zqcommon-station)
   string(REPLACE ":" ";" pair ${pair})
   list(GET pair 0 component)
@@ -44,13 +46,14 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://zqcommon.org/)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev devices devices-dev station)
+set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev devices devices-dev points station)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/src/fleet
-  ${PROJECT_BINARY_DIR}/src/devices)
+  ${PROJECT_BINARY_DIR}/src/devices
+  ${PROJECT_BINARY_DIR}/src/points/journal)
 set(CPACK_DEBIAN_PACKAGE_SOURCE zqcommon)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
@@ -58,7 +61,8 @@ set(CPACK_DEBIAN_LIB_PACKAGE_NAME libzqcommon1)
 set(CPACK_COMPONENT_LIB_DESCRIPTION "libzqcommon: common services for measurement and control programs
 Configuration files and command lines, logs, traces and error records, TCP
 line servers with access lists and start-TLS, a command interpreter,
-threads and real-time tasks, serial and digital I/O, CRCs, hashes, ciphers.")
+threads and real-time tasks, serial and digital I/O, CRCs, hashes, ciphers,
+ process points and alarms.")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)  # only the library packages have one
 set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
 
@@ -76,6 +80,15 @@ messages on disk while the broker is away, and serves Prometheus metrics.
 It links libmosquitto and prometheus-cpp; libzqcommon1 does not.")
 set(CPACK_COMPONENT_FLEET_DEPENDS lib)
 set(CPACK_DEBIAN_FLEET_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
+
+set(CPACK_DEBIAN_POINTS_PACKAGE_NAME libzqpoints1)
+set(CPACK_COMPONENT_POINTS_DESCRIPTION "libzqpoints: the alarm journal of libzqcommon's process points
+Every alarm transition and operator action (acknowledgement, shelving) in
+an SQLite database in WAL mode that a killed process leaves readable,
+bounded in rows and queried by time range. It links libsqlite3;
+libzqcommon1 does not.")
+set(CPACK_COMPONENT_POINTS_DEPENDS lib)
+set(CPACK_DEBIAN_POINTS_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
 
 set(CPACK_DEBIAN_FLEET-DEV_PACKAGE_NAME libzqfleet-dev)
 set(CPACK_DEBIAN_FLEET-DEV_PACKAGE_SECTION libdevel)
@@ -109,7 +122,7 @@ A real-time sensor task, digital I/O, error records, a rotated log and a
 command set for TCP clients, run as a systemd service with readiness and
 watchdog notifications, reload on SIGHUP and a logrotate snippet; and
  stationctl, its command-line client for shells and scripts.")
-set(CPACK_COMPONENT_STATION_DEPENDS lib fleet devices)
+set(CPACK_COMPONENT_STATION_DEPENDS lib fleet devices points)
 set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
   "${ZQ_DEBIAN}/station/conffiles;${ZQ_DEBIAN}/station/postinst;${ZQ_DEBIAN}/station/postrm;${ZQ_DEBIAN}/station/prerm")

@@ -10,6 +10,8 @@ packages=(cmake ninja-build g++ make pkg-config binutils libssl-dev openssl libg
           prometheus-cpp-dev libedit-dev zlib1g-dev python3-paho-mqtt python3-prometheus-client
           # field devices (libzqdevices) and their test peers
           libmodbus-dev mbpoll socat python3-pymodbus python3-serial python3-serial-asyncio
+          # points: the alarm journal, JSON the station writes, cyclictest to compare with
+          libsqlite3-dev sqlite3 nlohmann-json3-dev rt-tests
           # packaging, documentation, interface checks
           dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper ccache
           "$@")

@@ -5,7 +5,7 @@
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|autosave|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -49,7 +49,11 @@ case "$target" in
   station)
     printf 'status\ncrc data.txt\nhash sha256 data.txt\ncrc fifo\ncrc sub\ncrc out\ncrc ../../etc/passwd\n' > "$corpus/seed1"
     printf 'config set Station.PeriodUs 12x\nconfig set Log.FileBase /root/\nconfig\ntrace start\ntrace dump\nfit\nset a=%%n%%s\nhelp\n' > "$corpus/seed2"
-    printf 'mode machine\nget data.txt\nget data.txt 5\nget data.txt 99\nget out\nget fifo 0\nmode human\nmode x\n' > "$corpus/seed3" ;;
+    printf 'mode machine\nget data.txt\nget data.txt 5\nget data.txt 99\nget out\nget fifo 0\nmode human\nmode x\n' > "$corpus/seed3"
+    printf 'points\nalarms\nack all seen\nack sensor\nshelve sensor 5 work\nshelve sensor 0\ndisable sensor\nenable sensor x\nalarm-history 10m\nalarm-history 2026-11-25T19:00:00Z\ntrace-csv\ntiming-json\n' > "$corpus/seed4" ;;
+  autosave)  # a complete state file, and one without its end marker
+    printf '# zq autosave\nStation.Setpoint = 42.5\nShelved.sensor = 1764102000000000\nend 2 00000000\n' > "$corpus/seed1"
+    printf '# zq autosave\na = b\n' > "$corpus/seed2" ;;
   users)  # the first line is the password, the rest the users file
     h='scrypt$16$1$1$000102030405060708090a0b0c0d0e0f$f4f9ef50fde105b8e988b5c2b9cbbb74037fb3b0ef2ef516140c22ce8f4f3e4f'
     printf 'secret\n# operators\n[users]\nop = viewer:%s\nroot = admin:%s ; x\n' "$h" "$h" > "$corpus/seed1"

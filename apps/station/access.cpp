@@ -58,6 +58,11 @@ const struct {
     {"echo", ZQSecurity::kViewer},       {"set", ZQSecurity::kViewer},
     {"unset", ZQSecurity::kViewer},      {"history", ZQSecurity::kViewer},
     {"device", ZQSecurity::kViewer},     {"device recover", ZQSecurity::kOperator},
+    {"points", ZQSecurity::kViewer},     {"alarms", ZQSecurity::kViewer},
+    {"ack", ZQSecurity::kOperator},      {"shelve", ZQSecurity::kOperator},
+    {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
+    {"alarm-history", ZQSecurity::kViewer}, {"trace-csv", ZQSecurity::kOperator},
+    {"timing-json", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";

@@ -26,10 +26,7 @@
 
 namespace station {
 
-namespace {
-
 // Every answer line ends with CR LF, as the interpreter's own texts do.
-void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void say(Session& s, const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -37,6 +34,8 @@ void say(Session& s, const char* format, ...) {
   va_end(args);
   std::fputs("\r\n", s.out);
 }
+
+namespace {
 
 Session& session(void* arg) { return *static_cast<Session*>(arg); }
 
@@ -72,6 +71,10 @@ int cmd_status(void* arg, int, const char**) {
   say(s, "log: %u panic, %u errors, %u warnings, %u infos, %u debug; file %s, %u bytes, %llu lines lost",
       log.PanicCount(), log.ErrCount(), log.WarnCount(), log.InfoCount(), log.DebugCount(),
       log.Name().c_str(), log.LogSize(), log.WriteFailures());
+  const zqpoints::PointTable& pt = st.points->table;
+  say(s, "alarms: %d critical, %d high, %d medium, %d low", pt.CountAlarms(zqpoints::Severity::Critical),
+      pt.CountAlarms(zqpoints::Severity::High), pt.CountAlarms(zqpoints::Severity::Medium),
+      pt.CountAlarms(zqpoints::Severity::Low));
   say(s, "clients %u", st.clients);
   if (!st.access_read.empty()) say(s, "access: %s", st.access_read.c_str());
   const SettingsState& state = settings_state();
@@ -320,6 +323,20 @@ int cmd_config(void* arg, int argc, const char** argv) {
     }
     return 0;
   }
+  if (op == "describe" && argc <= 3) {  // unit, allowed range and description of each setting
+    for (auto& section : sections(st)) {
+      for (auto& entry : *section.second) {
+        const std::string path = section.first + "." + entry.first;
+        if (argc == 3 && !(path ^= argv[2])) continue;
+        const std::string allowed = setting_rules().Allowed(path);
+        say(s, "%s = %s%s%s; %s%s%s", path.c_str(), entry.second.Value().c_str(),
+            entry.second.Unit().empty() ? "" : " ", entry.second.Unit().c_str(),
+            allowed.empty() ? "any value" : allowed.c_str(), entry.second.Description().empty() ? "" : "; ",
+            entry.second.Description().c_str());
+      }
+    }
+    return 0;
+  }
   if (op == "set" && argc >= 4) {
     zqcommon::Config_Data_Entry* e = find_setting(sections(st), argv[2]);
     // Values may contain blanks: the rest of the line is the value.
@@ -349,7 +366,7 @@ int cmd_config(void* arg, int argc, const char** argv) {
     return 0;
   }
   if (op == "save" && argc == 2) return save_settings(s);
-  return usage(s, "config [show | set Section.Key VALUE | save]");
+  return usage(s, "config [show | describe [Section.Key] | set Section.Key VALUE | save]");
 }
 
 int cmd_starttls(void* arg, int, const char**) {
@@ -380,6 +397,7 @@ void register_commands(CLI& cli, Session& s) {
   cli.Register(cmd_config, &s, "config", nullptr, "config [show|set Section.Key VALUE|save]: the settings");
   cli.Register(cmd_starttls, &s, "starttls", nullptr, "starttls: switch this connection to TLS");
   register_device_commands(cli, s);
+  register_point_commands(cli, s);
 }
 
 }  // namespace station

@@ -67,6 +67,7 @@ Fleet::Fleet(Station& st) : st_(st), cfg_(fleet_settings()) {
 Fleet::~Fleet() {
   st_.on_record = nullptr;
   st_.on_severity = nullptr;
+  st_.points->on_alarm = nullptr;
   if (link_) link_->Stop();
 }
 
@@ -118,6 +119,7 @@ bool Fleet::Start() {
   }
   st_.on_record = [this](const Record& r) { on_record(r); };
   st_.on_severity = [this](const Watch& w, double value) { on_severity(w, value); };
+  st_.points->on_alarm = [this](const zqpoints::AlarmEvent& e) { publish_alarm(e); };
   log_seen_ = st_.log.empty() ? 0 : st_.log.front().time;
   return true;
 }
@@ -125,7 +127,8 @@ bool Fleet::Start() {
 void Fleet::on_record(const Record& r) {
   if (samples_.empty()) batch_start_ = GetUTC();
   char item[80];
-  std::snprintf(item, sizeof item, "%s[%lld,%.4f,%u]", samples_.empty() ? "" : ",", r.cycle, r.value, r.io);
+  std::snprintf(item, sizeof item, "%s[%lld,%.4f,%u,%lld]", samples_.empty() ? "" : ",", r.cycle, r.value, r.io,
+                r.time_us);
   samples_ += item;
 }
 
@@ -136,6 +139,24 @@ void Fleet::on_severity(const Watch& w, double value) {
                                .Add("severity", w.reported == components::NONE ? "NONE" : sev.Description())
                                .Add("count", w.error.count)
                                .Add("value", value)
+                               .Text());
+}
+
+// Alarm transitions on their own topic, the time in integer microseconds.
+void Fleet::publish_alarm(const zqpoints::AlarmEvent& e) {
+  const zqpoints::Point& p = st_.points->table[e.point];
+  link_->Publish("alarms", JsonFields()
+                               .Add("point", p.name())
+                               .Add("unit", p.config().unit)
+                               .Add("action", e.action)
+                               .Add("from", zqpoints::to_string(e.from))
+                               .Add("to", zqpoints::to_string(e.to))
+                               .Add("condition", zqpoints::to_string(e.condition))
+                               .Add("severity", zqpoints::to_string(e.severity))
+                               .Add("value", e.value)
+                               .Add("time_us", static_cast<long long>(e.time_us))
+                               .Add("user", e.user)
+                               .Add("comment", e.comment)
                                .Text());
 }
 
@@ -264,6 +285,7 @@ void Fleet::publish_status() {
       .Add("info", log.InfoCount()).Add("debug", log.DebugCount());
   link_->Publish("status", JsonFields()
                                .Add("cycles", t.CycleCount())
+                               .Add("period_us", t.CyclePeriod() / 1000)
                                .Add("cycle_min_us", t.MinCycleLength() / 1000.0)
                                .Add("cycle_avg_us", t.AvgCycleLength() / 1000.0)
                                .Add("cycle_max_us", t.MaxCycleLength() / 1000.0)
@@ -293,7 +315,7 @@ void Fleet::publish_log() {
     link_->Publish("log", JsonFields()
                               .Add("type", std::string(1, Log_Entry::eLogTypeS[it->type]))
                               .Add("number", it->nerr)
-                              .Add("logged", it->time)
+                              .AddRaw("logged", Format("%.6f", it->time))  // exact to the microsecond
                               .Add("text", it->text)
                               .Text());
   }
@@ -303,6 +325,12 @@ void Fleet::update_metrics() {
   zqfleet::FleetMetrics::Figures f;
   f.cycles = st_.task.cycle_stats.Read();
   for (const Watch& w : st_.watches) f.severities.emplace_back(w.name, static_cast<int>(w.reported));
+  const zqpoints::PointTable& points = st_.points->table;
+  for (size_t i = 0; i < points.size(); ++i) {
+    const zqpoints::Point& p = points[i];
+    f.points.push_back({p.name(), p.config().unit, p.value(), static_cast<int>(p.state()),
+                        static_cast<int>(p.alarm_severity())});
+  }
   f.sessions = {{"tcp", st_.clients}, {"mqtt", link_ && link_->Read().connected ? 1 : 0}};
   Log& log = st_.log;
   f.log = {static_cast<unsigned int>(log.PanicCount()), static_cast<unsigned int>(log.ErrCount()),
@@ -324,7 +352,13 @@ void Fleet::Poll() {
   zqfleet::MqttLink::Request req;
   for (int i = 0; i < 16 && link_->TakeRequest(req); ++i) serve(req);
   if (!samples_.empty() && now - batch_start_ >= 0.1) {
-    link_->Publish("samples", JsonFields().AddRaw("samples", "[" + samples_ + "]").Text());
+    // Each sample: [cycle, sensor reading, io byte, acquisition time in UTC microseconds].
+    const zqpoints::Point& sensor = st_.points->table[st_.points->sensor];
+    link_->Publish("samples", JsonFields()
+                                  .AddRaw("samples", "[" + samples_ + "]")
+                                  .AddRaw("columns", "[\"cycle\"," + JsonFields::Quote(sensor.name()) + ",\"io\",\"time_us\"]")
+                                  .AddRaw("units", "[\"\"," + JsonFields::Quote(sensor.config().unit) + ",\"\",\"us\"]")
+                                  .Text());
     samples_.clear();
   }
   if (now - last_status_ >= cfg_.mqtt.StatusPeriod) {

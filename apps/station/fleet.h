@@ -58,6 +58,7 @@ class Fleet {
  private:
   void on_record(const Record& r);
   void on_severity(const Watch& w, double value);
+  void publish_alarm(const zqpoints::AlarmEvent& e);
   void serve(const zqfleet::MqttLink::Request& req);
   // The level a request gets, or -1 (after refuse()) when it gets none.
   int level_for(const zqfleet::MqttLink::Request& req, const zqfleet::FleetCommand& cmd, std::string& who);

@@ -16,6 +16,7 @@
 #include <zqcomponents/trace.h>
 #include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
+#include <zqrtm/rttypedmailbox.h>
 #include <zqrtm/rtthread.h>
 
 #include <chrono>
@@ -28,6 +29,7 @@
 #include <vector>
 
 #include "access.h"
+#include "points.h"
 
 namespace station {
 
@@ -62,14 +64,21 @@ struct ServerSettings : zqcommon::Config_Data {
 };
 
 // One record from the task: the cycle, the time within the sensor's run,
-// the reading, the I/O byte and the cycle's length.
+// the reading, the I/O byte and the cycle's length; the CLOCK_MONOTONIC time
+// the reading was taken and (filled in by the main thread) that time in UTC
+// microseconds. It crosses the mailbox as it is, in binary.
 struct Record {
   long long cycle = 0;
   double x = 0;
   double value = 0;
   unsigned int io = 0;
   long long length_ns = 0;
+  long long stamp_ns = 0;
+  long long time_us = 0;
+  long long release_ns = 0, start_ns = 0;  // the cycle's release and start
+  long long prev_end_ns = 0;               // when the cycle before ended
 };
+typedef rttypedmailbox<Record> RecordMailbox;
 
 // The periodic task. It owns the process image and its handler; everything
 // it shares goes through the two mailboxes: records out, bit commands in.
@@ -78,7 +87,7 @@ class SensorTask : public rtthread {
   // I/O bits of the simulated board.
   static constexpr unsigned int kHeater = 0, kAlarm = 1, kInject = 4;
 
-  SensorTask(long long period_ns, rtmailbox& records, rtmailbox& commands);
+  SensorTask(long long period_ns, RecordMailbox& records, rtmailbox& commands);
   ~SensorTask() override;
   // Ends the cycles and waits for the task's thread.
   void Stop();
@@ -100,14 +109,13 @@ class SensorTask : public rtthread {
   double reading(long long cycle, double& x);
   void apply(const char* command);
 
-  rtmailbox& records_;
+  RecordMailbox& records_;
   rtmailbox& commands_;
   SimIOHandler board_;
   unsigned char pi_[16] = {}, i_[16] = {}, iand_[16], ior_[16] = {}, o_[16] = {},
                 oand_[16], oor_[16] = {};
   IOControl io_;
   uint32_t noise_ = 12345;
-  std::string text_;  // the record being sent, its capacity reused
   std::string command_;
 };
 
@@ -158,11 +166,12 @@ class Station {
   ServerSettings& server;
   Log_Config_Data& logcfg;
   Log& log;
-  rtmailbox records{64, 8192};
+  RecordMailbox records{8192};
   rtmailbox commands{32, 64};
   SensorTask task;
   Record last;
   long long records_seen = 0;
+  std::unique_ptr<StationPoints> points;  // made before the task runs
   std::deque<std::pair<double, double>> curve;  // (x, reading), newest last
   Watch watches[3] = {{"sensor_high", {}}, {"sensor_low", {}}, {"cycle_overrun", {}}};
   ValueTrace value_trace;
@@ -246,6 +255,8 @@ bool operator_only(const std::string& path);
 bool read_file(const Session& s, const std::string& name, std::string& data, std::string& why);
 // Once a minute: when the log lost lines since the last report, says so in it.
 void report_log_losses(Station& st, double now);
+// One answer line to a session, ended with CR LF.
+void say(Session& s, const char* format, ...) __attribute__((format(printf, 2, 3)));
 // Control bytes (and the backslash) as \xNN: client text fit for the log.
 std::string escape_controls(const std::string& text);
 

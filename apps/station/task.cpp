@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <unistd.h>
 #include <zqcommon/functions.h>
+#include <zqrtm/AcquisitionClock.h>
 
 #include <cmath>
 #include <cstring>
@@ -44,7 +45,7 @@ ServerSettings::ServerSettings() {
 
 // ------------------------------------------------------------------ task
 
-SensorTask::SensorTask(long long period_ns, rtmailbox& records, rtmailbox& commands)
+SensorTask::SensorTask(long long period_ns, RecordMailbox& records, rtmailbox& commands)
     : rtthread("SENSOR", period_ns, false, 0, true),
       records_(records),
       commands_(commands),
@@ -52,7 +53,6 @@ SensorTask::SensorTask(long long period_ns, rtmailbox& records, rtmailbox& comma
   std::memset(iand_, 0xFF, sizeof iand_);
   std::memset(oand_, 0xFF, sizeof oand_);
   io_.AddHandler(board_);
-  text_.reserve(records.msgsize);
   command_.reserve(commands.msgsize);
 }
 
@@ -93,16 +93,23 @@ void* SensorTask::rtrun(void*) {
   while (commands_.GetMessage(command_)) apply(command_.c_str());
   double x = 0;
   const long long cycle = CycleCount();
+  const long long stamp = AcquisitionClock::Monotonic();  // when the sensor is read
   const double y = reading(cycle, x);
   io_.CopyBit(board_.Id(), kHeater, y < setpoint.load());
   io_.CopyBit(board_.Id(), kAlarm, y < low.load() || y > high.load());
   if (cycle_hook) cycle_hook(i_, o_);
   io_.WriteAll();
-  char buf[64];
-  const int n = std::snprintf(buf, sizeof buf, "%lld %.6f %.4f %u %lld", cycle, x, y,
-                              static_cast<unsigned int>(board_.data[0]), CycleLength());
-  text_.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
-  records_.PutMessage(text_);  // a full mailbox drops the record
+  Record r;
+  r.cycle = cycle;
+  r.x = x;
+  r.value = y;
+  r.io = static_cast<unsigned int>(board_.data[0]);
+  r.length_ns = CycleLength();
+  r.stamp_ns = stamp;
+  r.release_ns = CycleRelease();
+  r.start_ns = CycleStart();
+  r.prev_end_ns = CycleEnd();
+  records_.Put(r);  // a full mailbox drops the record
   return nullptr;
 }
 
@@ -141,6 +148,7 @@ Station::Station(Config_File& c, StationSettings& s, ServerSettings& srv, Log_Co
       io_trace(static_cast<unsigned int>(s.TraceDepth)),
       dump_path(s.DumpPath),
       traces(2, slots, dump_path) {
+  points = std::make_unique<StationPoints>(*this);  // restores saved set-points
   for (Watch& w : watches) w.error = settings.Promotion;
   traces.AddTrace(value_trace, "sensor");
   traces.AddTrace(io_trace, "io");
@@ -151,7 +159,10 @@ Station::Station(Config_File& c, StationSettings& s, ServerSettings& srv, Log_Co
   task.setpoint = settings.Setpoint;
 }
 
-Station::~Station() { task.Stop(); }
+Station::~Station() {
+  task.Stop();
+  points->Flush();
+}
 
 bool Station::Command(const std::string& text) { return commands.PutMessage(text); }
 
@@ -170,7 +181,8 @@ void Station::check(Watch& w, bool bad, components::TIME t, double value) {
   if (now == components::NONE) {
     log.Add(elog_INFO, 0, "%s cleared (last value %.4f)", w.name, value);
   } else {
-    log.Add(now >= components::ERROR ? elog_ERROR : elog_WARN, static_cast<int>(now),
+    log.Add(now == components::PANIC ? elog_PANIC : now >= components::ERROR ? elog_ERROR : elog_WARN,
+            static_cast<int>(now),
             "%s: %s after %u reports (value %.4f)", w.name, Severity(now).Description(),
             w.error.count, value);
   }
@@ -186,18 +198,15 @@ void Station::Drain() {
   task.low = settings.LowLimit;
   task.high = settings.HighLimit;
   task.setpoint = settings.Setpoint;
-  std::string text;
   Record r;
   const size_t keep = settings.FitPoints > 0 ? static_cast<size_t>(settings.FitPoints) : 1;
-  while (records.GetMessage(text)) {
-    if (std::sscanf(text.c_str(), "%lld %lf %lf %u %lld", &r.cycle, &r.x, &r.value, &r.io,
-                    &r.length_ns) != 5) {
-      continue;
-    }
+  while (records.Get(r)) {
+    r.time_us = points->clock.ToUtcUs(r.stamp_ns);
     ++records_seen;
     last = r;
     if (on_record) on_record(r);
-    const components::TIME now = static_cast<components::TIME>(GetUTC() * 1e6);
+    points->OnRecord(r);
+    const components::TIME now = static_cast<components::TIME>(r.time_us);  // acquisition time
     check(watches[0], r.value > settings.HighLimit, now, r.value);
     check(watches[1], r.value < settings.LowLimit, now, r.value);
     check(watches[2], r.length_ns > task.CyclePeriod(), now, static_cast<double>(r.length_ns));
@@ -210,6 +219,7 @@ void Station::Drain() {
       while (curve.size() > keep) curve.pop_front();
     }
   }
+  points->Poll();
 }
 
 void Station::Settle(long long cycles) {

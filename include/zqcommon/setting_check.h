@@ -41,6 +41,9 @@ class ZQ_EXPORT Setting_Check {
   // Why `text` is not allowed for `path` ("not an integer in 0..65535"), or
   // "" when it is or no rule names the setting.
   std::string Reason(const std::string& path, const std::string& text) const;
+  // What the rule for `path` allows ("an integer in 100..1000000", "at most
+  // 255 characters", "one of required, preferred"); "" when no rule names it.
+  std::string Allowed(const std::string& path) const;
   // Checks, then assigns to the entry; false (entry untouched) when the check
   // or the assignment fails.
   bool Assign(Config_Data_Entry& entry, const std::string& path, const std::string& text,

@@ -19,7 +19,10 @@ namespace zqfleet {
 // threads, 5 s for a request to arrive, at most 16 connections waiting): zq_cycle_lateness_seconds (histogram), zq_cycle_overruns_total,
 // zq_error_severity{record}, zq_sessions{kind}, zq_log_entries_total{type},
 // zq_mqtt_connected, zq_mqtt_queue_records, zq_mqtt_queue_bytes,
-// zq_mqtt_dropped_total, and process_cpu_seconds_total,
+// zq_mqtt_dropped_total, zq_point_value{point,unit} (the point's value in
+// its unit), zq_point_alarm_state{point} (0 normal, 1 active unacknowledged,
+// 2 active acknowledged, 3 returned unacknowledged), zq_point_alarm_severity{point}
+// (0 none .. 4 critical), zq_build_info{version} (always 1), and process_cpu_seconds_total,
 // process_resident_memory_bytes, process_open_fds, process_start_time_seconds.
 //
 // The program calls Update() with its current figures (from its own thread,
@@ -35,6 +38,13 @@ class ZQ_EXPORT FleetMetrics {
     std::vector<std::pair<std::string, double>> sessions;   // kind -> open sessions
     std::array<unsigned int, 5> log{};                      // panic, error, warn, info, debug
     MqttLink::Counters mqtt;
+    // Process points: name, unit, value, alarm state and severity (zqpoints' codes).
+    struct Point {
+      std::string name, unit;
+      double value;
+      int alarm_state, severity;
+    };
+    std::vector<Point> points;
   };
 
   FleetMetrics();

@@ -10,7 +10,9 @@ namespace zqfleet {
 
 // Builds the text of JSON members ("a":1,"b":"x") to be wrapped into a
 // record by MqttLink::Publish. Strings are escaped (quotes, backslashes and
-// control characters); numbers that are not finite become null. Keys are the
+// control characters; bytes that are not UTF-8 become U+FFFD); doubles are
+// written in the shortest form that reads back exactly; numbers that are not
+// finite become null. Keys are the
 // caller's and are written as given (escaped). A value type: no locking.
 class ZQ_EXPORT JsonFields {
  public:

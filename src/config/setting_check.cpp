@@ -100,12 +100,10 @@ std::string Setting_Check::Reason(const std::string& path, const std::string& te
   const Rule* r = find(path);
   if (r == nullptr) return "";
   if (r->kind == kChoice) {
-    std::string list;
     for (const std::string& w : r->words) {
       if (strcasecmp(w.c_str(), Trim(text).c_str()) == 0) return "";
-      list += (list.empty() ? "" : ", ") + w;
     }
-    return "not one of " + list;
+    return "not " + Allowed(path);
   }
   if (r->kind == kText) {
     for (const char c : text) {
@@ -124,7 +122,19 @@ std::string Setting_Check::Reason(const std::string& path, const std::string& te
   }
   long double v = 0;
   if (read_number(text, r->kind, v) && v >= r->min && v <= r->max) return "";
-  return Format("not %s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
+  return "not " + Allowed(path);
+}
+
+std::string Setting_Check::Allowed(const std::string& path) const {
+  const Rule* r = find(path);
+  if (r == nullptr) return "";
+  if (r->kind == kChoice) {
+    std::string list;
+    for (const std::string& w : r->words) list += (list.empty() ? "" : ", ") + w;
+    return "one of " + list;
+  }
+  if (r->kind == kText) return Format("at most %s characters", bound_text(r->max, kInteger).c_str());
+  return Format("%s in %s..%s", kind_name(r->kind), bound_text(r->min, r->kind).c_str(),
                 bound_text(r->max, r->kind).c_str());
 }
 

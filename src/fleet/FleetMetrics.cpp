@@ -69,11 +69,16 @@ struct FleetMetrics::Impl {
   prometheus::Counter& cpu = prometheus::BuildCounter().Name("process_cpu_seconds_total").Help("user and system CPU time").Register(*registry).Add({});
   prometheus::Gauge& rss = prometheus::BuildGauge().Name("process_resident_memory_bytes").Help("resident memory").Register(*registry).Add({});
   prometheus::Gauge& fds = prometheus::BuildGauge().Name("process_open_fds").Help("open descriptors").Register(*registry).Add({});
+  prometheus::Family<prometheus::Gauge>& point_value = prometheus::BuildGauge().Name("zq_point_value").Help("process point value, in the unit its unit label names").Register(*registry);
+  prometheus::Family<prometheus::Gauge>& point_state = prometheus::BuildGauge().Name("zq_point_alarm_state").Help("alarm state: 0 normal, 1 active unacknowledged, 2 active acknowledged, 3 returned unacknowledged").Register(*registry);
+  prometheus::Family<prometheus::Gauge>& point_severity = prometheus::BuildGauge().Name("zq_point_alarm_severity").Help("alarm severity: 0 none, 1 low, 2 medium, 3 high, 4 critical").Register(*registry);
+  prometheus::Gauge& build_info = prometheus::BuildGauge().Name("zq_build_info").Help("the library's version, always 1").Register(*registry).Add({{"version", ZQ_FLEET_VERSION}});
   prometheus::Gauge& start = prometheus::BuildGauge().Name("process_start_time_seconds").Help("start of the metrics, seconds since 1970").Register(*registry).Add({});
 };
 
 FleetMetrics::FleetMetrics() : impl_(new Impl) {
   impl_->start.SetToCurrentTime();
+  impl_->build_info.Set(1);
 }
 
 FleetMetrics::~FleetMetrics() = default;
@@ -114,6 +119,11 @@ void FleetMetrics::Update(const Figures& f) {
   advance(m.overruns, static_cast<double>(f.cycles.overruns));
   for (const auto& s : f.severities) m.severity.Add({{"record", s.first}}).Set(s.second);
   for (const auto& s : f.sessions) m.sessions.Add({{"kind", s.first}}).Set(s.second);
+  for (const auto& p : f.points) {
+    m.point_value.Add({{"point", p.name}, {"unit", p.unit}}).Set(p.value);
+    m.point_state.Add({{"point", p.name}}).Set(p.alarm_state);
+    m.point_severity.Add({{"point", p.name}}).Set(p.severity);
+  }
   static const char* const kTypes[] = {"panic", "error", "warning", "info", "debug"};
   for (size_t i = 0; i < f.log.size(); ++i) advance(m.log.Add({{"type", kTypes[i]}}), f.log[i]);
   m.connected.Set(f.mqtt.connected ? 1 : 0);

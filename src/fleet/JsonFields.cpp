@@ -5,27 +5,15 @@
 #include <cstdio>
 #include <ctime>
 
+#include <nlohmann/json.hpp>
+
 namespace zqfleet {
 
+// Strings and numbers are written by nlohmann-json: escapes as JSON wants
+// them, bytes that are not UTF-8 replaced by U+FFFD, and doubles in the
+// shortest form that reads back to the same value (exact times included).
 std::string JsonFields::Quote(const std::string& text) {
-  std::string out;
-  out.reserve(text.size() + 2);
-  out += '"';
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += ch;
-    } else if (c < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += ch;
-    }
-  }
-  out += '"';
-  return out;
+  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 void JsonFields::key(const char* name) {
@@ -52,9 +40,7 @@ JsonFields& JsonFields::Add(const char* name, double number) {
     text_ += "null";
     return *this;
   }
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%.9g", number);
-  text_ += buf;
+  text_ += nlohmann::json(number).dump();
   return *this;
 }
 

@@ -43,7 +43,7 @@ USERS = {"station": "st-pw", "viewer": "vw-pw", "watch": "wa-pw"}
 TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 SCHEMA = {"state": {"state"}, "samples": {"samples"}, "errors": {"record", "severity", "count"},
           "log": {"type", "text"},
-          "status": {"cycles", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
+          "status": {"cycles", "period_us", "cycle_min_us", "cycle_avg_us", "cycle_max_us", "overruns", "clients", "log",
                      "dropped", "queued"}}
 procs = []
 SIGNER = importlib.machinery.SourceFileLoader(
@@ -236,6 +236,13 @@ def check_schema(client, station):
             check(r["station"] == station and TIME.match(r["time"]) and isinstance(r["seq"], int),
                   "the envelope on " + topic, r)
             check(keys <= set(r), "the fields of " + topic, r)
+        if topic == "samples":
+            r = recs[-1]
+            times = [item[3] for item in r["samples"]]
+            check(r["columns"] == ["cycle", "sensor", "io", "time_us"] and r["units"][1] == "\u00b0C",
+                  "samples name their columns and units", r)
+            check(all(isinstance(t, int) for t in times) and times == sorted(times)
+                  and abs(times[-1] / 1e6 - time.time()) < 60, "samples carry exact acquisition times", times[:5])
         if topic != "state":
             seqs = [r["seq"] for r in recs]
             check(seqs == list(range(seqs[0], seqs[0] + len(seqs))), "consecutive numbers on " + topic, seqs)
@@ -371,6 +378,8 @@ def main():
     buckets = [s for s in m["zq_cycle_lateness_seconds"].samples if s.name.endswith("_bucket")]
     check(len(buckets) == 17 and buckets[-1].labels["le"] == "+Inf", "the lateness histogram", buckets)
     check(m["zq_mqtt_connected"].samples[0].value == 1, "connected in the metrics")
+    check(any(s.labels == {"point": "sensor", "unit": "\u00b0C"} for s in m["zq_point_value"].samples)
+          and "zq_point_alarm_state" in m and m["zq_build_info"].samples[0].value == 1, "point gauges and build_info")
     check(m["process_cpu_seconds"].samples[0].value > 0, "process metrics")
     check(any(s.labels.get("type") == "warning" and s.value > 0 for s in m["zq_log_entries"].samples),
           "log entries by type")

@@ -51,8 +51,8 @@ TEST(FleetCommand, AcceptsOneFlatObjectAndRefusesTheRest) {
 
 TEST(JsonFields, EscapesWhatJsonNeeds) {
   zqfleet::JsonFields f;
-  f.Add("t", std::string("q\"b\\c\x01\n", 7)).Add("n", 0.0 / 0.0).Add("i", -3);
-  EXPECT_EQ(f.Text(), R"("t":"q\"b\\c\u0001\u000a","n":null,"i":-3)");
+  f.Add("t", std::string("q\"b\\c\x01\n\xff", 8)).Add("n", 0.0 / 0.0).Add("i", -3).Add("s", 1764101045.123456);
+  EXPECT_EQ(f.Text(), R"("t":"q\"b\\c\u0001\n)" "\xef\xbf\xbd" R"(","n":null,"i":-3,"s":1764101045.123456)");
   EXPECT_EQ(zqfleet::JsonFields::UtcTime(86400.25), "1970-01-02T00:00:00.250Z");
 }
 

@@ -107,6 +107,9 @@ TEST(Hardening, SettingChecksRefuseWithTheRange) {
   std::string why;
   rules.Check("Server.ListenPort", "-5", &why);
   EXPECT_EQ(why, "Server.ListenPort: '-5' is not an integer in 0..65535");
+  EXPECT_EQ(rules.Allowed("server.listenport"), "an integer in 0..65535");
+  EXPECT_EQ(rules.Allowed("Log.FileBase"), "at most 8 characters");
+  EXPECT_EQ(rules.Allowed("Other.Key"), "");
 }
 
 TEST(Hardening, SavesAreWholeOrNotAtAll) {

@@ -19,7 +19,7 @@ if ! timeout 600 cmake --build . --target package >cpack.log 2>&1; then
   exit 1
 fi
 debs=(libzqcommon1_*.deb libzqcommon-dev_*.deb libzqfleet1_*.deb libzqfleet-dev_*.deb libzqdevices1_*.deb
-      libzqdevices-dev_*.deb zqcommon-station_*.deb)
+      libzqdevices-dev_*.deb libzqpoints1_*.deb zqcommon-station_*.deb)
 if ! out=$(timeout 300 lintian --fail-on error "${debs[@]}" 2>&1); then
   echo "$out"
   exit 1
@@ -35,6 +35,7 @@ only_files() {  # PACKAGE_DEB PATTERN: every file outside /usr/share/doc matches
 only_files libzqcommon1_*.deb '/libzqcommon\.so\.1(\.|$)'
 only_files libzqfleet1_*.deb '/libzqfleet\.so\.1(\.|$)'
 only_files libzqdevices1_*.deb '/libzqdevices\.so\.1(\.|$)'
+only_files libzqpoints1_*.deb '/libzqpoints\.so\.1(\.|$)'
 # (Listings captured first: grep -q leaving early would fail the pipeline.)
 fleet_dev=$(dpkg-deb -c libzqfleet-dev_*.deb)
 for f in include/zqfleet/MqttLink.h zqcommonFleetTargets.cmake pkgconfig/zqfleet.pc; do
@@ -48,8 +49,8 @@ if grep -Eq 'include/zq(fleet|devices)' <<<"$(dpkg-deb -c libzqcommon-dev_*.deb)
   echo "libzqcommon-dev holds libzqfleet's or libzqdevices' headers"; exit 1
 fi
 depends=$(dpkg-deb -f libzqcommon1_*.deb Depends)
-if grep -Eq 'mosquitto|prometheus|zqfleet|modbus|zqdevices' <<<"$depends"; then
-  echo "libzqcommon1 depends on the fleet's or the devices' libraries: $depends"; exit 1
+if grep -Eq 'mosquitto|prometheus|zqfleet|modbus|zqdevices|sqlite' <<<"$depends"; then
+  echo "libzqcommon1 depends on the fleet's, the devices' or the journal's libraries: $depends"; exit 1
 fi
 depends=$(dpkg-deb -f libzqfleet1_*.deb Depends)
 for d in libzqcommon1 libmosquitto1 libprometheus-cpp; do
@@ -81,7 +82,7 @@ if [[ ${ZQ_DEB_INSTALL:-} != 1 ]]; then
   echo "packages checked; installation left to CI (ZQ_DEB_INSTALL=1)"
   exit 0
 fi
-packages=(zqcommon-station libzqdevices-dev libzqdevices1 libzqfleet-dev libzqfleet1 libzqcommon-dev libzqcommon1)
+packages=(zqcommon-station libzqdevices-dev libzqdevices1 libzqfleet-dev libzqfleet1 libzqpoints1 libzqcommon-dev libzqcommon1)
 trap 'dpkg -P "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$tmp"' EXIT
 # The core packages alone serve a consumer; the fleet component is not there.
 dpkg -i libzqcommon1_*.deb libzqcommon-dev_*.deb

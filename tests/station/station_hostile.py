@@ -128,7 +128,10 @@ def hostile(binary, proc, port):
     # Hostile words for every command.
     for word in ("", "x" * 100000, "a\0b", "%n%s%n%s", "$$$$", "\x1b[2J"):
         for command in ("status", "io", "io set", "trace", "fit", "hash", "crc", "config", "config set",
-                        "echo", "set", "history", "help", "bogus", "get", "mode"):
+                        "echo", "set", "history", "help", "bogus", "get", "mode", "points", "alarms", "ack", "ack all",
+                        "ack sensor", "shelve sensor", "shelve sensor 1", "shelve sensor 1e308", "disable",
+                        "enable sensor", "alarm-history", "alarm-history 1e300", "alarm-history 99999999-1-1T0:0",
+                        "trace-csv"):
             c.sock.sendall(("%s %s\n" % (command, word)).encode(errors="surrogateescape"))
             if not c.until(PROMPT):  # an answer beyond the write buffer ends that session
                 c = Client(port)
