@@ -85,13 +85,13 @@ fi
 packages=(zqcommon-station libzqdevices-dev libzqdevices1 libzqfleet-dev libzqfleet1 libzqpoints1 libzqcommon-dev libzqcommon1)
 trap 'dpkg -P "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$tmp"' EXIT
 # The core packages alone serve a consumer; the fleet component is not there.
-dpkg -i libzqcommon1_*.deb libzqcommon-dev_*.deb
+dpkg -i --force-confdef --force-confold libzqcommon1_*.deb libzqcommon-dev_*.deb
 cmake -S "$consumer" -B "$tmp/consumer" >/dev/null && cmake --build "$tmp/consumer" >/dev/null
 "$tmp/consumer/consumer"
 if cmake -S "$consumer" -B "$tmp/consumer-fleet" -DZQ_FLEET=ON >/dev/null 2>&1; then
   echo "COMPONENTS fleet found without libzqfleet-dev"; exit 1
 fi
-dpkg -i "${debs[@]}"
+dpkg -i --force-confdef --force-confold "${debs[@]}"
 rm -rf "$tmp/consumer-fleet"
 cmake -S "$consumer" -B "$tmp/consumer-fleet" -DZQ_FLEET=ON >/dev/null && cmake --build "$tmp/consumer-fleet" >/dev/null
 "$tmp/consumer-fleet/consumer-fleet"
