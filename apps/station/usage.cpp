@@ -61,7 +61,9 @@ Files (relative to the working folder; the settings name them):
 Signals:
   SIGINT, SIGTERM     stop cleanly (Ctrl-C at the terminal clears the line;
                       "exit" there stops the station)
-  SIGHUP              reopen the log and read the configuration file again
+  SIGHUP              reopen the log; read the configuration (main file, local
+                      file, overrides), the users file, command keys and the
+                      access list again (systemctl reload station)
 
 Settings sections: [Station] [Server] [Network] [TLS] [Login] [Access] [Log]
 [LogRetention] [MQTT] [Metrics]. Every setting with its unit and default:
