@@ -41,6 +41,15 @@ network user needs:
                                                 result code, for programs (stationctl)
   get NAME [OFFSET]                   operator  network only: a Station.DataDir file
                                                 in base64 pieces, with size and SHA-256
+  points                              viewer    each point: value, unit, quality, age, alarm
+  alarms                              viewer    present alarms, unacknowledged first
+  ack NAME|all [COMMENT]              operator  acknowledge alarms
+  shelve NAME MINUTES [COMMENT]       operator  hide an alarm for a time
+  disable|enable NAME [COMMENT]       admin     switch an alarm off or on
+  alarm-history [SINCE]               viewer    the alarm journal since a time
+  trace-csv                           operator  the trace as CSV: names, units, UTC times
+  timing-json                         operator  the task's timing in cyclictest's JSON shape
+  config describe                     viewer    each setting's unit, range and meaning
   device, device list                 viewer    field devices ([Device.NAME]), values
   device recover NAME                 operator  recover a faulted device now
 
