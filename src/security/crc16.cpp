@@ -57,6 +57,7 @@ uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
 
 Crc16Engine crc16_engine(unsigned features) {
   if ((features & kCrcVclmul) != 0) return crc16_vclmul;
+  if ((features & kCrcVclmul256) != 0) return crc16_vclmul256;
   if ((features & kCrcClmul) != 0) return crc16_clmul;
   return crc16_slice8;
 }
@@ -70,10 +71,10 @@ Crc16Engine crc16_engine(unsigned features) {
 // the one before it (u >> 8) x^16 mod P XOR the low byte of h moved up: three
 // independent look-ups instead of two dependent steps.
 uint32_t mk_crc16(const void* data, unsigned int length) {
-  static const zqdetail::Crc16Engine engine = zqdetail::crc16_engine(zqdetail::crc_features());
+  using Chosen = zqdetail::ChosenEngine<zqdetail::Crc16Engine, zqdetail::crc16_engine>;
   const auto* p = static_cast<const uint8_t*>(data);
   if (length <= 2) return zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
-  const uint32_t head = engine(0xFFFF, p, length - 2);
+  const uint32_t head = Chosen::engine.load(std::memory_order_relaxed)(0xFFFF, p, length - 2);
   const uint32_t u = head ^ (static_cast<uint32_t>(p[length - 2]) << 8 | p[length - 1]);
   const auto& t = zqdetail::crc16_tables.t;
   const uint32_t last = t[1][u >> 8] ^ t[0][u & 0xFF];

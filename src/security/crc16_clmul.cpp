@@ -15,6 +15,7 @@ namespace {
 
 constexpr FoldKeys kKeys = {
     {0xfd50, 0xf17e},  // D = 4 x 512
+    {0x36c4, 0x71c4},  // D = 4 x 256
     {0x13fc, 0x8832},  // D = 4 x 128
     {0xcde2, 0x2535},  // D = 384
     {0x8e29, 0x26aa},  // D = 256
@@ -55,7 +56,7 @@ uint32_t load_be32(const uint8_t* p) {
 // A message of 2-15 bytes as one lane (the most significant 64-bit half
 // first), read with overlapping loads that stay inside the message, the
 // state on its first two bytes.
-ZQ_CLMUL __m128i short_lane(uint16_t c, const uint8_t* p, size_t n) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i short_lane(uint16_t c, const uint8_t* p, size_t n) {
   uint64_t hi = 0, lo;
   if (n >= 8) {
     const unsigned extra = 8 * static_cast<unsigned>(n - 8);  // bits after the first eight bytes
@@ -84,8 +85,15 @@ ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
 }
 
 ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
-  if (n < 256) return crc16_clmul(c, p, n);
+  if (n < 256) return crc16_vclmul256(c, p, n);  // short messages in the VEX encoding
   return reduce(fold_lanes512<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+ZQ_VCLMUL256 uint16_t crc16_vclmul256(uint16_t c, const uint8_t* p, size_t n) {
+  if (n < 2) return crc16_slice8(c, p, n);
+  if (n < 16) return reduce(short_lane(c, p, n));
+  if (n < 128) return reduce(fold_lanes<NormalLanes>(state_lane(c), p, n, kKeys));
+  return reduce(fold_lanes256<NormalLanes>(state_lane(c), p, n, kKeys));
 }
 
 }  // namespace zqdetail

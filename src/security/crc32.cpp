@@ -76,6 +76,7 @@ namespace {
 
 constexpr FoldKeys kKeys = {
     {0x011542778a, 0x01322d1430},  // D = 4 x 512
+    {0x01e88ef372, 0x014a7fe880},  // D = 4 x 256
     {0x0154442bd4, 0x01c6e41596},  // D = 4 x 128
     {0x003db1ecdc, 0x0174359406},  // D = 384
     {0x00f1da05aa, 0x015a546366},  // D = 256
@@ -122,16 +123,30 @@ bool crc32_vclmul_available() {
 }
 
 ZQ_VCLMUL uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 256) return crc32_clmul(r, p, n);
+  if (n < 256) return crc32_vclmul256(r, p, n);  // short messages in the VEX encoding
   return reduce(fold_lanes512<ReflectedLanes>(register_lane(r), p, n, kKeys));
 }
 
+bool crc32_vclmul256_available() {
+  static const bool available = crc32_clmul_available() && __builtin_cpu_supports("avx2") &&
+                                __builtin_cpu_supports("vpclmulqdq");
+  return available;
+}
+
+ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
+  if (n < 16) return crc32_slice8(r, p, n);
+  if (n < 128) return reduce(fold_lanes<ReflectedLanes>(register_lane(r), p, n, kKeys));
+  return reduce(fold_lanes256<ReflectedLanes>(register_lane(r), p, n, kKeys));
+}
+
 unsigned crc_features() {
-  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u);
+  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u) |
+         (crc32_vclmul256_available() ? kCrcVclmul256 : 0u);
 }
 
 Crc32Engine crc32_engine(unsigned features) {
   if ((features & kCrcVclmul) != 0) return crc32_vclmul;
+  if ((features & kCrcVclmul256) != 0) return crc32_vclmul256;
   if ((features & kCrcClmul) != 0) return crc32_clmul;
   return crc32_slice8;
 }
@@ -139,6 +154,6 @@ Crc32Engine crc32_engine(unsigned features) {
 }  // namespace zqdetail
 
 uint32_t mk_crc32(const void* data, unsigned int length) {
-  static const zqdetail::Crc32Engine engine = zqdetail::crc32_engine(zqdetail::crc_features());
-  return engine(0, static_cast<const uint8_t*>(data), length);
+  using Chosen = zqdetail::ChosenEngine<zqdetail::Crc32Engine, zqdetail::crc32_engine>;
+  return Chosen::engine.load(std::memory_order_relaxed)(0, static_cast<const uint8_t*>(data), length);
 }

@@ -24,6 +24,9 @@
 
 #define ZQ_CLMUL __attribute__((target("pclmul,ssse3,sse4.1")))
 #define ZQ_VCLMUL __attribute__((target("avx512f,avx512bw,vpclmulqdq,pclmul,ssse3,sse4.1")))
+// 256-bit carry-less multiplication without AVX-512 (as on AMD Zen 3); also
+// the VEX encoding of the 128-bit helpers for short messages.
+#define ZQ_VCLMUL256 __attribute__((target("avx2,vpclmulqdq,pclmul,ssse3,sse4.1")))
 // Every helper here is inlined into the engine that uses it, so that it is
 // compiled for that engine's instruction set: an out-of-line copy in SSE
 // encoding, called with the upper halves of the 512-bit registers in use,
@@ -37,12 +40,13 @@ struct FoldKeys {
   struct Pair {
     long long lo, hi;
   };
-  Pair d2048, d512, d384, d256, d128;
+  Pair d2048, d1024, d512, d384, d256, d128;
 };
 
 // Bytes as they lie in memory: the lane of a bit-reflected CRC.
 struct ReflectedLanes {
   ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) { return x; }
+  ZQ_VCLMUL256 ZQ_FOLD_INLINE static __m256i order(__m256i x) { return x; }
   ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) { return x; }
 };
 
@@ -50,6 +54,10 @@ struct ReflectedLanes {
 struct NormalLanes {
   ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) {
     return _mm_shuffle_epi8(x, _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
+  }
+  ZQ_VCLMUL256 ZQ_FOLD_INLINE static __m256i order(__m256i x) {
+    const long long lo = 0x08090a0b0c0d0e0f, hi = 0x0001020304050607;
+    return _mm256_shuffle_epi8(x, _mm256_set_epi64x(hi, lo, hi, lo));
   }
   ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) {
     const long long lo = 0x08090a0b0c0d0e0f, hi = 0x0001020304050607;
@@ -73,6 +81,19 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i step(__m128i x, __m128i k, __m128i next) {
   const __m128i lo = _mm_clmulepi64_si128(x, k, 0x00);
   const __m128i hi = _mm_clmulepi64_si128(x, k, 0x11);
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
+}
+
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i keys256(FoldKeys::Pair k) { return _mm256_set_epi64x(k.hi, k.lo, k.hi, k.lo); }
+
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i step256(__m256i x, __m256i k, __m256i next) {
+  const __m256i lo = _mm256_clmulepi64_epi128(x, k, 0x00);
+  const __m256i hi = _mm256_clmulepi64_epi128(x, k, 0x11);
+  return _mm256_xor_si256(_mm256_xor_si256(hi, lo), next);
+}
+
+template <class Lanes>
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i lane256(const uint8_t* q) {
+  return Lanes::order(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)));
 }
 
 ZQ_VCLMUL ZQ_FOLD_INLINE __m512i keys512(FoldKeys::Pair k) {
@@ -150,6 +171,40 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_lanes(__m128i start, const uint8_t* p, size
 // How far ahead of the 512-bit loop memory is asked for (a hint: reading
 // past the end of the buffer this way never faults).
 constexpr size_t kPrefetchAhead = 2048;
+
+// The same for n >= 128 bytes with four 256-bit lanes (eight 128-bit lanes)
+// over 128-byte blocks.
+template <class Lanes>
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m128i fold_lanes256(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+  const __m256i k1024 = fold::keys256(keys.d1024), k256 = fold::keys256(keys.d256);
+  __m256i x0 = _mm256_xor_si256(fold::lane256<Lanes>(p), _mm256_zextsi128_si256(start));
+  __m256i x1 = fold::lane256<Lanes>(p + 32);
+  __m256i x2 = fold::lane256<Lanes>(p + 64);
+  __m256i x3 = fold::lane256<Lanes>(p + 96);
+  p += 128;
+  n -= 128;
+  while (n >= 128) {
+    _mm_prefetch(reinterpret_cast<const char*>(p) + kPrefetchAhead, _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(p) + kPrefetchAhead + 64, _MM_HINT_T0);
+    x0 = fold::step256(x0, k1024, fold::lane256<Lanes>(p));
+    x1 = fold::step256(x1, k1024, fold::lane256<Lanes>(p + 32));
+    x2 = fold::step256(x2, k1024, fold::lane256<Lanes>(p + 64));
+    x3 = fold::step256(x3, k1024, fold::lane256<Lanes>(p + 96));
+    p += 128;
+    n -= 128;
+  }
+  x0 = fold::step256(x0, k256, x1);
+  x0 = fold::step256(x0, k256, x2);
+  x0 = fold::step256(x0, k256, x3);
+  while (n >= 32) {
+    x0 = fold::step256(x0, k256, fold::lane256<Lanes>(p));
+    p += 32;
+    n -= 32;
+  }
+  // The two 128-bit lanes of x0 lie 128 and 0 bits before the end.
+  const __m128i x = fold::step(_mm256_castsi256_si128(x0), fold::keys(keys.d128), _mm256_extracti128_si256(x0, 1));
+  return fold_rest<Lanes>(x, p, n, keys);
+}
 
 // The same for n >= 256 bytes with four 512-bit lanes (sixteen 128-bit lanes)
 // over 256-byte blocks.

@@ -2,6 +2,7 @@
 #ifndef ZQSECURITY_SRC_CRC_IMPL_H
 #define ZQSECURITY_SRC_CRC_IMPL_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,16 +17,35 @@ bool crc32_clmul_available();
 // The same with 512-bit lanes; only call when crc32_vclmul_available().
 uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n);
 bool crc32_vclmul_available();
+// The same with 256-bit lanes and no AVX-512; only call when
+// crc32_vclmul256_available() (true wherever crc32_vclmul_available() is).
+uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n);
+bool crc32_vclmul256_available();
 
 // The engines mk_crc32 and mk_crc16 use on a processor with the given
 // instruction sets (a mask of the bits below); crc_features() is this
 // processor's mask, and a mask of 0 selects the table engines.
 using Crc32Engine = uint32_t (*)(uint32_t r, const uint8_t* p, size_t n);
 using Crc16Engine = uint16_t (*)(uint16_t c, const uint8_t* p, size_t n);
-enum : unsigned { kCrcClmul = 1, kCrcVclmul = 2 };
+enum : unsigned { kCrcClmul = 1, kCrcVclmul = 2, kCrcVclmul256 = 4 };
 unsigned crc_features();
 Crc32Engine crc32_engine(unsigned features);
 Crc16Engine crc16_engine(unsigned features);
+
+// The engine of this processor for a public function: chosen by `choose` on
+// the first call and kept, so that every later call costs one load and an
+// indirect jump (no guard of a function-local static, no saved registers).
+// Threads that make their first calls together store the same engine.
+template <class Engine, Engine (*choose)(unsigned)>
+struct ChosenEngine {
+  template <class Reg>
+  static Reg first(Reg r, const uint8_t* p, size_t n) {
+    const Engine e = choose(crc_features());
+    engine.store(e, std::memory_order_relaxed);
+    return e(r, p, n);
+  }
+  static inline std::atomic<Engine> engine{first};
+};
 
 // CRC-16 tables: t[0] is the classic table, t[k][i] the state after byte i
 // followed by k zero bytes, from state 0.
@@ -38,10 +58,11 @@ extern const Crc16Tables crc16_tables;
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
 // The 16-bit CRC-16/CCITT state update, eight bytes at a time.
 uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n);
-// Carry-less multiply folding, 128-bit and 512-bit lanes; the same
+// Carry-less multiply folding, 128-bit, 512-bit and 256-bit lanes; the same
 // preconditions as the CRC-32 engines of the same names.
 uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n);
 uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n);
+uint16_t crc16_vclmul256(uint16_t c, const uint8_t* p, size_t n);
 
 }  // namespace zqdetail
 
