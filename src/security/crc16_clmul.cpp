@@ -26,19 +26,23 @@ constexpr long long kX64 = 0xb861, kX96 = 0xd849;  // x^64, x^96 mod P
 // The state as a lane: its 16 bits over the first two message bytes.
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i state_lane(uint16_t c) { return _mm_insert_epi16(_mm_setzero_si128(), c, 7); }
 
+// floor(x^80 / P) without its x^64 term, for the Barrett reduction.
+constexpr long long kBarrettMu = 0x11303471a041b343, kPoly = 0x1021;
+
 // X x^16 mod P for a 128-bit polynomial X. The high half, cut in two 32-bit
-// pieces multiplied in parallel, folds onto the low half; the 64-bit result
-// V gives V x^16 mod P, the state after its eight bytes from state 0, with
-// eight independent look-ups in the slicing tables.
+// pieces multiplied in parallel, folds onto the low half, leaving a 64-bit V.
+// Then Barrett: the quotient of V x^16 by P is V + floor(V mu' / x^64) with
+// mu' as above, and as V x^16 ends in 16 zero bits the remainder is the low
+// 16 bits of the quotient's low 16 bits times P.
 ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) {
   const __m128i k = _mm_set_epi64x(kX96, kX64);
   const __m128i top = _mm_clmulepi64_si128(_mm_srli_epi64(x, 32), k, 0x11);
   const __m128i mid = _mm_clmulepi64_si128(_mm_and_si128(x, _mm_set1_epi64x(0xFFFFFFFF)), k, 0x01);
-  const auto v = static_cast<uint64_t>(_mm_cvtsi128_si64(_mm_xor_si128(_mm_xor_si128(top, mid), x)));
-  const auto& t = crc16_tables.t;
-  return static_cast<uint16_t>(t[7][v >> 56] ^ t[6][(v >> 48) & 0xFF] ^ t[5][(v >> 40) & 0xFF] ^
-                               t[4][(v >> 32) & 0xFF] ^ t[3][(v >> 24) & 0xFF] ^ t[2][(v >> 16) & 0xFF] ^
-                               t[1][(v >> 8) & 0xFF] ^ t[0][v & 0xFF]);
+  const __m128i v = _mm_xor_si128(_mm_xor_si128(top, mid), x);
+  const __m128i barrett = _mm_set_epi64x(kPoly, kBarrettMu);
+  const __m128i quotient = _mm_xor_si128(v, _mm_srli_si128(_mm_clmulepi64_si128(v, barrett, 0x00), 8));
+  const __m128i low16 = _mm_and_si128(quotient, _mm_cvtsi32_si128(0xFFFF));
+  return static_cast<uint16_t>(_mm_cvtsi128_si32(_mm_clmulepi64_si128(low16, barrett, 0x10)));
 }
 
 uint64_t load_be64(const uint8_t* p) {
@@ -78,10 +82,26 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i short_lane(uint16_t c, const uint8_t* p, size_t 
 
 }  // namespace
 
-ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
-  if (n < 2) return crc16_slice8(c, p, n);
-  if (n < 16) return reduce(short_lane(c, p, n));
+namespace {
+
+// 128 bytes and more, kept out of line so that the short paths of the engines
+// stay straight code.
+ZQ_CLMUL __attribute__((noinline)) uint16_t crc16_clmul_long(uint16_t c, const uint8_t* p, size_t n) {
   return reduce(fold_lanes<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+ZQ_VCLMUL256 __attribute__((noinline)) uint16_t crc16_vclmul256_long(uint16_t c, const uint8_t* p, size_t n) {
+  return reduce(fold_lanes256<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+}  // namespace
+
+// Short messages first: 2-15 bytes as one lane, 16-127 one block after the other.
+ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
+  if (n < 2) return crc16_slice8(c, p, n);
+  return crc16_clmul_long(c, p, n);
 }
 
 ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
@@ -89,11 +109,12 @@ ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
   return reduce(fold_lanes512<NormalLanes>(state_lane(c), p, n, kKeys));
 }
 
+// The same short paths as crc16_clmul, in the VEX encoding.
 ZQ_VCLMUL256 uint16_t crc16_vclmul256(uint16_t c, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
   if (n < 2) return crc16_slice8(c, p, n);
-  if (n < 16) return reduce(short_lane(c, p, n));
-  if (n < 128) return reduce(fold_lanes<NormalLanes>(state_lane(c), p, n, kKeys));
-  return reduce(fold_lanes256<NormalLanes>(state_lane(c), p, n, kKeys));
+  return crc16_vclmul256_long(c, p, n);
 }
 
 }  // namespace zqdetail

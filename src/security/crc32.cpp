@@ -111,9 +111,22 @@ ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce(__m128i x) {
 
 }  // namespace
 
-ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 16) return crc32_slice8(r, p, n);
+namespace {
+
+// 128 bytes and more, kept out of line so that the short path of the engine
+// stays straight code.
+ZQ_CLMUL __attribute__((noinline)) uint32_t crc32_clmul_long(uint32_t r, const uint8_t* p, size_t n) {
   return reduce(fold_lanes<ReflectedLanes>(register_lane(r), p, n, kKeys));
+}
+
+}  // namespace
+
+// Short messages (16-127 bytes, what protocols checksum) come first and fall
+// through to their single return.
+ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
+  if (n < 16) return crc32_slice8(r, p, n);
+  return crc32_clmul_long(r, p, n);
 }
 
 bool crc32_vclmul_available() {
@@ -133,10 +146,21 @@ bool crc32_vclmul256_available() {
   return available;
 }
 
-ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 16) return crc32_slice8(r, p, n);
-  if (n < 128) return reduce(fold_lanes<ReflectedLanes>(register_lane(r), p, n, kKeys));
+namespace {
+
+// 128 bytes and more, kept out of line so that the short path below stays
+// straight code.
+ZQ_VCLMUL256 __attribute__((noinline)) uint32_t crc32_vclmul256_long(uint32_t r, const uint8_t* p, size_t n) {
   return reduce(fold_lanes256<ReflectedLanes>(register_lane(r), p, n, kKeys));
+}
+
+}  // namespace
+
+// The same short path as crc32_clmul, in the VEX encoding.
+ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
+  if (n < 16) return crc32_slice8(r, p, n);
+  return crc32_vclmul256_long(r, p, n);
 }
 
 unsigned crc_features() {

@@ -113,6 +113,26 @@ ZQ_VCLMUL ZQ_FOLD_INLINE __m512i lane512(const uint8_t* q) {
 
 }  // namespace fold
 
+// Folds the last n < 16 bytes of a message, which end at `end`, onto the
+// lane `x` of the 16 bytes before them, and returns the lane of the message's
+// last 16 bytes. The lane and the tail are the message's last 16 + n bytes.
+// Split them into the first n bytes (after 16 - n leading zeros, which change
+// nothing) and the last 16, read from the buffer where they overlap the bytes
+// already folded, and fold the first onto the last. The shuffles work on bytes
+// in memory order.
+template <class Lanes>
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_tail(__m128i x, const uint8_t* end, size_t n, __m128i k128) {
+  const __m128i mem = Lanes::order(x);
+  const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  const auto shift = static_cast<char>(n);
+  __m128i down = _mm_add_epi8(iota, _mm_set1_epi8(shift));  // byte i from i + n; past 15: zero
+  down = _mm_or_si128(down, _mm_cmpgt_epi8(down, _mm_set1_epi8(15)));
+  const __m128i up = _mm_sub_epi8(iota, _mm_set1_epi8(static_cast<char>(16 - shift)));  // negative: zero
+  const __m128i top = _mm_cmpgt_epi8(iota, _mm_set1_epi8(static_cast<char>(15 - shift)));
+  const __m128i last = _mm_or_si128(_mm_shuffle_epi8(mem, down), _mm_and_si128(fold::load(end - 16), top));
+  return fold::step(Lanes::order(_mm_shuffle_epi8(mem, up)), k128, Lanes::order(last));
+}
+
 // Folds the remaining 16-byte blocks at `p` onto the lane `x`, then the last
 // 0-15 bytes, and returns the lane of the message's last 16 bytes. At least 16
 // bytes of the message lie before `p`.
@@ -125,20 +145,23 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_rest(__m128i x, const uint8_t* p, size_t n,
     n -= 16;
   }
   if (n == 0) return x;
-  // The lane and the tail are the message's last 16 + n bytes. Split them
-  // into the first n bytes (after 16 - n leading zeros, which change nothing)
-  // and the last 16, read from the buffer where they overlap the bytes
-  // already folded, and fold the first onto the last. The shuffles work on
-  // bytes in memory order.
-  const __m128i mem = Lanes::order(x);
-  const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-  const auto shift = static_cast<char>(n);
-  __m128i down = _mm_add_epi8(iota, _mm_set1_epi8(shift));  // byte i from i + n; past 15: zero
-  down = _mm_or_si128(down, _mm_cmpgt_epi8(down, _mm_set1_epi8(15)));
-  const __m128i up = _mm_sub_epi8(iota, _mm_set1_epi8(static_cast<char>(16 - shift)));  // negative: zero
-  const __m128i top = _mm_cmpgt_epi8(iota, _mm_set1_epi8(static_cast<char>(15 - shift)));
-  const __m128i last = _mm_or_si128(_mm_shuffle_epi8(mem, down), _mm_and_si128(fold::load(p + n - 16), top));
-  return fold::step(Lanes::order(_mm_shuffle_epi8(mem, up)), k128, Lanes::order(last));
+  return fold_tail<Lanes>(x, p + n, n, k128);
+}
+
+// A message of 16-127 bytes folded to the lane of its last 16 bytes, `start`
+// XORed onto the first lane, one block after the other: below 128 bytes the
+// four parallel lanes of fold_lanes cost more to set up and join than they
+// save. No jump is taken below 32 bytes but to skip an empty tail.
+template <class Lanes>
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_short(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+  const __m128i k128 = fold::keys(keys.d128);
+  __m128i x = _mm_xor_si128(fold::lane<Lanes>(p), start);
+  if (n >= 32) {
+    x = fold::step(x, k128, fold::lane<Lanes>(p + 16));
+    for (const uint8_t* q = p + 32; q + 16 <= p + n; q += 16) x = fold::step(x, k128, fold::lane<Lanes>(q));
+  }
+  if (n % 16 == 0) return x;
+  return fold_tail<Lanes>(x, p + n, n % 16, k128);
 }
 
 // The whole message of n >= 16 bytes folded to the lane of its last 16 bytes;
