@@ -37,7 +37,7 @@ constexpr long long kBarrettMu = 0x11303471a041b343, kPoly = 0x1021;
 ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) {
   const __m128i k = _mm_set_epi64x(kX96, kX64);
   const __m128i top = _mm_clmulepi64_si128(_mm_srli_epi64(x, 32), k, 0x11);
-  const __m128i mid = _mm_clmulepi64_si128(_mm_and_si128(x, _mm_set1_epi64x(0xFFFFFFFF)), k, 0x01);
+  const __m128i mid = _mm_clmulepi64_si128(fold::low32(x), k, 0x01);
   const __m128i v = _mm_xor_si128(_mm_xor_si128(top, mid), x);
   const __m128i barrett = _mm_set_epi64x(kPoly, kBarrettMu);
   const __m128i quotient = _mm_xor_si128(v, _mm_srli_si128(_mm_clmulepi64_si128(v, barrett, 0x00), 8));
@@ -80,10 +80,6 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i short_lane(uint16_t c, const uint8_t* p, size_t 
   return _mm_set_epi64x(static_cast<long long>(hi), static_cast<long long>(lo));
 }
 
-}  // namespace
-
-namespace {
-
 // 128 bytes and more, kept out of line so that the short paths of the engines
 // stay straight code.
 ZQ_CLMUL __attribute__((noinline)) uint16_t crc16_clmul_long(uint16_t c, const uint8_t* p, size_t n) {
@@ -96,7 +92,8 @@ ZQ_VCLMUL256 __attribute__((noinline)) uint16_t crc16_vclmul256_long(uint16_t c,
 
 }  // namespace
 
-// Short messages first: 2-15 bytes as one lane, 16-127 one block after the other.
+// Short messages first: 2-15 bytes as one lane, 16-127 one block after the
+// other.
 ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
   if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
   if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
@@ -104,17 +101,46 @@ ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
   return crc16_clmul_long(c, p, n);
 }
 
-ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
-  if (n < 256) return crc16_vclmul256(c, p, n);  // short messages in the VEX encoding
-  return reduce(fold_lanes512<NormalLanes>(state_lane(c), p, n, kKeys));
-}
-
-// The same short paths as crc16_clmul, in the VEX encoding.
+// The same in the VEX encoding, and 256-bit lanes for long messages.
 ZQ_VCLMUL256 uint16_t crc16_vclmul256(uint16_t c, const uint8_t* p, size_t n) {
   if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
   if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
   if (n < 2) return crc16_slice8(c, p, n);
   return crc16_vclmul256_long(c, p, n);
+}
+
+ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
+  if (n < 256) return crc16_vclmul256(c, p, n);  // short messages in the VEX encoding
+  return reduce(fold_lanes512<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+namespace {
+
+// The state after a message of 2-127 bytes from 0xFFFF.
+ZQ_CLMUL ZQ_FOLD_INLINE uint16_t short_state(const uint8_t* p, size_t n) {
+  if (n < 16) return reduce(short_lane(0xFFFF, p, n));
+  return reduce(fold_short<NormalLanes>(state_lane(0xFFFF), p, n, kKeys));
+}
+
+// mk_crc16 on messages of other lengths with the engine `state`.
+template <uint16_t (*state)(uint16_t, const uint8_t*, size_t)>
+__attribute__((noinline)) uint32_t message_other(const uint8_t* p, size_t n) {
+  if (n < 2) return crc16_bytewise(0xFFFFFFFFu, p, n);
+  return crc16_register(state(0xFFFF, p, n), p, n);
+}
+
+}  // namespace
+
+// mk_crc16 whole: messages of 2-127 bytes, the common ones, in the short
+// paths, the rest out of line (so that no registers need saving here).
+ZQ_CLMUL uint32_t crc16_message_clmul(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_clmul>(p, n);
+  return crc16_register(short_state(p, n), p, n);
+}
+
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul256>(p, n);
+  return crc16_register(short_state(p, n), p, n);
 }
 
 }  // namespace zqdetail

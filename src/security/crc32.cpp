@@ -92,18 +92,17 @@ ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce(__m128i x) {
   const __m128i k3k4 = fold::keys(kKeys.d128);
   const __m128i k5k0 = _mm_set_epi64x(0, kFold64);
   const __m128i poly = _mm_set_epi64x(kBarrettMu, kBarrettP);
-  const __m128i mask32 = _mm_setr_epi32(~0, 0, ~0, 0);
   // 128 bits to 64 bits.
   __m128i t = _mm_clmulepi64_si128(x, k3k4, 0x10);
   x = _mm_xor_si128(_mm_srli_si128(x, 8), t);
   t = _mm_srli_si128(x, 4);
-  x = _mm_and_si128(x, mask32);
+  x = fold::low32(x);
   x = _mm_clmulepi64_si128(x, k5k0, 0x00);
   x = _mm_xor_si128(x, t);
   // Barrett reduction to 32 bits.
-  t = _mm_and_si128(x, mask32);
+  t = fold::low32(x);
   t = _mm_clmulepi64_si128(t, poly, 0x10);
-  t = _mm_and_si128(t, mask32);
+  t = fold::low32(t);
   t = _mm_clmulepi64_si128(t, poly, 0x00);
   x = _mm_xor_si128(x, t);
   return static_cast<uint32_t>(_mm_extract_epi32(x, 1));

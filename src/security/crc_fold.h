@@ -69,6 +69,10 @@ namespace fold {
 
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i keys(FoldKeys::Pair k) { return _mm_set_epi64x(k.hi, k.lo); }
 
+// The low 32 bits of each 64-bit half, by a blend with zero (no constant to
+// build or load).
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i low32(__m128i x) { return _mm_blend_epi16(x, _mm_setzero_si128(), 0xCC); }
+
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i load(const uint8_t* q) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q)); }
 
 template <class Lanes>
