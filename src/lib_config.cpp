@@ -1,7 +1,12 @@
 // Configuration file: line classification, parsing, queries, editing, output.
 #include "zqcommon/lib_config.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <cstdlib>
@@ -41,6 +46,90 @@ bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   if (!ignorecase) return false;
   for (std::string::size_type i = 0; i < name.size(); ++i) {
     if (zqdetail::upper(p[i]) != zqdetail::upper(name[i])) return false;
+  }
+  return true;
+}
+
+// The whole content of `filename`, read to its end (a regular file in one
+// read into a buffer of its size; a pipe or a device in growing steps), or
+// false when it cannot be opened.
+bool read_whole(const std::string& filename, std::string& content) {
+  const int fd = ::open(filename.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st {};
+  size_t size = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 64 * 1024;
+  size_t used = 0;
+  for (;; size *= 2) {
+    content.resize(size);
+    ssize_t n;
+    while (used < size && ((n = ::read(fd, &content[used], size - used)) > 0 || (n < 0 && errno == EINTR))) {
+      if (n > 0) used += static_cast<size_t>(n);
+    }
+    if (used < size) break;  // the end (or an error, which ends the file as a stream's would)
+  }
+  ::close(fd);
+  content.resize(used);
+  return true;
+}
+
+// The lines of a file in memory, cut exactly as Config_File::readln cuts them
+// from a stream: at most kMaxLine characters, the line feed taken, trailing
+// CRs dropped; a longer line gives its first kMaxLine characters and ends the
+// lines unless only CRs stand before its line feed; after the last line feed
+// comes one more, empty line. good() is a stream's good() after the line.
+class MemoryLines {
+ public:
+  MemoryLines(const char* p, const char* end, bool opened) : p_(p), end_(end), good_(opened) {}
+  bool good() const { return good_; }
+
+  void next(std::string& text) {
+    const size_t left = static_cast<size_t>(end_ - p_);
+    const size_t limit = std::min(left, Config_File::kMaxLine + 1);
+    const auto* feed = static_cast<const char*>(std::memchr(p_, '\n', limit));
+    if (feed != nullptr) {
+      text.assign(p_, feed);
+      p_ = feed + 1;
+    } else if (left <= Config_File::kMaxLine) {
+      text.assign(p_, end_);  // the last line, without a line feed (or none at all)
+      p_ = end_;
+      good_ = false;
+    } else {
+      text.assign(p_, Config_File::kMaxLine);
+      p_ += Config_File::kMaxLine;
+      while (p_ < end_ && *p_ == '\r') ++p_;
+      if (p_ < end_ && *p_ == '\n') {
+        ++p_;
+      } else {
+        good_ = false;  // really too long, or the end
+      }
+    }
+    while (!text.empty() && text.back() == '\r') text.pop_back();
+  }
+
+ private:
+  const char* p_;
+  const char* end_;
+  bool good_;
+};
+
+// The parse of Config_File::parse: the magic line when one is expected, then
+// every line while the source is good, stored with its number.
+template <class Good, class Read, class Store>
+bool parse_lines(const std::string& magix, std::string& rmagix, const std::string& fname, Good good, Read read,
+                 Store store) {
+  if (!magix.empty()) {
+    read(rmagix);
+    if (rmagix != magix && rmagix.find(magix + " ") == npos) {
+      ZQ_DEBUG(0, "WARNING: No magic (%s) found at beginning of (%s): Skipping!\n", magix.c_str(),
+               fname.c_str());
+      return false;
+    }
+  }
+  ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
+  std::string text;
+  for (int number = 1; good(); ++number) {
+    read(text);
+    store(text, number);
   }
   return true;
 }
@@ -272,9 +361,17 @@ std::unique_ptr<std::istream> Config_File::open(const std::string& filename) {
   return std::make_unique<std::ifstream>(filename, std::ios::in | std::ios::binary);
 }
 
+// The file is read whole and cut in memory (a stream's getline per line costs
+// more than the rest of the parse); the lines are those of parse(stream).
 bool Config_File::parse(const std::string& filename) {
-  std::unique_ptr<std::istream> in = open(filename);
-  return in != nullptr && parse(*in);
+  if (filename.empty()) return false;
+  fname = filename;
+  std::string content;
+  const bool opened = read_whole(filename, content);
+  MemoryLines lines(content.data(), content.data() + content.size(), opened);
+  return parse_lines(
+      magix, rmagix, fname, [&] { return lines.good(); }, [&](std::string& text) { lines.next(text); },
+      [&](const std::string& text, int number) { store(text, number); });
 }
 
 std::istream& Config_File::readln(std::istream& in, std::string& text) {
@@ -303,21 +400,9 @@ std::istream& Config_File::readln(std::istream& in, std::string& text) {
 }
 
 bool Config_File::parse(std::istream& in) {
-  if (!magix.empty()) {
-    readln(in, rmagix);
-    if (rmagix != magix && rmagix.find(magix + " ") == npos) {
-      ZQ_DEBUG(0, "WARNING: No magic (%s) found at beginning of (%s): Skipping!\n", magix.c_str(),
-               fname.c_str());
-      return false;
-    }
-  }
-  ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
-  std::string text;
-  for (int number = 1; in.good(); ++number) {
-    readln(in, text);
-    store(text, number);
-  }
-  return true;
+  return parse_lines(
+      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& text) { readln(in, text); },
+      [&](const std::string& text, int number) { store(text, number); });
 }
 
 LINE& Config_File::store(const std::string& text, int number) {
