@@ -2,6 +2,7 @@
 #include "zqcommon/lib_config.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,10 +26,10 @@
 
 namespace {
 
-const char kWhitespace[] = " \f\t\v\n\r";
 constexpr auto npos = std::string::npos;
 
-// One of kWhitespace (called for every character of a name: no strchr).
+// Whitespace: space, \f, \t, \v, \n or \r (called for every character of a
+// name: no strchr).
 bool is_ws(char c) {
   switch (c) {
     case ' ': case '\f': case '\t': case '\v': case '\n': case '\r':
@@ -36,6 +37,16 @@ bool is_ws(char c) {
     default:
       return false;
   }
+}
+
+// The first character from `from` on that is not whitespace, or npos
+// (a plain loop: the library's find_first_not_of tests each character against
+// the set).
+std::string::size_type first_not_ws(const std::string& s, std::string::size_type from = 0) {
+  for (auto i = from; i < s.size(); ++i) {
+    if (!is_ws(s[i])) return i;
+  }
+  return npos;
 }
 
 // Whether the name of `l` is `name`, exactly or without regard to case.
@@ -50,25 +61,55 @@ bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   return true;
 }
 
+// Memory for a file's content straight from the system, not from the heap: a
+// heap block of this size would make the allocator merge all the small blocks
+// freed before (the lines of a configuration destroyed) and then split them
+// again for the lines of this one.
+class FileBuffer {
+ public:
+  FileBuffer() = default;
+  FileBuffer(const FileBuffer&) = delete;
+  FileBuffer& operator=(const FileBuffer&) = delete;
+  ~FileBuffer() {
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+  }
+  char* data() const { return data_; }
+  size_t capacity() const { return capacity_; }
+  // At least `size` bytes, keeping the first `keep`; false when there is no memory.
+  bool reserve(size_t size, size_t keep) {
+    if (size <= capacity_) return true;
+    void* more = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (more == MAP_FAILED) return false;
+    if (keep > 0) std::memcpy(more, data_, keep);
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+    data_ = static_cast<char*>(more);
+    capacity_ = size;
+    return true;
+  }
+
+ private:
+  char* data_ = nullptr;
+  size_t capacity_ = 0;
+};
+
 // The whole content of `filename`, read to its end (a regular file in one
 // read into a buffer of its size; a pipe or a device in growing steps), or
-// false when it cannot be opened.
-bool read_whole(const std::string& filename, std::string& content) {
+// false when it cannot be opened; `size` is the number of bytes read.
+bool read_whole(const std::string& filename, FileBuffer& content, size_t& size) {
   const int fd = ::open(filename.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat st {};
-  size_t size = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 64 * 1024;
-  size_t used = 0;
-  for (;; size *= 2) {
-    content.resize(size);
+  size_t want = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 64 * 1024;
+  size = 0;
+  for (; content.reserve(want, size); want *= 2) {
+    const size_t capacity = content.capacity();
     ssize_t n;
-    while (used < size && ((n = ::read(fd, &content[used], size - used)) > 0 || (n < 0 && errno == EINTR))) {
-      if (n > 0) used += static_cast<size_t>(n);
+    while (size < capacity && ((n = ::read(fd, content.data() + size, capacity - size)) > 0 || (n < 0 && errno == EINTR))) {
+      if (n > 0) size += static_cast<size_t>(n);
     }
-    if (used < size) break;  // the end (or an error, which ends the file as a stream's would)
+    if (size < capacity) break;  // the end (or an error, which ends the file as a stream's would)
   }
   ::close(fd);
-  content.resize(used);
   return true;
 }
 
@@ -85,7 +126,7 @@ class MemoryLines {
   void next(std::string& text) {
     const size_t left = static_cast<size_t>(end_ - p_);
     const size_t limit = std::min(left, Config_File::kMaxLine + 1);
-    const auto* feed = static_cast<const char*>(std::memchr(p_, '\n', limit));
+    const auto* feed = limit == 0 ? nullptr : static_cast<const char*>(std::memchr(p_, '\n', limit));
     if (feed != nullptr) {
       text.assign(p_, feed);
       p_ = feed + 1;
@@ -171,7 +212,7 @@ void LineTable::clear() {
 // ------------------------------------------------------------------ LINE
 
 LINE::LINE(const std::string& text, int number) : data(text), line(number) {
-  const auto first = data.find_first_not_of(kWhitespace);
+  const auto first = first_not_ws(data);
   if (first == npos) {
     data.clear();
     return;
@@ -217,7 +258,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
       if (is_ws(data[i])) last_ws = i;
     }
     namelen = (last_ws == npos ? eq : last_ws) - first;
-    const auto v = data.find_first_not_of(kWhitespace, eq + 1);
+    const auto v = first_not_ws(data, eq + 1);
     if (v == npos) {
       data.erase(eq + 1);
       value = eq + 1;
@@ -366,9 +407,10 @@ std::unique_ptr<std::istream> Config_File::open(const std::string& filename) {
 bool Config_File::parse(const std::string& filename) {
   if (filename.empty()) return false;
   fname = filename;
-  std::string content;
-  const bool opened = read_whole(filename, content);
-  MemoryLines lines(content.data(), content.data() + content.size(), opened);
+  FileBuffer content;
+  size_t size = 0;
+  const bool opened = read_whole(filename, content, size);
+  MemoryLines lines(content.data(), content.data() + size, opened);
   return parse_lines(
       magix, rmagix, fname, [&] { return lines.good(); }, [&](std::string& text) { lines.next(text); },
       [&](const std::string& text, int number) { store(text, number); });
