@@ -124,7 +124,7 @@ ZQ_CLMUL __attribute__((noinline)) uint32_t crc32_clmul_long(uint32_t r, const u
 // through to their single return.
 ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
   if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
-  if (n < 16) return crc32_slice8(r, p, n);
+  if (n < 16) return n == 0 ? r : crc32_slice8(r, p, n);
   return crc32_clmul_long(r, p, n);
 }
 
@@ -158,7 +158,7 @@ ZQ_VCLMUL256 __attribute__((noinline)) uint32_t crc32_vclmul256_long(uint32_t r,
 // The same short path as crc32_clmul, in the VEX encoding.
 ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
   if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
-  if (n < 16) return crc32_slice8(r, p, n);
+  if (n < 16) return n == 0 ? r : crc32_slice8(r, p, n);
   return crc32_vclmul256_long(r, p, n);
 }
 
