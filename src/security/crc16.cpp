@@ -77,8 +77,7 @@ uint32_t crc16_message_slice8(const uint8_t* p, size_t n) {
 }  // namespace
 
 Crc16Message crc16_message(unsigned features) {
-  // The 512-bit engine gives short messages to the 256-bit one, and mk_crc16
-  // is mostly called on short messages.
+  if ((features & kCrcVclmul) != 0) return crc16_message_vclmul;
   if ((features & kCrcVclmul256) != 0) return crc16_message_vclmul256;
   if ((features & kCrcClmul) != 0) return crc16_message_clmul;
   return crc16_message_slice8;

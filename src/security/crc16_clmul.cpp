@@ -143,4 +143,10 @@ ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n) {
   return crc16_register(short_state(p, n), p, n);
 }
 
+// With AVX-512: the short paths in the VEX encoding, long messages in 512-bit lanes.
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul>(p, n);
+  return crc16_register(short_state(p, n), p, n);
+}
+
 }  // namespace zqdetail

@@ -65,6 +65,7 @@ using Crc16Message = uint32_t (*)(const uint8_t* p, size_t n);
 Crc16Message crc16_message(unsigned features);
 uint32_t crc16_message_clmul(const uint8_t* p, size_t n);
 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n);
+uint32_t crc16_message_vclmul(const uint8_t* p, size_t n);
 
 // mk_crc16 of a message of n >= 2 bytes from `state`, its final 16-bit
 // state. The low 16 bits of the unmasked register are that state; the high 16
