@@ -4,8 +4,11 @@
 # a bench whose peer is missing prints its own figures and says so. Ends with
 # one summary table: work, strongest peer, peer's figure, ours, ratio (ours
 # over the peer: above 1 is better for us), the goal for that ratio and
-# whether it is met, physical bound. A bench whose own check fails (different
-# results or output than its peer's) makes the script fail. Not part of the tests.
+# whether it is met, physical bound. Library functions and their peers are
+# called directly, as a user's program calls them (bench/direct_call.h: through
+# the shared library's PLT, each result consumed, the thread's CPU time). A
+# bench whose own check fails (different results or output than its peer's)
+# makes the script fail. Not part of the tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-bench}
@@ -39,7 +42,7 @@ if [ -x "$apps/stationctl/stationctl" ] && [ -x "$apps/station/station" ]; then
   echo
 fi
 
-echo "== Summary ($(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end: figures from a loaded machine are noisy)"
+echo "== Summary: direct calls ($(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end: figures from a loaded machine are noisy)"
 {
   echo "work|strongest peer|peer|ours|ours/peer|goal|met|physical bound"
   grep '^SUMMARY|' "$results" | cut -d'|' -f2-

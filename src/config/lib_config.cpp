@@ -1,7 +1,13 @@
 // Configuration file: line classification, parsing, queries, editing, output.
 #include "zqcommon/lib_config.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <cstdlib>
@@ -20,10 +26,10 @@
 
 namespace {
 
-const char kWhitespace[] = " \f\t\v\n\r";
 constexpr auto npos = std::string::npos;
 
-// One of kWhitespace (called for every character of a name: no strchr).
+// Whitespace: space, \f, \t, \v, \n or \r (called for every character of a
+// name: no strchr).
 bool is_ws(char c) {
   switch (c) {
     case ' ': case '\f': case '\t': case '\v': case '\n': case '\r':
@@ -31,6 +37,16 @@ bool is_ws(char c) {
     default:
       return false;
   }
+}
+
+// The first character from `from` on that is not whitespace, or npos
+// (a plain loop: the library's find_first_not_of tests each character against
+// the set).
+std::string::size_type first_not_ws(const std::string& s, std::string::size_type from = 0) {
+  for (auto i = from; i < s.size(); ++i) {
+    if (!is_ws(s[i])) return i;
+  }
+  return npos;
 }
 
 // Whether the name of `l` is `name`, exactly or without regard to case.
@@ -41,6 +57,120 @@ bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   if (!ignorecase) return false;
   for (std::string::size_type i = 0; i < name.size(); ++i) {
     if (zqdetail::upper(p[i]) != zqdetail::upper(name[i])) return false;
+  }
+  return true;
+}
+
+// Memory for a file's content straight from the system, not from the heap: a
+// heap block of this size would make the allocator merge all the small blocks
+// freed before (the lines of a configuration destroyed) and then split them
+// again for the lines of this one.
+class FileBuffer {
+ public:
+  FileBuffer() = default;
+  FileBuffer(const FileBuffer&) = delete;
+  FileBuffer& operator=(const FileBuffer&) = delete;
+  ~FileBuffer() {
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+  }
+  char* data() const { return data_; }
+  size_t capacity() const { return capacity_; }
+  // At least `size` bytes, keeping the first `keep`; false when there is no memory.
+  bool reserve(size_t size, size_t keep) {
+    if (size <= capacity_) return true;
+    void* more = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (more == MAP_FAILED) return false;
+    if (keep > 0) std::memcpy(more, data_, keep);
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+    data_ = static_cast<char*>(more);
+    capacity_ = size;
+    return true;
+  }
+
+ private:
+  char* data_ = nullptr;
+  size_t capacity_ = 0;
+};
+
+// The whole content of `filename`, read to its end (a regular file in one
+// read into a buffer of its size; a pipe or a device in growing steps), or
+// false when it cannot be opened; `size` is the number of bytes read.
+bool read_whole(const std::string& filename, FileBuffer& content, size_t& size) {
+  const int fd = ::open(filename.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st {};
+  size_t want = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 64 * 1024;
+  size = 0;
+  for (; content.reserve(want, size); want *= 2) {
+    const size_t capacity = content.capacity();
+    ssize_t n;
+    while (size < capacity && ((n = ::read(fd, content.data() + size, capacity - size)) > 0 || (n < 0 && errno == EINTR))) {
+      if (n > 0) size += static_cast<size_t>(n);
+    }
+    if (size < capacity) break;  // the end (or an error, which ends the file as a stream's would)
+  }
+  ::close(fd);
+  return true;
+}
+
+// The lines of a file in memory, cut exactly as Config_File::readln cuts them
+// from a stream: at most kMaxLine characters, the line feed taken, trailing
+// CRs dropped; a longer line gives its first kMaxLine characters and ends the
+// lines unless only CRs stand before its line feed; after the last line feed
+// comes one more, empty line. good() is a stream's good() after the line.
+class MemoryLines {
+ public:
+  MemoryLines(const char* p, const char* end, bool opened) : p_(p), end_(end), good_(opened) {}
+  bool good() const { return good_; }
+
+  void next(std::string& text) {
+    const size_t left = static_cast<size_t>(end_ - p_);
+    const size_t limit = std::min(left, Config_File::kMaxLine + 1);
+    const auto* feed = limit == 0 ? nullptr : static_cast<const char*>(std::memchr(p_, '\n', limit));
+    if (feed != nullptr) {
+      text.assign(p_, feed);
+      p_ = feed + 1;
+    } else if (left <= Config_File::kMaxLine) {
+      text.assign(p_, end_);  // the last line, without a line feed (or none at all)
+      p_ = end_;
+      good_ = false;
+    } else {
+      text.assign(p_, Config_File::kMaxLine);
+      p_ += Config_File::kMaxLine;
+      while (p_ < end_ && *p_ == '\r') ++p_;
+      if (p_ < end_ && *p_ == '\n') {
+        ++p_;
+      } else {
+        good_ = false;  // really too long, or the end
+      }
+    }
+    while (!text.empty() && text.back() == '\r') text.pop_back();
+  }
+
+ private:
+  const char* p_;
+  const char* end_;
+  bool good_;
+};
+
+// The parse of Config_File::parse: the magic line when one is expected, then
+// every line while the source is good, stored with its number.
+template <class Good, class Read, class Store>
+bool parse_lines(const std::string& magix, std::string& rmagix, const std::string& fname, Good good, Read read,
+                 Store store) {
+  if (!magix.empty()) {
+    read(rmagix);
+    if (rmagix != magix && rmagix.find(magix + " ") == npos) {
+      ZQ_DEBUG(0, "WARNING: No magic (%s) found at beginning of (%s): Skipping!\n", magix.c_str(),
+               fname.c_str());
+      return false;
+    }
+  }
+  ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
+  std::string text;
+  for (int number = 1; good(); ++number) {
+    read(text);
+    store(text, number);
   }
   return true;
 }
@@ -82,7 +212,7 @@ void LineTable::clear() {
 // ------------------------------------------------------------------ LINE
 
 LINE::LINE(const std::string& text, int number) : data(text), line(number) {
-  const auto first = data.find_first_not_of(kWhitespace);
+  const auto first = first_not_ws(data);
   if (first == npos) {
     data.clear();
     return;
@@ -128,7 +258,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
       if (is_ws(data[i])) last_ws = i;
     }
     namelen = (last_ws == npos ? eq : last_ws) - first;
-    const auto v = data.find_first_not_of(kWhitespace, eq + 1);
+    const auto v = first_not_ws(data, eq + 1);
     if (v == npos) {
       data.erase(eq + 1);
       value = eq + 1;
@@ -272,9 +402,18 @@ std::unique_ptr<std::istream> Config_File::open(const std::string& filename) {
   return std::make_unique<std::ifstream>(filename, std::ios::in | std::ios::binary);
 }
 
+// The file is read whole and cut in memory (a stream's getline per line costs
+// more than the rest of the parse); the lines are those of parse(stream).
 bool Config_File::parse(const std::string& filename) {
-  std::unique_ptr<std::istream> in = open(filename);
-  return in != nullptr && parse(*in);
+  if (filename.empty()) return false;
+  fname = filename;
+  FileBuffer content;
+  size_t size = 0;
+  const bool opened = read_whole(filename, content, size);
+  MemoryLines lines(content.data(), content.data() + size, opened);
+  return parse_lines(
+      magix, rmagix, fname, [&] { return lines.good(); }, [&](std::string& text) { lines.next(text); },
+      [&](const std::string& text, int number) { store(text, number); });
 }
 
 std::istream& Config_File::readln(std::istream& in, std::string& text) {
@@ -303,21 +442,9 @@ std::istream& Config_File::readln(std::istream& in, std::string& text) {
 }
 
 bool Config_File::parse(std::istream& in) {
-  if (!magix.empty()) {
-    readln(in, rmagix);
-    if (rmagix != magix && rmagix.find(magix + " ") == npos) {
-      ZQ_DEBUG(0, "WARNING: No magic (%s) found at beginning of (%s): Skipping!\n", magix.c_str(),
-               fname.c_str());
-      return false;
-    }
-  }
-  ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
-  std::string text;
-  for (int number = 1; in.good(); ++number) {
-    readln(in, text);
-    store(text, number);
-  }
-  return true;
+  return parse_lines(
+      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& text) { readln(in, text); },
+      [&](const std::string& text, int number) { store(text, number); });
 }
 
 LINE& Config_File::store(const std::string& text, int number) {

@@ -23,6 +23,7 @@ constexpr Crc16Tables make_crc16_tables() {
       tables.t[k][i] = static_cast<uint16_t>((prev << 8) ^ tables.t[0][prev >> 8]);
     }
   }
+  for (int i = 0; i < 256; ++i) tables.back[tables.t[0][i] & 0xFF] = static_cast<uint8_t>(i);
   return tables;
 }
 
@@ -57,26 +58,34 @@ uint16_t crc16_slice8(uint16_t c, const uint8_t* p, size_t n) {
 
 Crc16Engine crc16_engine(unsigned features) {
   if ((features & kCrcVclmul) != 0) return crc16_vclmul;
+  if ((features & kCrcVclmul256) != 0) return crc16_vclmul256;
   if ((features & kCrcClmul) != 0) return crc16_clmul;
   return crc16_slice8;
 }
 
 }  // namespace zqdetail
 
-// The low 16 bits follow the ordinary CRC-16 state; the high 16 bits of the
-// unmasked register hold the high bytes of the two states before the last. So
-// all but the last two bytes go through the fast 16-bit engine, giving state
-// h; with u = h XOR the last two bytes, the final state is u x^16 mod P and
-// the one before it (u >> 8) x^16 mod P XOR the low byte of h moved up: three
-// independent look-ups instead of two dependent steps.
+namespace zqdetail {
+
+namespace {
+
+uint32_t crc16_message_slice8(const uint8_t* p, size_t n) {
+  if (n < 2) return crc16_bytewise(0xFFFFFFFFu, p, n);
+  return crc16_register(crc16_slice8(0xFFFF, p, n), p, n);
+}
+
+}  // namespace
+
+Crc16Message crc16_message(unsigned features) {
+  if ((features & kCrcVclmul) != 0) return crc16_message_vclmul;
+  if ((features & kCrcVclmul256) != 0) return crc16_message_vclmul256;
+  if ((features & kCrcClmul) != 0) return crc16_message_clmul;
+  return crc16_message_slice8;
+}
+
+}  // namespace zqdetail
+
 uint32_t mk_crc16(const void* data, unsigned int length) {
-  static const zqdetail::Crc16Engine engine = zqdetail::crc16_engine(zqdetail::crc_features());
-  const auto* p = static_cast<const uint8_t*>(data);
-  if (length <= 2) return zqdetail::crc16_bytewise(0xFFFFFFFFu, p, length);
-  const uint32_t head = engine(0xFFFF, p, length - 2);
-  const uint32_t u = head ^ (static_cast<uint32_t>(p[length - 2]) << 8 | p[length - 1]);
-  const auto& t = zqdetail::crc16_tables.t;
-  const uint32_t last = t[1][u >> 8] ^ t[0][u & 0xFF];
-  const uint32_t before = (t[0][u >> 8] ^ head << 8) & 0xFF00;
-  return (head & 0xFF00) << 16 | before << 8 | last;
+  using Chosen = zqdetail::ChosenEngine<zqdetail::Crc16Message, zqdetail::crc16_message>;
+  return Chosen::engine.load(std::memory_order_relaxed)(static_cast<const uint8_t*>(data), length);
 }

@@ -15,6 +15,7 @@ namespace {
 
 constexpr FoldKeys kKeys = {
     {0xfd50, 0xf17e},  // D = 4 x 512
+    {0x36c4, 0x71c4},  // D = 4 x 256
     {0x13fc, 0x8832},  // D = 4 x 128
     {0xcde2, 0x2535},  // D = 384
     {0x8e29, 0x26aa},  // D = 256
@@ -25,19 +26,23 @@ constexpr long long kX64 = 0xb861, kX96 = 0xd849;  // x^64, x^96 mod P
 // The state as a lane: its 16 bits over the first two message bytes.
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i state_lane(uint16_t c) { return _mm_insert_epi16(_mm_setzero_si128(), c, 7); }
 
+// floor(x^80 / P) without its x^64 term, for the Barrett reduction.
+constexpr long long kBarrettMu = 0x11303471a041b343, kPoly = 0x1021;
+
 // X x^16 mod P for a 128-bit polynomial X. The high half, cut in two 32-bit
-// pieces multiplied in parallel, folds onto the low half; the 64-bit result
-// V gives V x^16 mod P, the state after its eight bytes from state 0, with
-// eight independent look-ups in the slicing tables.
+// pieces multiplied in parallel, folds onto the low half, leaving a 64-bit V.
+// Then Barrett: the quotient of V x^16 by P is V + floor(V mu' / x^64) with
+// mu' as above, and as V x^16 ends in 16 zero bits the remainder is the low
+// 16 bits of the quotient's low 16 bits times P.
 ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) {
   const __m128i k = _mm_set_epi64x(kX96, kX64);
   const __m128i top = _mm_clmulepi64_si128(_mm_srli_epi64(x, 32), k, 0x11);
-  const __m128i mid = _mm_clmulepi64_si128(_mm_and_si128(x, _mm_set1_epi64x(0xFFFFFFFF)), k, 0x01);
-  const auto v = static_cast<uint64_t>(_mm_cvtsi128_si64(_mm_xor_si128(_mm_xor_si128(top, mid), x)));
-  const auto& t = crc16_tables.t;
-  return static_cast<uint16_t>(t[7][v >> 56] ^ t[6][(v >> 48) & 0xFF] ^ t[5][(v >> 40) & 0xFF] ^
-                               t[4][(v >> 32) & 0xFF] ^ t[3][(v >> 24) & 0xFF] ^ t[2][(v >> 16) & 0xFF] ^
-                               t[1][(v >> 8) & 0xFF] ^ t[0][v & 0xFF]);
+  const __m128i mid = _mm_clmulepi64_si128(fold::low32(x), k, 0x01);
+  const __m128i v = _mm_xor_si128(_mm_xor_si128(top, mid), x);
+  const __m128i barrett = _mm_set_epi64x(kPoly, kBarrettMu);
+  const __m128i quotient = _mm_xor_si128(v, _mm_srli_si128(_mm_clmulepi64_si128(v, barrett, 0x00), 8));
+  const __m128i low16 = _mm_and_si128(quotient, _mm_cvtsi32_si128(0xFFFF));
+  return static_cast<uint16_t>(_mm_cvtsi128_si32(_mm_clmulepi64_si128(low16, barrett, 0x10)));
 }
 
 uint64_t load_be64(const uint8_t* p) {
@@ -55,7 +60,7 @@ uint32_t load_be32(const uint8_t* p) {
 // A message of 2-15 bytes as one lane (the most significant 64-bit half
 // first), read with overlapping loads that stay inside the message, the
 // state on its first two bytes.
-ZQ_CLMUL __m128i short_lane(uint16_t c, const uint8_t* p, size_t n) {
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i short_lane(uint16_t c, const uint8_t* p, size_t n) {
   uint64_t hi = 0, lo;
   if (n >= 8) {
     const unsigned extra = 8 * static_cast<unsigned>(n - 8);  // bits after the first eight bytes
@@ -75,17 +80,73 @@ ZQ_CLMUL __m128i short_lane(uint16_t c, const uint8_t* p, size_t n) {
   return _mm_set_epi64x(static_cast<long long>(hi), static_cast<long long>(lo));
 }
 
-}  // namespace
-
-ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
-  if (n < 2) return crc16_slice8(c, p, n);
-  if (n < 16) return reduce(short_lane(c, p, n));
+// 128 bytes and more, kept out of line so that the short paths of the engines
+// stay straight code.
+ZQ_CLMUL __attribute__((noinline)) uint16_t crc16_clmul_long(uint16_t c, const uint8_t* p, size_t n) {
   return reduce(fold_lanes<NormalLanes>(state_lane(c), p, n, kKeys));
 }
 
+ZQ_VCLMUL256 __attribute__((noinline)) uint16_t crc16_vclmul256_long(uint16_t c, const uint8_t* p, size_t n) {
+  return reduce(fold_lanes256<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+}  // namespace
+
+// Short messages first: 2-15 bytes as one lane, 16-127 one block after the
+// other.
+ZQ_CLMUL uint16_t crc16_clmul(uint16_t c, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
+  if (n < 2) return crc16_slice8(c, p, n);
+  return crc16_clmul_long(c, p, n);
+}
+
+// The same in the VEX encoding, and 256-bit lanes for long messages.
+ZQ_VCLMUL256 uint16_t crc16_vclmul256(uint16_t c, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 < 14, 1)) return reduce(short_lane(c, p, n));
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<NormalLanes>(state_lane(c), p, n, kKeys));
+  if (n < 2) return crc16_slice8(c, p, n);
+  return crc16_vclmul256_long(c, p, n);
+}
+
 ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
-  if (n < 256) return crc16_clmul(c, p, n);
+  if (n < 256) return crc16_vclmul256(c, p, n);  // short messages in the VEX encoding
   return reduce(fold_lanes512<NormalLanes>(state_lane(c), p, n, kKeys));
+}
+
+namespace {
+
+// The state after a message of 2-127 bytes from 0xFFFF.
+ZQ_CLMUL ZQ_FOLD_INLINE uint16_t short_state(const uint8_t* p, size_t n) {
+  if (n < 16) return reduce(short_lane(0xFFFF, p, n));
+  return reduce(fold_short<NormalLanes>(state_lane(0xFFFF), p, n, kKeys));
+}
+
+// mk_crc16 on messages of other lengths with the engine `state`.
+template <uint16_t (*state)(uint16_t, const uint8_t*, size_t)>
+__attribute__((noinline)) uint32_t message_other(const uint8_t* p, size_t n) {
+  if (n < 2) return crc16_bytewise(0xFFFFFFFFu, p, n);
+  return crc16_register(state(0xFFFF, p, n), p, n);
+}
+
+}  // namespace
+
+// mk_crc16 whole: messages of 2-127 bytes, the common ones, in the short
+// paths, the rest out of line (so that no registers need saving here).
+ZQ_CLMUL uint32_t crc16_message_clmul(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_clmul>(p, n);
+  return crc16_register(short_state(p, n), p, n);
+}
+
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul256>(p, n);
+  return crc16_register(short_state(p, n), p, n);
+}
+
+// With AVX-512: the short paths in the VEX encoding, long messages in 512-bit lanes.
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul>(p, n);
+  return crc16_register(short_state(p, n), p, n);
 }
 
 }  // namespace zqdetail

@@ -76,6 +76,7 @@ namespace {
 
 constexpr FoldKeys kKeys = {
     {0x011542778a, 0x01322d1430},  // D = 4 x 512
+    {0x01e88ef372, 0x014a7fe880},  // D = 4 x 256
     {0x0154442bd4, 0x01c6e41596},  // D = 4 x 128
     {0x003db1ecdc, 0x0174359406},  // D = 384
     {0x00f1da05aa, 0x015a546366},  // D = 256
@@ -91,18 +92,17 @@ ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce(__m128i x) {
   const __m128i k3k4 = fold::keys(kKeys.d128);
   const __m128i k5k0 = _mm_set_epi64x(0, kFold64);
   const __m128i poly = _mm_set_epi64x(kBarrettMu, kBarrettP);
-  const __m128i mask32 = _mm_setr_epi32(~0, 0, ~0, 0);
   // 128 bits to 64 bits.
   __m128i t = _mm_clmulepi64_si128(x, k3k4, 0x10);
   x = _mm_xor_si128(_mm_srli_si128(x, 8), t);
   t = _mm_srli_si128(x, 4);
-  x = _mm_and_si128(x, mask32);
+  x = fold::low32(x);
   x = _mm_clmulepi64_si128(x, k5k0, 0x00);
   x = _mm_xor_si128(x, t);
   // Barrett reduction to 32 bits.
-  t = _mm_and_si128(x, mask32);
+  t = fold::low32(x);
   t = _mm_clmulepi64_si128(t, poly, 0x10);
-  t = _mm_and_si128(t, mask32);
+  t = fold::low32(t);
   t = _mm_clmulepi64_si128(t, poly, 0x00);
   x = _mm_xor_si128(x, t);
   return static_cast<uint32_t>(_mm_extract_epi32(x, 1));
@@ -110,9 +110,22 @@ ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce(__m128i x) {
 
 }  // namespace
 
-ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 16) return crc32_slice8(r, p, n);
+namespace {
+
+// 128 bytes and more, kept out of line so that the short path of the engine
+// stays straight code.
+ZQ_CLMUL __attribute__((noinline)) uint32_t crc32_clmul_long(uint32_t r, const uint8_t* p, size_t n) {
   return reduce(fold_lanes<ReflectedLanes>(register_lane(r), p, n, kKeys));
+}
+
+}  // namespace
+
+// Short messages (16-127 bytes, what protocols checksum) come first and fall
+// through to their single return.
+ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
+  if (n < 16) return n == 0 ? r : crc32_slice8(r, p, n);
+  return crc32_clmul_long(r, p, n);
 }
 
 bool crc32_vclmul_available() {
@@ -122,16 +135,41 @@ bool crc32_vclmul_available() {
 }
 
 ZQ_VCLMUL uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n) {
-  if (n < 256) return crc32_clmul(r, p, n);
+  if (n < 256) return crc32_vclmul256(r, p, n);  // short messages in the VEX encoding
   return reduce(fold_lanes512<ReflectedLanes>(register_lane(r), p, n, kKeys));
 }
 
+bool crc32_vclmul256_available() {
+  static const bool available = crc32_clmul_available() && __builtin_cpu_supports("avx2") &&
+                                __builtin_cpu_supports("vpclmulqdq");
+  return available;
+}
+
+namespace {
+
+// 128 bytes and more, kept out of line so that the short path below stays
+// straight code.
+ZQ_VCLMUL256 __attribute__((noinline)) uint32_t crc32_vclmul256_long(uint32_t r, const uint8_t* p, size_t n) {
+  return reduce(fold_lanes256<ReflectedLanes>(register_lane(r), p, n, kKeys));
+}
+
+}  // namespace
+
+// The same short path as crc32_clmul, in the VEX encoding.
+ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
+  if (__builtin_expect(n - 16 < 112, 1)) return reduce(fold_short<ReflectedLanes>(register_lane(r), p, n, kKeys));
+  if (n < 16) return n == 0 ? r : crc32_slice8(r, p, n);
+  return crc32_vclmul256_long(r, p, n);
+}
+
 unsigned crc_features() {
-  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u);
+  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u) |
+         (crc32_vclmul256_available() ? kCrcVclmul256 : 0u);
 }
 
 Crc32Engine crc32_engine(unsigned features) {
   if ((features & kCrcVclmul) != 0) return crc32_vclmul;
+  if ((features & kCrcVclmul256) != 0) return crc32_vclmul256;
   if ((features & kCrcClmul) != 0) return crc32_clmul;
   return crc32_slice8;
 }
@@ -139,6 +177,6 @@ Crc32Engine crc32_engine(unsigned features) {
 }  // namespace zqdetail
 
 uint32_t mk_crc32(const void* data, unsigned int length) {
-  static const zqdetail::Crc32Engine engine = zqdetail::crc32_engine(zqdetail::crc_features());
-  return engine(0, static_cast<const uint8_t*>(data), length);
+  using Chosen = zqdetail::ChosenEngine<zqdetail::Crc32Engine, zqdetail::crc32_engine>;
+  return Chosen::engine.load(std::memory_order_relaxed)(0, static_cast<const uint8_t*>(data), length);
 }

@@ -24,6 +24,9 @@
 
 #define ZQ_CLMUL __attribute__((target("pclmul,ssse3,sse4.1")))
 #define ZQ_VCLMUL __attribute__((target("avx512f,avx512bw,vpclmulqdq,pclmul,ssse3,sse4.1")))
+// 256-bit carry-less multiplication without AVX-512 (as on AMD Zen 3); also
+// the VEX encoding of the 128-bit helpers for short messages.
+#define ZQ_VCLMUL256 __attribute__((target("avx2,vpclmulqdq,pclmul,ssse3,sse4.1")))
 // Every helper here is inlined into the engine that uses it, so that it is
 // compiled for that engine's instruction set: an out-of-line copy in SSE
 // encoding, called with the upper halves of the 512-bit registers in use,
@@ -37,12 +40,13 @@ struct FoldKeys {
   struct Pair {
     long long lo, hi;
   };
-  Pair d2048, d512, d384, d256, d128;
+  Pair d2048, d1024, d512, d384, d256, d128;
 };
 
 // Bytes as they lie in memory: the lane of a bit-reflected CRC.
 struct ReflectedLanes {
   ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) { return x; }
+  ZQ_VCLMUL256 ZQ_FOLD_INLINE static __m256i order(__m256i x) { return x; }
   ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) { return x; }
 };
 
@@ -50,6 +54,10 @@ struct ReflectedLanes {
 struct NormalLanes {
   ZQ_CLMUL ZQ_FOLD_INLINE static __m128i order(__m128i x) {
     return _mm_shuffle_epi8(x, _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0));
+  }
+  ZQ_VCLMUL256 ZQ_FOLD_INLINE static __m256i order(__m256i x) {
+    const long long lo = 0x08090a0b0c0d0e0f, hi = 0x0001020304050607;
+    return _mm256_shuffle_epi8(x, _mm256_set_epi64x(hi, lo, hi, lo));
   }
   ZQ_VCLMUL ZQ_FOLD_INLINE static __m512i order(__m512i x) {
     const long long lo = 0x08090a0b0c0d0e0f, hi = 0x0001020304050607;
@@ -60,6 +68,10 @@ struct NormalLanes {
 namespace fold {
 
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i keys(FoldKeys::Pair k) { return _mm_set_epi64x(k.hi, k.lo); }
+
+// The low 32 bits of each 64-bit half, by a blend with zero (no constant to
+// build or load).
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i low32(__m128i x) { return _mm_blend_epi16(x, _mm_setzero_si128(), 0xCC); }
 
 ZQ_CLMUL ZQ_FOLD_INLINE __m128i load(const uint8_t* q) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(q)); }
 
@@ -73,6 +85,19 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i step(__m128i x, __m128i k, __m128i next) {
   const __m128i lo = _mm_clmulepi64_si128(x, k, 0x00);
   const __m128i hi = _mm_clmulepi64_si128(x, k, 0x11);
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
+}
+
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i keys256(FoldKeys::Pair k) { return _mm256_set_epi64x(k.hi, k.lo, k.hi, k.lo); }
+
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i step256(__m256i x, __m256i k, __m256i next) {
+  const __m256i lo = _mm256_clmulepi64_epi128(x, k, 0x00);
+  const __m256i hi = _mm256_clmulepi64_epi128(x, k, 0x11);
+  return _mm256_xor_si256(_mm256_xor_si256(hi, lo), next);
+}
+
+template <class Lanes>
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m256i lane256(const uint8_t* q) {
+  return Lanes::order(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)));
 }
 
 ZQ_VCLMUL ZQ_FOLD_INLINE __m512i keys512(FoldKeys::Pair k) {
@@ -92,6 +117,26 @@ ZQ_VCLMUL ZQ_FOLD_INLINE __m512i lane512(const uint8_t* q) {
 
 }  // namespace fold
 
+// Folds the last n < 16 bytes of a message, which end at `end`, onto the
+// lane `x` of the 16 bytes before them, and returns the lane of the message's
+// last 16 bytes. The lane and the tail are the message's last 16 + n bytes.
+// Split them into the first n bytes (after 16 - n leading zeros, which change
+// nothing) and the last 16, read from the buffer where they overlap the bytes
+// already folded, and fold the first onto the last. The shuffles work on bytes
+// in memory order.
+template <class Lanes>
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_tail(__m128i x, const uint8_t* end, size_t n, __m128i k128) {
+  const __m128i mem = Lanes::order(x);
+  const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  const auto shift = static_cast<char>(n);
+  __m128i down = _mm_add_epi8(iota, _mm_set1_epi8(shift));  // byte i from i + n; past 15: zero
+  down = _mm_or_si128(down, _mm_cmpgt_epi8(down, _mm_set1_epi8(15)));
+  const __m128i up = _mm_sub_epi8(iota, _mm_set1_epi8(static_cast<char>(16 - shift)));  // negative: zero
+  const __m128i top = _mm_cmpgt_epi8(iota, _mm_set1_epi8(static_cast<char>(15 - shift)));
+  const __m128i last = _mm_or_si128(_mm_shuffle_epi8(mem, down), _mm_and_si128(fold::load(end - 16), top));
+  return fold::step(Lanes::order(_mm_shuffle_epi8(mem, up)), k128, Lanes::order(last));
+}
+
 // Folds the remaining 16-byte blocks at `p` onto the lane `x`, then the last
 // 0-15 bytes, and returns the lane of the message's last 16 bytes. At least 16
 // bytes of the message lie before `p`.
@@ -104,20 +149,23 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_rest(__m128i x, const uint8_t* p, size_t n,
     n -= 16;
   }
   if (n == 0) return x;
-  // The lane and the tail are the message's last 16 + n bytes. Split them
-  // into the first n bytes (after 16 - n leading zeros, which change nothing)
-  // and the last 16, read from the buffer where they overlap the bytes
-  // already folded, and fold the first onto the last. The shuffles work on
-  // bytes in memory order.
-  const __m128i mem = Lanes::order(x);
-  const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-  const auto shift = static_cast<char>(n);
-  __m128i down = _mm_add_epi8(iota, _mm_set1_epi8(shift));  // byte i from i + n; past 15: zero
-  down = _mm_or_si128(down, _mm_cmpgt_epi8(down, _mm_set1_epi8(15)));
-  const __m128i up = _mm_sub_epi8(iota, _mm_set1_epi8(static_cast<char>(16 - shift)));  // negative: zero
-  const __m128i top = _mm_cmpgt_epi8(iota, _mm_set1_epi8(static_cast<char>(15 - shift)));
-  const __m128i last = _mm_or_si128(_mm_shuffle_epi8(mem, down), _mm_and_si128(fold::load(p + n - 16), top));
-  return fold::step(Lanes::order(_mm_shuffle_epi8(mem, up)), k128, Lanes::order(last));
+  return fold_tail<Lanes>(x, p + n, n, k128);
+}
+
+// A message of 16-127 bytes folded to the lane of its last 16 bytes, `start`
+// XORed onto the first lane, one block after the other: below 128 bytes the
+// four parallel lanes of fold_lanes cost more to set up and join than they
+// save. No jump is taken below 32 bytes but to skip an empty tail.
+template <class Lanes>
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_short(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+  const __m128i k128 = fold::keys(keys.d128);
+  __m128i x = _mm_xor_si128(fold::lane<Lanes>(p), start);
+  if (n >= 32) {
+    x = fold::step(x, k128, fold::lane<Lanes>(p + 16));
+    for (const uint8_t* q = p + 32; q + 16 <= p + n; q += 16) x = fold::step(x, k128, fold::lane<Lanes>(q));
+  }
+  if (n % 16 == 0) return x;
+  return fold_tail<Lanes>(x, p + n, n % 16, k128);
 }
 
 // The whole message of n >= 16 bytes folded to the lane of its last 16 bytes;
@@ -150,6 +198,40 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i fold_lanes(__m128i start, const uint8_t* p, size
 // How far ahead of the 512-bit loop memory is asked for (a hint: reading
 // past the end of the buffer this way never faults).
 constexpr size_t kPrefetchAhead = 2048;
+
+// The same for n >= 128 bytes with four 256-bit lanes (eight 128-bit lanes)
+// over 128-byte blocks.
+template <class Lanes>
+ZQ_VCLMUL256 ZQ_FOLD_INLINE __m128i fold_lanes256(__m128i start, const uint8_t* p, size_t n, const FoldKeys& keys) {
+  const __m256i k1024 = fold::keys256(keys.d1024), k256 = fold::keys256(keys.d256);
+  __m256i x0 = _mm256_xor_si256(fold::lane256<Lanes>(p), _mm256_zextsi128_si256(start));
+  __m256i x1 = fold::lane256<Lanes>(p + 32);
+  __m256i x2 = fold::lane256<Lanes>(p + 64);
+  __m256i x3 = fold::lane256<Lanes>(p + 96);
+  p += 128;
+  n -= 128;
+  while (n >= 128) {
+    _mm_prefetch(reinterpret_cast<const char*>(p) + kPrefetchAhead, _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(p) + kPrefetchAhead + 64, _MM_HINT_T0);
+    x0 = fold::step256(x0, k1024, fold::lane256<Lanes>(p));
+    x1 = fold::step256(x1, k1024, fold::lane256<Lanes>(p + 32));
+    x2 = fold::step256(x2, k1024, fold::lane256<Lanes>(p + 64));
+    x3 = fold::step256(x3, k1024, fold::lane256<Lanes>(p + 96));
+    p += 128;
+    n -= 128;
+  }
+  x0 = fold::step256(x0, k256, x1);
+  x0 = fold::step256(x0, k256, x2);
+  x0 = fold::step256(x0, k256, x3);
+  while (n >= 32) {
+    x0 = fold::step256(x0, k256, fold::lane256<Lanes>(p));
+    p += 32;
+    n -= 32;
+  }
+  // The two 128-bit lanes of x0 lie 128 and 0 bits before the end.
+  const __m128i x = fold::step(_mm256_castsi256_si128(x0), fold::keys(keys.d128), _mm256_extracti128_si256(x0, 1));
+  return fold_rest<Lanes>(x, p, n, keys);
+}
 
 // The same for n >= 256 bytes with four 512-bit lanes (sixteen 128-bit lanes)
 // over 256-byte blocks.

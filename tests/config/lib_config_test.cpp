@@ -6,6 +6,7 @@
 #include "support/scratch_dir.h"
 
 #include <climits>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -131,6 +132,30 @@ TEST(ConfigFile, MagicLineAndLongLines) {
   Config_File crlf = config_from_text(std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21));
   EXPECT_EQ(crlf.get_entry("s", "k", ""), "v");
   EXPECT_EQ(crlf.get_entry("s", "z", ""), std::string("a\0b", 3));
+}
+
+// A named file is read whole and cut in memory: it must give the lines a
+// stream of the same bytes gives, at every edge of the line rules.
+TEST(ConfigFile, FileAndStreamGiveTheSameLines) {
+  ScratchDir dir;
+  const std::string path = dir / "cut.cfg";
+  const std::string fits(1021, 'a'), limit(1023, 'c');
+  const std::string texts[] = {"", "\n", "[s]\nk=v", "[s]\nk=v\n\n", std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21),
+                               "[s]\nk=" + fits + "\nl=" + std::string(1500, 'b') + "\n[after]\n",
+                               "[s]\r\nk=" + fits + "\r\r\nm = 1\r\n", limit, limit + "\n", limit + "\r\r\r\nx=1\n",
+                               limit + "\r\r", limit + "x\n[t]\n", "[s]\rk=v\r"};
+  for (const std::string& text : texts) {
+    for (const std::string magic : {"", "#!m"}) {
+      const std::string bytes = magic.empty() ? text : magic + "\n" + text;
+      std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+      Config_File from_file(path, magic);
+      Config_File from_stream = config_from_text(bytes, true, magic);
+      EXPECT_EQ(from_file.Size(), from_stream.Size()) << bytes.size() << " bytes: " << bytes.substr(0, 40);
+      EXPECT_EQ(written(from_file), written(from_stream)) << bytes.size() << " bytes: " << bytes.substr(0, 40);
+    }
+  }
+  Config_File missing("/nonexistent/zq.cfg", "#!m");
+  EXPECT_EQ(missing.Size(), 0u);
 }
 
 TEST(ConfigFile, EditingKeepsLayout) {

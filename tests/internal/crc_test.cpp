@@ -46,24 +46,29 @@ TEST(Crc, EveryEngineEveryLengthEveryAlignment) {
   std::vector<uint8_t> buffer(kMaxLength + kAlignments);
   for (auto& b : buffer) b = static_cast<uint8_t>(rng());
   const unsigned here = zqdetail::crc_features();
-  for (const unsigned features : {0u, 0u + zqdetail::kCrcClmul, 0u + zqdetail::kCrcVclmul}) {
+  for (const unsigned features : {0u, 0u + zqdetail::kCrcClmul, zqdetail::kCrcClmul | zqdetail::kCrcVclmul256,
+                                  zqdetail::kCrcClmul | zqdetail::kCrcVclmul256 | zqdetail::kCrcVclmul}) {
     if ((features & ~here) != 0) {
       std::printf("note: engine mask %u needs instructions this processor lacks\n", features);
       continue;
     }
     const zqdetail::Crc32Engine crc32 = zqdetail::crc32_engine(features);
     const zqdetail::Crc16Engine crc16 = zqdetail::crc16_engine(features);
+    const zqdetail::Crc16Message whole16 = zqdetail::crc16_message(features);
     for (size_t offset = 0; offset < kAlignments; ++offset) {
       const uint8_t* p = buffer.data() + offset;
       const uint32_t start = 0x9E3779B9u * static_cast<uint32_t>(offset + 1);
       uint32_t want32 = start, want16 = start & 0xFFFF;  // the definitions, one byte further each round
+      uint32_t register16 = 0xFFFFFFFFu;                  // mk_crc16's unmasked register
       for (size_t length = 0; length <= kMaxLength; ++length) {
         ASSERT_EQ(crc32(start, p, length), want32) << features << ": " << length << "+" << offset;
         ASSERT_EQ(crc16(static_cast<uint16_t>(start), p, length), want16 & 0xFFFF)
             << features << ": " << length << "+" << offset;
+        ASSERT_EQ(whole16(p, length), register16) << features << ": " << length << "+" << offset;
         if (length == kMaxLength) break;
         want32 = zqdetail::crc32_bytewise(want32, p + length, 1);
         want16 = zqdetail::crc16_bytewise(want16, p + length, 1);
+        register16 = zqdetail::crc16_bytewise(register16, p + length, 1);
       }
     }
   }
