@@ -173,22 +173,22 @@ void FieldDevices::BindPoints(StationPoints& points) {
 }
 
 void FieldDevices::Poll() {
-  std::deque<std::pair<bool, std::string>> events;
+  std::deque<Event> events;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     events.swap(events_);
-    if (points_) {
-      for (std::vector<Slot>* list : {&faults_, &values_}) {
-        for (Slot& slot : *list) {
-          if (!slot.fresh || slot.point < 0) continue;
-          slot.fresh = false;
-          points_->table.Update(static_cast<size_t>(slot.point), slot.value, slot.time_us,
-                                slot.good ? zqpoints::Quality::Good : zqpoints::Quality::DeviceFault);
-        }
-      }
+    for (Slot& slot : values_) {
+      if (!points_ || !slot.fresh || slot.point < 0) continue;
+      slot.fresh = false;
+      points_->table.Update(static_cast<size_t>(slot.point), slot.value, slot.time_us,
+                            slot.good ? zqpoints::Quality::Good : zqpoints::Quality::DeviceFault);
     }
   }
-  for (const auto& e : events) log_.Add(e.first ? elog_ERROR : elog_INFO, 0, "%s", e.second.c_str());
+  for (const Event& e : events) {
+    log_.Add(e.faulted ? elog_ERROR : elog_INFO, 0, "%s", e.text.c_str());
+    if (points_ && e.device < faults_.size() && faults_[e.device].point >= 0)
+      points_->table.Update(static_cast<size_t>(faults_[e.device].point), e.faulted ? 1 : 0, e.time_us);
+  }
 }
 
 void FieldDevices::Deliver(const zqdevices::DeviceValue& v) {
@@ -212,14 +212,9 @@ void FieldDevices::StateChanged(const std::string& device, bool faulted, const s
   const int64_t now = std::chrono::duration_cast<std::chrono::microseconds>(
                           std::chrono::system_clock::now().time_since_epoch()).count();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (found != slot_of_.end()) {
-    Slot& slot = faults_[found->second.first];
-    slot.value = faulted ? 1 : 0;
-    slot.time_us = now;
-    slot.fresh = true;
-  }
   if (events_.size() < 256)
-    events_.emplace_back(faulted, "device " + device + (faulted ? " fault: " : " recovered: ") + reason);
+    events_.push_back(Event{faulted, found != slot_of_.end() ? found->second.first : faults_.size(), now,
+                            "device " + device + (faulted ? " fault: " : " recovered: ") + reason});
 }
 
 std::string FieldDevices::List() {

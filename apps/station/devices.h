@@ -35,8 +35,9 @@ struct Session;
 // Every mapped value is also a process point ("DEVICE.VALUE", or the point a
 // [Point.DEVICE.VALUE] section declared), and every device has a point
 // "DEVICE.fault" (1 while faulted, alarm above 0.5). Device threads leave the
-// newest value of each in a slot under one mutex (no allocation); Poll()
-// moves the fresh slots into the point table on the main thread, which owns it.
+// newest value of each in a slot under one mutex (no allocation) and their
+// faults in the event queue; Poll() moves both into the point table on the
+// main thread, which owns it.
 class FieldDevices : public zqdevices::ValueSink {
  public:
   FieldDevices(Config_File& cfg, Log& log);
@@ -71,7 +72,14 @@ class FieldDevices : public zqdevices::ValueSink {
   std::unique_ptr<zqdevices::ModbusServer> server_;
   unsigned int image_bytes_ = 0;
   std::mutex mutex_;  // guards what the device threads leave for the main thread
-  std::deque<std::pair<bool, std::string>> events_;
+  // A device's fault or recovery, kept in order so that no transition is lost.
+  struct Event {
+    bool faulted;
+    size_t device;    // index in faults_, or faults_.size() for an unknown name
+    int64_t time_us;
+    std::string text;
+  };
+  std::deque<Event> events_;
   // The newest value of one mapped value (or of a device's fault state).
   struct Slot {
     std::string name, unit;  // "device.value"
@@ -81,7 +89,7 @@ class FieldDevices : public zqdevices::ValueSink {
     int point = -1;  // in the bound point table
   };
   std::vector<Slot> values_;  // every mapped value, in the devices' order
-  std::vector<Slot> faults_;  // one per device: value 1 while faulted
+  std::vector<Slot> faults_;  // one per device (its point "DEVICE.fault")
   // device name -> its index and value name -> slot index
   std::map<std::string, std::pair<size_t, std::map<std::string, size_t>>> slot_of_;
   StationPoints* points_ = nullptr;
