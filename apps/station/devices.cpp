@@ -5,10 +5,12 @@
 #include <zqcommon/lib_config.h>
 #include <zqcommon/mysocket.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
 
+#include "points.h"
 #include "station.h"
 
 namespace station {
@@ -61,6 +63,14 @@ bool FieldDevices::Attach(SensorTask& task, const std::string& acl, std::string&
   if (!load_devices(cfg_, configs, why)) return false;
   image_bytes_ = kBoardBytes;
   for (const zqdevices::DeviceConfig& c : configs) {
+    auto& slots = slot_of_[c.name];
+    slots.first = faults_.size();
+    faults_.push_back(Slot{c.name + ".fault", "", 0, 0, true, false, -1});
+    for (const zqdevices::DevicePoint& p : c.points) {
+      if (p.io_bit >= 0) continue;  // image bits are not delivered as values
+      slots.second[p.name] = values_.size();
+      values_.push_back(Slot{c.name + "." + p.name, p.unit, 0, 0, false, false, -1});
+    }
     devices_.push_back(std::make_unique<zqdevices::ModbusDevice>(c, this));
     if (device_bytes(c) == 0) continue;
     if (!task.AddHandler(devices_.back()->Io())) {
@@ -127,28 +137,84 @@ void FieldDevices::Stop() {
   for (auto& d : devices_) d->Stop();
 }
 
+void FieldDevices::BindPoints(StationPoints& points) {
+  const int64_t now = points.clock.NowUtcUs();
+  auto bind = [&](Slot& slot, zqpoints::PointConfig c) {
+    slot.point = points.table.Find(slot.name);  // a [Point.NAME] section comes first
+    std::string why;
+    if (slot.point < 0) {
+      c.name = slot.name;
+      slot.point = points.table.Add(c, &why);
+    }
+    if (slot.point < 0) log_.Add(elog_ERROR, 0, "device point %s: %s", slot.name.c_str(), why.c_str());
+    else if (points.table[slot.point].config().unit != c.unit)
+      log_.Add(elog_WARN, 0, "[Point.%s] Unit = %s, but the device map says %s", slot.name.c_str(),
+               points.table[slot.point].config().unit.c_str(), c.unit.c_str());
+  };
+  for (Slot& slot : values_) {
+    zqpoints::PointConfig c;
+    c.unit = slot.unit;
+    c.description = "device value " + slot.name;
+    bind(slot, c);
+  }
+  for (Slot& slot : faults_) {
+    const std::string device = slot.name.substr(0, slot.name.size() - sizeof ".fault" + 1);
+    zqpoints::PointConfig c;
+    c.description = "1 while device " + device + " does not answer";
+    c.guidance = "check the device's power, wiring and address, then: device recover " + device;
+    c.display_low = 0;
+    c.display_high = 1;
+    c.hi = 0.5;
+    c.hi_severity = zqpoints::Severity::High;
+    bind(slot, c);
+    if (slot.point >= 0) points.table.Update(static_cast<size_t>(slot.point), 0, now);
+  }
+  points_ = &points;
+}
+
 void FieldDevices::Poll() {
-  std::deque<std::pair<bool, std::string>> events;
+  std::deque<Event> events;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     events.swap(events_);
+    for (Slot& slot : values_) {
+      if (!points_ || !slot.fresh || slot.point < 0) continue;
+      slot.fresh = false;
+      points_->table.Update(static_cast<size_t>(slot.point), slot.value, slot.time_us,
+                            slot.good ? zqpoints::Quality::Good : zqpoints::Quality::DeviceFault);
+    }
   }
-  for (const auto& e : events) log_.Add(e.first ? elog_ERROR : elog_INFO, 0, "%s", e.second.c_str());
+  for (const Event& e : events) {
+    log_.Add(e.faulted ? elog_ERROR : elog_INFO, 0, "%s", e.text.c_str());
+    if (points_ && e.device < faults_.size() && faults_[e.device].point >= 0)
+      points_->table.Update(static_cast<size_t>(faults_[e.device].point), e.faulted ? 1 : 0, e.time_us);
+  }
 }
 
 void FieldDevices::Deliver(const zqdevices::DeviceValue& v) {
   if (server_) server_->Deliver(v);
+  const auto device = slot_of_.find(v.device);
+  if (device == slot_of_.end()) return;
+  const auto value = device->second.second.find(v.name);
+  if (value == device->second.second.end()) return;
+  const int64_t time_us =
+      std::chrono::duration_cast<std::chrono::microseconds>(v.time.time_since_epoch()).count();
   std::lock_guard<std::mutex> lock(mutex_);
-  Latest& l = latest_[v.device + "." + v.name];
-  l.value = v.value;
-  if (l.unit != v.unit) l.unit = v.unit;
-  l.good = v.quality == zqdevices::Quality::good;
+  Slot& slot = values_[value->second];
+  slot.value = v.value;
+  slot.time_us = time_us;
+  slot.good = v.quality == zqdevices::Quality::good;
+  slot.fresh = true;
 }
 
 void FieldDevices::StateChanged(const std::string& device, bool faulted, const std::string& reason) {
+  const auto found = slot_of_.find(device);
+  const int64_t now = std::chrono::duration_cast<std::chrono::microseconds>(
+                          std::chrono::system_clock::now().time_since_epoch()).count();
   std::lock_guard<std::mutex> lock(mutex_);
   if (events_.size() < 256)
-    events_.emplace_back(faulted, "device " + device + (faulted ? " fault: " : " recovered: ") + reason);
+    events_.push_back(Event{faulted, found != slot_of_.end() ? found->second.first : faults_.size(), now,
+                            "device " + device + (faulted ? " fault: " : " recovered: ") + reason});
 }
 
 std::string FieldDevices::List() {
@@ -162,9 +228,10 @@ std::string FieldDevices::List() {
     out << "\r\n";
   }
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& v : latest_)
-    out << "  " << v.first << " = " << v.second.value << (v.second.unit.empty() ? "" : " ") << v.second.unit
-        << (v.second.good ? "" : " (device fault)") << "\r\n";
+  for (const Slot& v : values_)
+    if (v.time_us != 0)
+      out << "  " << v.name << " = " << v.value << (v.unit.empty() ? "" : " ") << v.unit
+          << (v.good ? "" : " (device fault)") << "\r\n";
   return out.str();
 }
 

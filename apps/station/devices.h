@@ -7,6 +7,7 @@
 #include <zqdevices/ModbusDevice.h>
 #include <zqdevices/ModbusServer.h>
 
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -20,6 +21,7 @@ class CLI;
 namespace station {
 
 class SensorTask;
+class StationPoints;
 struct Session;
 
 // Owns the devices and the server. The devices' handlers join the task's
@@ -29,6 +31,13 @@ struct Session;
 // their state changes wait in a queue for Poll() on the main thread, which
 // logs them (the log is not shared across threads). Declare it before the
 // Station, so that the task stops before the devices go.
+//
+// Every mapped value is also a process point ("DEVICE.VALUE", or the point a
+// [Point.DEVICE.VALUE] section declared), and every device has a point
+// "DEVICE.fault" (1 while faulted, alarm above 0.5). Device threads leave the
+// newest value of each in a slot under one mutex (no allocation) and their
+// faults in the event queue; Poll() moves both into the point table on the
+// main thread, which owns it.
 class FieldDevices : public zqdevices::ValueSink {
  public:
   FieldDevices(Config_File& cfg, Log& log);
@@ -41,7 +50,11 @@ class FieldDevices : public zqdevices::ValueSink {
   bool Start(std::string& why);
   // Writes the safe states and stops; the task must have stopped.
   void Stop();
-  // Main thread: logs the state changes that came from the devices.
+  // Makes or finds the points of the devices' values and faults in
+  // `points` (after Attach, before Start); they are updated from then on.
+  void BindPoints(StationPoints& points);
+  // Main thread: logs the state changes that came from the devices and
+  // moves the newest values into the points.
   void Poll();
 
   // The `device` command's texts.
@@ -59,13 +72,27 @@ class FieldDevices : public zqdevices::ValueSink {
   std::unique_ptr<zqdevices::ModbusServer> server_;
   unsigned int image_bytes_ = 0;
   std::mutex mutex_;  // guards what the device threads leave for the main thread
-  std::deque<std::pair<bool, std::string>> events_;
-  struct Latest {
-    double value = 0;
-    std::string unit;
-    bool good = false;
+  // A device's fault or recovery, kept in order so that no transition is lost.
+  struct Event {
+    bool faulted;
+    size_t device;    // index in faults_, or faults_.size() for an unknown name
+    int64_t time_us;
+    std::string text;
   };
-  std::map<std::string, Latest> latest_;  // "device.point"
+  std::deque<Event> events_;
+  // The newest value of one mapped value (or of a device's fault state).
+  struct Slot {
+    std::string name, unit;  // "device.value"
+    double value = 0;
+    int64_t time_us = 0;
+    bool good = false, fresh = false;
+    int point = -1;  // in the bound point table
+  };
+  std::vector<Slot> values_;  // every mapped value, in the devices' order
+  std::vector<Slot> faults_;  // one per device (its point "DEVICE.fault")
+  // device name -> its index and value name -> slot index
+  std::map<std::string, std::pair<size_t, std::map<std::string, size_t>>> slot_of_;
+  StationPoints* points_ = nullptr;
 };
 
 // The active FieldDevices (set while one lives), for the commands.

@@ -310,6 +310,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     std::fprintf(stderr, "station: %s\n", field_why.c_str());
     return 2;
   }
+  field.BindPoints(*st.points);
   st.task.Start(nullptr);
   for (int i = 0; i < 2000 && st.task.CycleCount() == 0 && st.task.thread::IsRunning(); ++i) usleep(1000);
   if (st.task.CycleCount() == 0) {

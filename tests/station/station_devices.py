@@ -78,6 +78,10 @@ TimeoutMs = 300
 BackoffMs = 100
 Point.flow = input 0 scale=0.01 unit=m3/h
 
+[Point.tank.temp]
+Unit = degC
+Hi = 20
+
 [ModbusServer]
 Listen = 127.0.0.1:{server}
 WritableCoils = 64
@@ -143,16 +147,34 @@ def main():
     check(not st.write_coil(64, True).isError(), "the writable coil is written")
     check(eventually(lambda: peer.read_coils(3, 1).bits[0] is True), "the device's coil follows")
 
-    # The TCP device stops answering: fault, logged; recovery by command
-    # writes the safe state first.
+    # The values are process points; [Point.tank.temp] gave one of them limits.
+    points = ask("points")
+    check(re.search(r"tank\.level = 123\.4 m, good", points) and re.search(r"meter\.flow = 5 m3/h, good", points)
+          and "tank.fault = 0 , good" in points, "device values and faults are points", points)
+    check(re.search(r"tank\.temp = 21\.5 degC, good, age [\d.]+ s, active-unacked \(HI medium\)", points),
+          "a device value alarms at the limit its [Point] section declares", points)
+
+    # The TCP device stops answering: fault, logged, a process alarm;
+    # recovery by command writes the safe state first.
     tank = children[0]
     tank.send_signal(signal.SIGSTOP)
     check(eventually(lambda: "tank: FAULT" in ask("device")), "a silent device faults", ask("device"))
+    check(eventually(lambda: re.search(r"tank\.level = 123\.4 m, device-fault", ask("points"))),
+          "its values turn to device fault", ask("points"))
+    check(re.search(r"tank\.fault = 1 , good, age [\d.]+ s, active-unacked \(HI high\)", ask("alarms")),
+          "the fault is an alarm", ask("alarms"))
     check("meter.flow = 5 m3/h" in ask("device") and "meter.flow = 5 m3/h (device fault)" not in ask("device"),
           "the other device keeps its values")
+    check(re.search(r"meter\.flow = 5 m3/h, good", ask("points")), "and its points stay good")
     tank.send_signal(signal.SIGCONT)
     check("recovery asked for" in ask("device recover tank"), "device recover tank")
     check(eventually(lambda: "tank: running" in ask("device")), "the device recovers", ask("device"))
+    check(eventually(lambda: re.search(r"tank\.level = 123\.4 m, good", ask("points"))), "its values are good again")
+    check(eventually(lambda: "tank.fault" not in ask("alarms")), "the fault alarm has cleared", ask("alarms"))
+    history = ask("alarm-history")
+    check(re.search(r"tank\.fault raise normal -> active-unacked, HI high, value 1\b", history)
+          and re.search(r"tank\.fault clear active-unacked -> normal, normal", history),
+          "the journal holds the fault and the recovery", history)
     check(eventually(lambda: peer.read_coils(3, 1).bits[0] is False), "the safe state was written")
     check("is not faulted" in ask("device recover tank"), "recover on a running device is refused")
 
