@@ -12,7 +12,7 @@
 #include "support/cli_session.h"
 #include "support/scratch_dir.h"
 
-// (The common keys, as a network client sends them, are scripts/cli_keys.py's
+// (The common keys, as a network client sends them, are tests/station/cli_keys.py's
 // cases; these are the other forms and the edges.)
 TEST(CLIEditor, KeySequencesLeaveLineAndCursor) {
   const struct { const char* keys; const char* line; size_t cursor; } kCases[] = {
@@ -138,7 +138,7 @@ TEST(CLIEditor, HelpShowsUsageAndWhatEachLevelMayDoAndOnlyWhatTheSessionMayRun) 
   e.type("con\t\x03");  // nor completed
   EXPECT_EQ(e.screen().find("config"), std::string::npos);  // beyond the session's level
   // (The rows derived from the rules, and a command beyond the level being
-  // unknown to help, are checked over the network by scripts/cli_keys.py.)
+  // unknown to help, are checked over the network by tests/station/cli_keys.py.)
   e.cli->SetSessionLevel(2);
   e.ed->SetLevelTexts("io", {{"viewer", "io, io get"}});  // given rows replace the derived ones
   const std::string rows = e.type("help config io\r");
