@@ -22,6 +22,8 @@ import sys
 import tempfile
 import time
 
+from station_client import no_secrets
+
 # A prompt on a line of its own (a redraw after Ctrl-C is not one).
 PROMPT = re.compile(rb"(\A|\n)\r?\w+(:/[#>]|>) (\x1b\[J)?\Z")
 # keys -> what `echo` answers when the edited line runs
@@ -186,6 +188,8 @@ def main():
                 station(os.path.abspath(sys.argv[2]), sys.argv[3], work)
             except OSError as e:  # the station closed a session it should have kept (ssl errors too)
                 failures.append("station: %r" % e)
+            no_secrets(lambda ok, what, detail="": ok or failures.append("%s: %s" % (what, detail)),
+                       work, ["ada-pw", "vic-pw"])
     finally:
         shutil.rmtree(work)
     for f in failures:

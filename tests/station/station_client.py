@@ -18,14 +18,16 @@ class Checks:
         self.count += 1
 
 
-def no_secrets(check, folder, secrets):
-    """No password a script used in any file the stations under `folder`
-    wrote (logs with their audit lines, history files, dumps, their output),
-    the users files and TLS keys aside."""
+def no_secrets(check, folder, secrets, ignore=()):
+    """No password a script used in any file the stations and clients under
+    `folder` wrote (logs with their audit lines, history files, dumps, their
+    output), the users files, TLS keys and the files named in `ignore` (the
+    script's own password files) aside."""
     for root, _, names in os.walk(folder):
         for name in names:
             path = os.path.join(root, name)
-            if name.endswith(".users") or os.path.basename(root) == "tls" or not os.path.isfile(path):
+            if (name.endswith(".users") or os.path.basename(root).startswith("tls") or name in ignore
+                    or not os.path.isfile(path)):
                 continue
             text = open(path, "rb").read()
             for secret in secrets:

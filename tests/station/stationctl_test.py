@@ -26,7 +26,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, listening_port  # noqa: E402
+from station_client import Checks, listening_port, no_secrets  # noqa: E402
 
 WORK = tempfile.mkdtemp(prefix="stationctl-")
 HOME = os.path.join(WORK, "home")
@@ -284,6 +284,8 @@ def main():
     finally:
         proc.send_signal(signal.SIGTERM)
         proc.wait(timeout=30)
+    # Logs, audit lines, the client's history and known-stations files: no password anywhere.
+    no_secrets(check, WORK, [n + "#pw" for n in ("vic", "otto", "ada", "carol")], ignore=("pw",))
     shutil.rmtree(WORK, ignore_errors=True)
     print("stationctl: %d checks passed" % check.count)
 
