@@ -38,6 +38,7 @@ namespace zqdevices {
 class ZQ_EXPORT ModbusDevice {
  public:
   enum State { stopped, running, faulted };
+  /// Counters of the device's polling since Start(), read with GetStats().
   struct Stats {
     uint64_t polls = 0;      // completed polls
     uint64_t failures = 0;   // failed requests (each try)

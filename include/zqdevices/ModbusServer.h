@@ -62,6 +62,8 @@ struct ZQ_EXPORT ModbusServerConfig {
 class ZQ_EXPORT ModbusServer : public ValueSink {
  public:
   using PeerCheck = std::function<bool(const std::string& address)>;
+  /// Counters of the server since Start(): requests answered, exception
+  /// answers, connections refused (access list or cap) and writes applied.
   struct Stats {
     uint64_t requests = 0, exceptions = 0, refused_connections = 0, writes = 0;
   };
