@@ -14,6 +14,7 @@
 
 #include "support/child_process.h"
 #include "support/eventually.h"
+#include "support/loopback.h"
 #include "support/scratch_dir.h"
 
 #include <chrono>
@@ -29,20 +30,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-int free_port() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  close(s);
-  return ntohs(a.sin_port);
-}
-
 struct TcpPeer {
-  int port = free_port();
+  int port = free_local_port();
   ChildProcess child{{"/usr/bin/python3", ZQ_MODBUS_PEER, "--tcp", std::to_string(port)}};
   // A plain libmodbus client beside the device under test, to see the coils.
   modbus_t* probe = modbus_new_tcp("127.0.0.1", port);
@@ -211,7 +200,7 @@ TEST(ModbusDevice, DeadDeviceFaultsAloneAndRecovers) {
 
 TEST(ModbusDevice, AutomaticRecoveryWithBackOff) {
   // Nothing listens yet: the device faults at once and keeps retrying.
-  const int port = free_port();
+  const int port = free_local_port();
   Recorder sink;
   ModbusDevice dev(config_of("[Device.late]\nUrl = modbus-tcp://127.0.0.1:" + std::to_string(port) +
                                  "\nPeriodMs = 20\nBackoffMs = 50\nBackoffMaxMs = 200\nPoint.level = holding 0\n",

@@ -1,4 +1,4 @@
-// Test helper: a plain TCP client socket connected to 127.0.0.1.
+// Test helpers: a free port and a plain TCP client socket on 127.0.0.1.
 #ifndef ZQ_TESTS_LOOPBACK_H
 #define ZQ_TESTS_LOOPBACK_H
 
@@ -6,6 +6,19 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+// A TCP port on 127.0.0.1 that was free a moment ago (for peers a test starts).
+inline int free_local_port() {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  close(s);
+  return ntohs(a.sin_port);
+}
 
 // The connected descriptor, or -1 after 100 attempts 10 ms apart. With
 // `from`, the client's end is bound to that loopback address first.
