@@ -68,10 +68,15 @@ std::string read_all(const std::string& path, bool& ok) {
   return s.str();
 }
 
+// What the reader answers for an entry that is not there: a line end, which
+// no value read from a line can hold (any other text, "\x01" too, can be a
+// value).
+const char kAbsent[] = "\n";
+
 std::string value_in(const std::string& text, const std::string& section, const std::string& key) {
   std::istringstream in(text);
   Config_File file(in);
-  return file.get_entry(section, key, "\x01");
+  return file.get_entry(section, key, kAbsent);
 }
 
 }  // namespace
@@ -88,7 +93,7 @@ std::string Config_Edit::Apply(const std::string& text, const std::string& secti
   Config_File file(in);
   if (file.has_section(section)) {
     int line = 0;
-    if (file.get_entry(section, key, "\x01", nullptr, &line) != "\x01" && line >= 1 &&
+    if (file.get_entry(section, key, kAbsent, nullptr, &line) != kAbsent && line >= 1 &&
         static_cast<size_t>(line) <= lines.size()) {
       lines[static_cast<size_t>(line) - 1].body = replaced(lines[static_cast<size_t>(line) - 1].body, value);
     } else {
@@ -145,7 +150,7 @@ Config_Edit::Result Config_Edit::Save(std::string* why) {
       if (then != there) {
         if (why != nullptr) {
           *why = Format("%s.%s was changed in %s since it was read (now '%s'); not saved", c.section.c_str(),
-                        c.key.c_str(), path_.c_str(), there == "\x01" ? "" : there.c_str());
+                        c.key.c_str(), path_.c_str(), there == kAbsent ? "" : there.c_str());
         }
         return kConflict;
       }
