@@ -151,6 +151,7 @@ struct WebSocketClient {
   bool io = false;
   std::vector<std::string> wanted;  // names asked for, resolved by the main thread
   bool fresh = false;               // a new subscription waits
+  unsigned int last_io = ~0u;       // the I/O byte last sent (main thread)
   std::thread writer;
 };
 
@@ -186,7 +187,6 @@ struct WebServer::Impl {
   std::vector<char> watched;
   std::vector<WebSample> samples;
   long long last_batch_ms = 0;
-  unsigned int last_io = ~0u;
 
   // --- server threads
   bool post(const std::shared_ptr<WebJob>& job);
@@ -533,6 +533,7 @@ void WebServer::Impl::batch() {
       std::lock_guard<std::mutex> lock(c->m);
       if (c->fresh) {
         c->fresh = false;
+        c->last_io = ~0u;  // a new subscription gets the bits at once
         c->points.clear();
         for (const auto& name : c->wanted) {
           const int i = table.Find(name);
@@ -547,13 +548,13 @@ void WebServer::Impl::batch() {
       out.push_back(json::array({table[static_cast<size_t>(s.point)].name(), s.t_us, s.value}));
     }
     if (!out.empty()) push(*c, dump(json{{"type", "samples"}, {"samples", out}}));
-    if (c->io && io != last_io) {
+    if (c->io && io != c->last_io) {
+      c->last_io = io;
       json bits = json::object();
       for (const auto& b : bit_names()) bits[b.first] = (io >> b.second) & 1u;
       push(*c, dump(json{{"type", "io"}, {"t_us", st.last.time_us}, {"bits", bits}}));
     }
   }
-  last_io = now.empty() ? ~0u : io;
   samples.clear();
 }
 
