@@ -75,7 +75,7 @@ const char kDygraphs[] = "/usr/share/javascript/dygraphs/";
 const char kSecurityHeaders[] =
     "Content-Security-Policy: default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
     "connect-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'\r\n"
-    "X-Content-Type-Options: nosniff\r\nReferrer-Policy: no-referrer\r\n";
+    "X-Content-Type-Options: nosniff\r\nReferrer-Policy: same-origin\r\n";
 
 long long now_ms() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
