@@ -804,9 +804,13 @@ bool WebServer::Start(std::string& error) {
     if (impl_->chained) impl_->chained(r);
     OnRecord(r);
   };
-  m.st.log.Add(elog_INFO, 0, "web page on https://%s/ from %s%s", w.Listen.c_str(), m.root.c_str(),
+  // The port bound (Web.Listen may ask for any free one with port 0).
+  mg_server_port bound{};
+  const int port = mg_get_server_ports(m.ctx, 1, &bound) == 1 ? bound.port : 0;
+  const std::string host = w.Listen.substr(0, colon);
+  m.st.log.Add(elog_INFO, 0, "web page on https://%s:%d/ from %s%s", host.c_str(), port, m.root.c_str(),
                filled != 0 ? "" : " (civetweb's peer certificate look-up was not found to fill)");
-  std::printf("web https://%s/\r\n", w.Listen.c_str());
+  std::printf("web port %d\r\n", port);
   std::fflush(stdout);
   return true;
 }
