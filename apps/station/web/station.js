@@ -76,13 +76,31 @@ const zq = {
   },
 };
 
-document.addEventListener('DOMContentLoaded', () => {
-  const logout = document.getElementById('logout');
-  if (logout) {
-    logout.addEventListener('click', async () => {
-      await zq.post('/api/logout');
-      window.location.href = '/login.html';
-    });
+// The navigation, the user and the logout button at the top of every page.
+function header() {
+  const top = document.getElementById('top');
+  const nav = document.createElement('nav');
+  for (const [id, href, text] of [['overview', '/index.html', 'Overview'], ['trend', '/trend.html', 'Trend'],
+    ['alarms', '/alarms.html', 'Alarms'], ['io', '/io.html', 'I/O'], ['settings', '/settings.html', 'Settings'],
+    ['downloads', '/downloads.html', 'Downloads']]) {
+    const a = zq.el('a', text);
+    a.id = 'nav-' + id;
+    a.href = href;
+    nav.appendChild(a);
   }
+  top.appendChild(nav);
+  const who = zq.el('span');
+  who.id = 'whoami';
+  top.appendChild(who);
+  const logout = zq.button('Log out', '', async () => {
+    await zq.post('/api/logout');
+    window.location.href = '/login.html';
+  });
+  logout.id = 'logout';
+  top.appendChild(logout);
+}
+
+document.addEventListener('DOMContentLoaded', () => {
+  header();
   zq.load().catch((e) => console.warn(e));
 });
