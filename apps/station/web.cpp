@@ -576,6 +576,11 @@ void WebServer::Impl::run(WebJob& job) {
   StationPoints& sp = *st.points;
   const zqpoints::PointTable& table = sp.table;
   const int64_t now_us = sp.clock.NowUtcUs();
+  if (job.kind == WebJob::kCommand || job.kind == WebJob::kTraceCsv) {
+    // The level the users file gives now: a lowered or removed user acts at
+    // once at the new level (as MQTT requests do), not at the login's.
+    who.level = std::min(who.level, static_cast<int>(ZQSecurity::UserLevel(st.settings.UsersFile, s.user)));
+  }
   switch (job.kind) {
     case WebJob::kLogin:
       break;  // started by Poll
