@@ -123,7 +123,8 @@ int fill_peer_certificate(dl_phdr_info* info, size_t, void* data) {
 
 // One request handed to the main loop, and its answer.
 struct WebJob {
-  enum Kind { kLogin, kCommand, kPoints, kAlarms, kHistory, kStatus, kIo, kSettings, kTraceCsv, kHistoryCsv, kAudit };
+  enum Kind { kLogin, kCommand, kPoints, kAlarms, kHistory, kStatus, kIo, kSettings, kTraceCsv, kHistoryCsv, kAudit,
+              kLog };
   Kind kind = kStatus;
   web::WebSession session;  // the caller (a login: only its peer)
   std::string a, b;         // login: user, password; command: line; history: since, until; audit: text
@@ -398,6 +399,8 @@ int WebServer::Impl::handle(mg_connection* c) {
     job->b = q.count("until") ? q.at("until") : "";
   } else if (uri == "/api/status") {
     job->kind = WebJob::kStatus;
+  } else if (uri == "/api/log") {
+    job->kind = WebJob::kLog;
   } else if (uri == "/api/io") {
     job->kind = WebJob::kIo;
   } else if (uri == "/api/settings") {
@@ -677,6 +680,23 @@ void WebServer::Impl::run(WebJob& job) {
                            {"cycle_avg_us", t.AvgCycleLength() / 1000.0},
                            {"cycle_max_us", t.MaxCycleLength() / 1000.0},
                            {"overruns", static_cast<long long>(cs.overruns)}});
+      break;
+    }
+    case WebJob::kLog: {  // the newest entries of the in-memory log, newest first
+      // Audit lines name users and addresses: for those who may change the settings.
+      if (!remote_may_run(st, s.level, "config save")) {
+        job.status = 403;
+        job.body = "{\"error\":\"not permitted\"}";
+        break;
+      }
+      json list = json::array();
+      for (const Log_Entry& e : st.log) {
+        if (list.size() >= 50) break;
+        const int t = static_cast<int>(e.type);
+        list.push_back({{"time", e.time}, {"type", std::string(1, Log_Entry::eLogTypeS[t >= 0 && t < 17 ? t : 0])},
+                        {"text", e.text}});
+      }
+      job.body = dump(json{{"entries", list}});
       break;
     }
     case WebJob::kIo: {
