@@ -149,8 +149,9 @@ struct WebSocketClient {
   bool closing = false;
   uint64_t dropped = 0;
   std::vector<int> points;  // indices subscribed (main thread)
-  bool io = false;
+  bool io = false;          // the I/O bits subscribed (main thread)
   std::vector<std::string> wanted;  // names asked for, resolved by the main thread
+  bool wanted_io = false;
   bool fresh = false;               // a new subscription waits
   unsigned int last_io = ~0u;       // the I/O byte last sent (main thread)
   std::thread writer;
@@ -242,7 +243,8 @@ void WebServer::Impl::send(mg_connection* c, int status, const std::string& type
                      "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
                      kSecurityHeaders + headers + "\r\n";
   mg_write(c, head.data(), head.size());
-  if (!body.empty()) mg_write(c, body.data(), body.size());
+  const char* method = mg_get_request_info(c)->request_method;
+  if (!body.empty() && (method == nullptr || std::strcmp(method, "HEAD") != 0)) mg_write(c, body.data(), body.size());
 }
 
 void WebServer::Impl::redirect(mg_connection* c, const std::string& to, const std::string& headers) {
@@ -466,7 +468,7 @@ int WebServer::Impl::ws_data(mg_connection* c, int bits, char* data, size_t size
     std::lock_guard<std::mutex> own(client->m);
     if (client->closing) return 0;
     client->wanted = names;
-    client->io = io;
+    client->wanted_io = io;
     client->fresh = true;
   }
   return 1;
@@ -537,6 +539,7 @@ void WebServer::Impl::batch() {
       if (c->fresh) {
         c->fresh = false;
         c->last_io = ~0u;  // a new subscription gets the bits at once
+        c->io = c->wanted_io;
         c->points.clear();
         for (const auto& name : c->wanted) {
           const int i = table.Find(name);
