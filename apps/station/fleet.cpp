@@ -222,7 +222,6 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   const int level = level_for(req, cmd, who);
   if (level < 0) return;
   RemoteCaller caller;
-  caller.channel = "MQTT";
   caller.user = who;
   caller.peer = "mqtt:" + escape_controls(who);
   caller.level = level;

@@ -155,9 +155,10 @@ def main():
         check(json.loads(request(port, "GET", "/api/io", headers=vjar)[1])["can_set"] is False,
               "a viewer's I/O page offers no switch")
         log = log_text()
-        check("audit: web 127.0.0.1: io set inject (user otto, operator, result 0)" in log, "audit: the command")
-        check("audit: web 127.0.0.1: io set inject (user vic, viewer, result 403)" in log, "audit: the refusal")
-        check("refused /api/command: no valid CSRF token" in log, "audit: the CSRF refusal")
+        check("audit: 127.0.0.1: io set inject (user otto, operator, result 0)" in log, "audit: the command")
+        check("audit: 127.0.0.1: io set inject (user vic, viewer, result 403)" in log, "audit: the refusal")
+        check("audit: 127.0.0.1: POST /api/command refused: no valid CSRF token or a foreign origin (user otto, "
+              "operator, result 403)" in log, "audit: the CSRF refusal")
 
         for _ in range(3):
             r, _ = login(port, "otto", "wrong")
@@ -168,7 +169,7 @@ def main():
         proc.send_signal(signal.SIGTERM)
         check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
     shutil.rmtree(WORK, ignore_errors=True)
-    print("station web: %d checks passed" % check.count)
+    print("station web smoke: %d checks passed" % check.count)
 
 
 main()
