@@ -97,6 +97,15 @@ StationPoints::StationPoints(Station& station) : st(station) {
   low_ = st.settings.LowLimit;
   high_ = st.settings.HighLimit;
   setpoint_ = st.settings.Setpoint;
+  for (const char* name : {"Setpoint", "LowLimit", "HighLimit"}) {
+    PointConfig c;
+    c.unit = table[sensor].config().unit;
+    c.display_low = table[sensor].config().display_low;
+    c.display_high = table[sensor].config().display_high;
+    if (set_points.Add(st.settings, "Station", name, c, &error) < 0)
+      st.log.Add(elog_ERROR, 0, "points: %s", error.c_str());
+  }
+  set_points.Sync(clock.NowUtcUs());
   table.SetLimits(sensor, table[sensor].config().lolo, low_, high_, table[sensor].config().hihi,
                   table[sensor].config().deadband);
 }
@@ -220,6 +229,7 @@ void StationPoints::follow_settings() {
     high_ = s.HighLimit;
   }
   setpoint_ = s.Setpoint;
+  set_points.Sync(clock.NowUtcUs());
   if (!autosave) return;
   const SettingsList all = sections(st);
   for (const char* name : kSaved) {

@@ -8,6 +8,7 @@
 #include <zqpoints/AlarmJournal.h>
 #include <zqpoints/Autosave.h>
 #include <zqpoints/PointTable.h>
+#include <zqpoints/SettingPoints.h>
 #include <zqrtm/AcquisitionClock.h>
 
 #include <functional>
@@ -74,6 +75,8 @@ class StationPoints {
   PointsSettings settings;
   AcquisitionClock clock;
   zqpoints::PointTable table;
+  // Station.Setpoint, LowLimit and HighLimit as points of their own.
+  zqpoints::SettingPoints set_points{table};
   zqpoints::AlarmJournal journal;
   std::unique_ptr<zqpoints::Autosave> autosave;
   int sensor = -1, overrun = -1;

@@ -81,6 +81,8 @@ def first_run(st, work):
     check("good" in points and "age " in points and "range 0..160" in points, "points show quality, age, range",
           points)
     check("overrun_trip" not in points and "overrun policy off" in st.ask("outputs"), "no overrun policy by default")
+    check("Station.Setpoint = 40 \u00b0C" in points and "heater on below" in points and "Station.HighLimit = 80" in points,
+          "set-points are points with unit and description", points)
     st.ask("io set inject")
     alarms = st.wait_for("alarms", r"sensor = .*active-unacked \(HIHI high\)")
     check(re.search(r"sensor = .*active-unacked \(HIHI high\)", alarms) and "guidance: check the heater" in alarms,
@@ -151,6 +153,8 @@ def first_run(st, work):
     text = open(state).read()
     check("Station.Setpoint = 42.5" in text and re.search(r"\nend \d+ [0-9a-f]{8}\n$", text),
           "the set-point reaches the state file within a second, with its end marker", text)
+    check("Station.Setpoint = 42.5 \u00b0C" in st.wait_for("points", "Station.Setpoint = 42.5"),
+          "the set-point's point follows config set")
 
 
 def overrun_policy(binary, work):
