@@ -151,7 +151,8 @@ def passwd(binary, name, level, password):
 MATRIX = [("status", 1), ("io", 1), ("io get 0", 1), ("io set 0", 2), ("io clear 0", 2), ("io toggle 0", 2),
           ("trace dump", 1), ("trace start", 2), ("trace stop", 2), ("fit", 2), ("hash sha256 station.cfg", 2),
           ("crc station.cfg", 2), ("config show", 1), ("config set Station.Setpoint 40", 3), ("config save", 3),
-          ("alarms", 1), ("ack all", 2), ("shelve sensor 0", 2), ("alarm-history 1m", 1)]
+          ("alarms", 1), ("ack all", 2), ("shelve sensor 0", 2), ("alarm-history 1m", 1), ("outputs", 1),
+          ("outputs resume", 2)]
 
 
 def main():
