@@ -77,6 +77,9 @@ bool FieldDevices::Attach(SensorTask& task, const std::string& acl, std::string&
       why = "[Device." + c.name + "]: no room in the I/O image (8 handlers of 16 bytes at most)";
       return false;
     }
+    // The overrun policy writes the device's outputs' safe states too.
+    for (const zqdevices::DevicePoint& p : c.points)
+      if (p.output && p.io_bit >= 0) task.SetSafeBit(image_bytes_ * 8 + static_cast<unsigned int>(p.io_bit), p.safe);
     image_bytes_ += device_bytes(c);
   }
   zqdevices::ModbusServerConfig sc;
