@@ -7,6 +7,7 @@
 #include <zqdevices/ModbusDevice.h>
 #include <zqdevices/ModbusServer.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -53,8 +54,9 @@ class FieldDevices : public zqdevices::ValueSink {
   // Makes or finds the points of the devices' values and faults in
   // `points` (after Attach, before Start); they are updated from then on.
   void BindPoints(StationPoints& points);
-  // Main thread: logs the state changes that came from the devices and
-  // moves the newest values into the points.
+  // Main thread: logs the state changes that came from the devices and the
+  // Modbus server's write records, and moves the newest values into the
+  // points.
   void Poll();
 
   // The `device` command's texts.
@@ -93,6 +95,12 @@ class FieldDevices : public zqdevices::ValueSink {
   // device name -> its index and value name -> slot index
   std::map<std::string, std::pair<size_t, std::map<std::string, size_t>>> slot_of_;
   StationPoints* points_ = nullptr;
+  // The server's write requests as audit lines; those beyond the server's
+  // record rate are counted and said once a kUnloggedReport (and at stop).
+  void log_writes();
+  uint64_t unlogged_writes_ = 0;
+  std::chrono::steady_clock::time_point next_unlogged_report_{};
+  bool stopped_ = false;
 };
 
 // The active FieldDevices (set while one lives), for the commands.

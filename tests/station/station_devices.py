@@ -194,6 +194,9 @@ def main():
     check(len(raw("127.0.0.2", read)) == 13, "a reader outside WriteFrom reads")
     check(raw("127.0.0.2", write)[7:] == bytes([0x85, 1]), "and its write gets illegal function")
     check(raw("127.0.0.3", read) == b"", "an address the access list refuses gets nothing")
+    # A write flood: a few audit lines, the rest counted.
+    for k in range(300):
+        st.write_coil(64, k % 2 == 0)
 
     station.send_signal(signal.SIGTERM)
     check(station.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
@@ -201,6 +204,16 @@ def main():
                   if f.startswith("station") and f.endswith(".log"))
     check("device tank fault" in log and "device tank recovered" in log, "fault and recovery are in the log",
           log[-2000:])
+    # Every write request has its audit line with the client, the coil or
+    # register, the value and the result; a flood does not flood the log.
+    for line in ("modbus client 127.0.0.1: write coil 0 = 1: refused, read-only",
+                 "modbus client 127.0.0.1: write register 0 = 1: refused, read-only",
+                 "modbus client 127.0.0.1: write coil 64 = 1: accepted",
+                 "modbus client 127.0.0.2: write coil 64 = 1: refused, writes not allowed from this address"):
+        check(line in log, "audit: " + line, log[-2000:])
+    flood = len(re.findall(r"modbus client 127\.0\.0\.1: write coil 64", log)) - 1
+    unlogged = sum(int(n) for n in re.findall(r"audit: modbus: (\d+) more write requests not logged", log))
+    check(flood < 100 and flood + unlogged == 300, "a write flood: %d lines, %d counted" % (flood, unlogged))
     print("station devices: %d checks passed" % check.count)
 
 
