@@ -4,6 +4,7 @@
 #include <zqcommon/cli.h>
 #include <zqcommon/lib_config.h>
 #include <zqcommon/mysocket.h>
+#include <zqfleet/JsonFields.h>
 
 #include <chrono>
 #include <cstdio>
@@ -271,6 +272,20 @@ void FieldDevices::StateChanged(const std::string& device, bool faulted, const s
   if (events_.size() < 256)
     events_.push_back(Event{faulted, found != slot_of_.end() ? found->second.first : faults_.size(), now,
                             "device " + device + (faulted ? " fault: " : " recovered: ") + reason});
+}
+
+std::string FieldDevices::TakeSamples() {
+  std::string out;
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (Slot& v : values_) {
+    if (v.time_us == 0 || v.time_us == v.sampled_us) continue;
+    v.sampled_us = v.time_us;
+    zqfleet::JsonFields f;
+    f.Add("name", v.name).Add("unit", v.unit).Add("value", v.value).Add("time_us", static_cast<long long>(v.time_us));
+    f.Add("quality", v.good ? "good" : "device-fault");
+    out += (out.empty() ? "[{" : ",{") + f.Text() + "}";
+  }
+  return out.empty() ? out : out + "]";
 }
 
 std::string FieldDevices::List() {

@@ -59,6 +59,12 @@ class FieldDevices : public zqdevices::ValueSink {
   // points.
   void Poll();
 
+  // The device values acquired since the previous call (the newest of each),
+  // as the JSON array of the MQTT samples message: objects with name, unit,
+  // value, time_us (acquisition, UTC microseconds) and quality ("good" or
+  // "device-fault"); empty when there is none.
+  std::string TakeSamples();
+
   // The `device` command's texts.
   std::string List();
   bool Recover(const std::string& name, std::string& why);
@@ -89,6 +95,7 @@ class FieldDevices : public zqdevices::ValueSink {
     int64_t time_us = 0;
     bool good = false, fresh = false;
     int point = -1;  // in the bound point table
+    int64_t sampled_us = 0;  // time_us of the value TakeSamples() last handed out
   };
   std::vector<Slot> values_;  // every mapped value, in the devices' order
   std::vector<Slot> faults_;  // one per device (its point "DEVICE.fault")

@@ -5,6 +5,7 @@ Modbus TCP server, read and written by mbpoll and pymodbus.
 
     station_devices.py STATION_BINARY STATION_SOURCE_DIR PEER_SCRIPT
 """
+import json
 import logging
 import os
 import re
@@ -52,6 +53,14 @@ def eventually(test, timeout=10):
             return True
         time.sleep(0.05)
     return test()
+
+
+def client_socket(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), 0.2).close()
+        return True
+    except OSError:
+        return False
 
 
 def client(port):
@@ -113,8 +122,19 @@ def main():
           mapped.stdout)
     check(re.search(r"input +4-5\tf32 +read-only +meter.flow \[m3/h\]", mapped.stdout), "the map: meter.flow")
 
+    # An anonymous mosquitto for the station's MQTT samples, read by mosquitto_sub.
+    broker = free_port()
+    with open(os.path.join(WORK, "mosquitto.conf"), "w") as f:
+        f.write(("user root\n" if os.geteuid() == 0 else "") + "allow_anonymous true\nlistener %d 127.0.0.1\n" % broker)
+    spawn(["mosquitto", "-c", "mosquitto.conf"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    check(eventually(lambda: client_socket(broker)), "mosquitto listens")
+    subscribed = open(os.path.join(WORK, "mqtt.txt"), "w")
+    spawn(["mosquitto_sub", "-p", str(broker), "-t", "+/+/samples", "-W", "120"], stdout=subscribed,
+          stderr=subprocess.DEVNULL)
+
     out = open(os.path.join(WORK, "out.txt"), "w+")
-    station = spawn([STATION] + args, stdout=out, stderr=subprocess.STDOUT)
+    station = spawn([STATION] + args + ["MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker, "MQTT.Commands=off"],
+                    stdout=out, stderr=subprocess.STDOUT)
     check(eventually(lambda: re.search(r"tcp port (\d+)", open(out.name).read())), "the station starts",
           open(out.name).read())
     port = int(re.search(r"tcp port (\d+)", open(out.name).read()).group(1))
@@ -129,6 +149,17 @@ def main():
     check(eventually(lambda: "meter.flow = 5 m3/h" in ask("device")), "values with scale and units", ask("device"))
     listing = ask("device")
     check("tank.level = 123.4 m" in listing and "tank.temp = 21.5 degC" in listing, "TCP device values", listing)
+
+    # The device values are in the MQTT samples, with units and acquisition times.
+    def sampled():
+        for line in open(subscribed.name).read().splitlines():
+            for p in json.loads(line).get("points", []):
+                if p["name"] == "tank.level" and p["quality"] == "good":
+                    return p
+        return None
+    level = eventually(sampled) and sampled()
+    check(level and level["value"] == 123.4 and level["unit"] == "m" and isinstance(level["time_us"], int)
+          and abs(level["time_us"] / 1e6 - time.time()) < 60, "a device value in the MQTT samples", level)
 
     # The station's server, as mbpoll reads it at the addresses of the map.
     poll = subprocess.run(["mbpoll", "-m", "tcp", "-0", "-1", "-p", str(server), "-t", "3:float", "-B", "-r", "0",
