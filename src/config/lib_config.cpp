@@ -78,7 +78,7 @@ class FileBuffer {
   // At least `size` bytes, keeping the first `keep`; false when there is no memory.
   bool reserve(size_t size, size_t keep) {
     if (size <= capacity_) return true;
-    void* more = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* more = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (more == MAP_FAILED) return false;
     if (keep > 0) std::memcpy(more, data_, keep);
     if (data_ != nullptr) ::munmap(data_, capacity_);
@@ -123,19 +123,22 @@ class MemoryLines {
   MemoryLines(const char* p, const char* end, bool opened) : p_(p), end_(end), good_(opened) {}
   bool good() const { return good_; }
 
-  void next(std::string& text) {
+  // The next line, as a range of the buffer.
+  std::pair<const char*, size_t> next() {
+    const char* const start = p_;
     const size_t left = static_cast<size_t>(end_ - p_);
     const size_t limit = std::min(left, Config_File::kMaxLine + 1);
     const auto* feed = limit == 0 ? nullptr : static_cast<const char*>(std::memchr(p_, '\n', limit));
+    size_t length;
     if (feed != nullptr) {
-      text.assign(p_, feed);
+      length = static_cast<size_t>(feed - p_);
       p_ = feed + 1;
     } else if (left <= Config_File::kMaxLine) {
-      text.assign(p_, end_);  // the last line, without a line feed (or none at all)
+      length = left;  // the last line, without a line feed (or none at all)
       p_ = end_;
       good_ = false;
     } else {
-      text.assign(p_, Config_File::kMaxLine);
+      length = Config_File::kMaxLine;
       p_ += Config_File::kMaxLine;
       while (p_ < end_ && *p_ == '\r') ++p_;
       if (p_ < end_ && *p_ == '\n') {
@@ -144,7 +147,8 @@ class MemoryLines {
         good_ = false;  // really too long, or the end
       }
     }
-    while (!text.empty() && text.back() == '\r') text.pop_back();
+    while (length > 0 && start[length - 1] == '\r') --length;
+    return {start, length};
   }
 
  private:
@@ -153,11 +157,12 @@ class MemoryLines {
   bool good_;
 };
 
-// The parse of Config_File::parse: the magic line when one is expected, then
-// every line while the source is good, stored with its number.
-template <class Good, class Read, class Store>
+// The parse of Config_File::parse: the magic line when one is expected (read
+// into `rmagix`), then every line while the source is good, read and stored
+// by store_next with its number.
+template <class Good, class Read, class StoreNext>
 bool parse_lines(const std::string& magix, std::string& rmagix, const std::string& fname, Good good, Read read,
-                 Store store) {
+                 StoreNext store_next) {
   if (!magix.empty()) {
     read(rmagix);
     if (rmagix != magix && rmagix.find(magix + " ") == npos) {
@@ -167,12 +172,22 @@ bool parse_lines(const std::string& magix, std::string& rmagix, const std::strin
     }
   }
   ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
-  std::string text;
-  for (int number = 1; good(); ++number) {
-    read(text);
-    store(text, number);
-  }
+  for (int number = 1; good(); ++number) store_next(number);
   return true;
+}
+
+void classify(LINE& l, int number);
+
+// Stores the line `make` returns under `number` unless that number is taken
+// (then `make` is not called); the line stored there. A new section header
+// goes into `sections`.
+template <class Make>
+LINE& store_line(LineTable& table, std::map<std::string, int>& sections, int number, Make make) {
+  const auto taken = table.find(number);
+  if (taken != table.end()) return taken.line();
+  LINE& stored = *table.insert(number, make()).first;
+  if (stored.IsSection()) sections.emplace(stored.Name(), number);
+  return stored;
 }
 
 }  // namespace
@@ -211,7 +226,21 @@ void LineTable::clear() {
 
 // ------------------------------------------------------------------ LINE
 
-LINE::LINE(const std::string& text, int number) : data(text), line(number) {
+LINE::LINE(const std::string& text, int number) : data(text), line(number) { classify(*this, number); }
+
+namespace {
+
+// Finds the parts of the line text in l.data (repairing it where needed) and
+// sets the positions and the type; `number` is for diagnostics.
+void classify(LINE& l, int number) {
+  auto& data = l.data;
+  auto& type = l.type;
+  auto& name = l.name;
+  auto& namelen = l.namelen;
+  auto& eqsign = l.eqsign;
+  auto& value = l.value;
+  auto& valuelen = l.valuelen;
+  auto& comment = l.comment;
   const auto first = first_not_ws(data);
   if (first == npos) {
     data.clear();
@@ -221,7 +250,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
 
   std::string::size_type scan_from;
   if (data[first] == '[') {
-    type = SECTION;
+    type = LINE::SECTION;
     name = first + 1;
     const auto close = data.find(']', name);
     if (close == npos) {
@@ -248,7 +277,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
                number, data.c_str());
       return;
     }
-    type = ENTRY;
+    type = LINE::ENTRY;
     name = first;
     eqsign = eq;
     // The name ends before the last blank in front of the '=': "key = v" gives
@@ -275,6 +304,23 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
 
   if (scan_from != npos) {
     std::string::size_type end = data.size();
+    // Before the first quote nothing is quoted: the first '#' there starts
+    // the comment. Two memchr scans find both; the loop below walks the
+    // characters only from a quote on.
+    const char* const from = data.data() + scan_from;
+    const size_t rest = data.size() - scan_from;
+    const auto* hash = static_cast<const char*>(std::memchr(from, '#', rest));
+    const auto* quote = static_cast<const char*>(
+        std::memchr(from, '"', hash == nullptr ? rest : static_cast<size_t>(hash - from)));
+    if (quote == nullptr) {
+      if (hash != nullptr) {
+        end = static_cast<std::string::size_type>(hash - data.data());
+        comment = end + 1;
+      }
+      scan_from = data.size();  // the loop has nothing to do
+    } else {
+      scan_from = static_cast<std::string::size_type>(quote - data.data());
+    }
     bool quoted = false;
     for (auto i = scan_from; i < data.size(); ++i) {
       const char c = data[i];
@@ -286,20 +332,22 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
         break;
       }
     }
-    if (type == ENTRY) {
+    if (type == LINE::ENTRY) {
       while (end > value && is_ws(data[end - 1])) --end;
       valuelen = end - value;
     }
   }
 
-  if (type == SECTION && namelen == 0) {
-    type = FILLER;
+  if (type == LINE::SECTION && namelen == 0) {
+    type = LINE::FILLER;
     ZQ_DEBUG(0, "libconfig: ignoring empty section, line #%i:\n", number);
-  } else if (type == ENTRY && namelen == 0) {
-    type = FILLER;
+  } else if (type == LINE::ENTRY && namelen == 0) {
+    type = LINE::FILLER;
     ZQ_DEBUG(0, "libconfig: ignoring entry without name, line #%i:%s\n", number, data.c_str());
   }
 }
+
+}  // namespace
 
 std::string LINE::Name() const {
   if (type == FILLER || name == none) return std::string();
@@ -411,9 +459,23 @@ bool Config_File::parse(const std::string& filename) {
   size_t size = 0;
   const bool opened = read_whole(filename, content, size);
   MemoryLines lines(content.data(), content.data() + size, opened);
+  // Each line is copied once, from the buffer into its LINE.
   return parse_lines(
-      magix, rmagix, fname, [&] { return lines.good(); }, [&](std::string& text) { lines.next(text); },
-      [&](const std::string& text, int number) { store(text, number); });
+      magix, rmagix, fname, [&] { return lines.good(); },
+      [&](std::string& text) {
+        const auto line = lines.next();
+        text.assign(line.first, line.second);
+      },
+      [&](int number) {
+        const auto line = lines.next();
+        store_line(data, sections, number, [&] {
+          LINE l;
+          l.data.assign(line.first, line.second);
+          l.line = number;
+          classify(l, number);
+          return l;
+        });
+      });
 }
 
 std::istream& Config_File::readln(std::istream& in, std::string& text) {
@@ -442,17 +504,17 @@ std::istream& Config_File::readln(std::istream& in, std::string& text) {
 }
 
 bool Config_File::parse(std::istream& in) {
+  std::string text;
   return parse_lines(
-      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& text) { readln(in, text); },
-      [&](const std::string& text, int number) { store(text, number); });
+      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& line) { readln(in, line); },
+      [&](int number) {
+        readln(in, text);
+        store(text, number);
+      });
 }
 
 LINE& Config_File::store(const std::string& text, int number) {
-  const auto taken = data.find(number);
-  if (taken != data.end()) return taken.line();
-  const std::pair<LINE*, bool> stored = data.insert(number, LINE(text, number));
-  if (stored.first->IsSection()) sections.emplace(stored.first->Name(), number);
-  return *stored.first;
+  return store_line(data, sections, number, [&] { return LINE(text, number); });
 }
 
 bool Config_File::find_section(const std::string& section, int& header) {
