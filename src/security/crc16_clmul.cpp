@@ -158,18 +158,24 @@ __attribute__((noinline)) uint32_t message_other(const uint8_t* p, size_t n) {
 
 // mk_crc16 whole: messages of 2-127 bytes, the common ones, in the short
 // paths, the rest out of line (so that no registers need saving here).
-ZQ_CLMUL uint32_t crc16_message_clmul(const uint8_t* p, size_t n) {
+ZQ_CLMUL uint32_t crc16_message_clmul(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_clmul>(p, n);
   return short_register(p, n);
 }
 
-ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n) {
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul256>(p, n);
   return short_register(p, n);
 }
 
 // With AVX-512: the short paths in the VEX encoding, long messages in 512-bit lanes.
-ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const uint8_t* p, size_t n) {
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul>(p, n);
   return short_register(p, n);
 }
