@@ -63,6 +63,7 @@ const struct {
     {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
     {"alarm-history", ZQSecurity::kViewer}, {"trace-csv", ZQSecurity::kOperator},
     {"timing-json", ZQSecurity::kOperator},
+    {"outputs", ZQSecurity::kViewer},    {"outputs resume", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";
