@@ -32,7 +32,7 @@ foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:li
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endforeach()
 # Every setting of the station, with units (the manual page points here).
-install(FILES ${PROJECT_SOURCE_DIR}/docs/station_settings.md
+install(FILES ${PROJECT_SOURCE_DIR}/docs/station_settings.md ${PROJECT_SOURCE_DIR}/docs/web.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zqcommon-station COMPONENT station)
 
 set(CPACK_GENERATOR DEB)
@@ -133,7 +133,9 @@ command set for TCP clients, run as a systemd service with readiness and
 watchdog notifications, reload on SIGHUP and a logrotate snippet; and
  stationctl, its command-line client for shells and scripts.")
 set(CPACK_COMPONENT_STATION_DEPENDS lib fleet devices points)
-set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
+# The web page serves Debian's dygraphs; Debian's civetweb loads OpenSSL at
+# run time by the unversioned name libssl.so, which libssl-dev provides.
+set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate, libjs-dygraphs, libssl-dev")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
   "${ZQ_DEBIAN}/station/conffiles;${ZQ_DEBIAN}/station/postinst;${ZQ_DEBIAN}/station/postrm;${ZQ_DEBIAN}/station/prerm")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
