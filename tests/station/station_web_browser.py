@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The station's web page in a real browser (headless Chromium through Selenium).
 
-    station_web.py STATION STATIONCTL STATION_SOURCE_DIR SHOTS_DIR
+    station_web_browser.py STATION STATIONCTL STATION_SOURCE_DIR SHOTS_DIR
 
 Starts the station with Web.Listen on a free loopback port, users vic
 (viewer), otto (operator), ada (admin) and lena (to be locked out), and a
