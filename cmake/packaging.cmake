@@ -123,7 +123,9 @@ command set for TCP clients, run as a systemd service with readiness and
 watchdog notifications, reload on SIGHUP and a logrotate snippet; and
  stationctl, its command-line client for shells and scripts.")
 set(CPACK_COMPONENT_STATION_DEPENDS lib fleet devices points)
-set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate")
+# The web page serves Debian's dygraphs; Debian's civetweb loads OpenSSL at
+# run time by the unversioned name libssl.so, which libssl-dev provides.
+set(CPACK_DEBIAN_STATION_PACKAGE_DEPENDS "adduser, logrotate, libjs-dygraphs, libssl-dev")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_EXTRA
   "${ZQ_DEBIAN}/station/conffiles;${ZQ_DEBIAN}/station/postinst;${ZQ_DEBIAN}/station/postrm;${ZQ_DEBIAN}/station/prerm")
 set(CPACK_DEBIAN_STATION_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target under ASan and UBSan.
-#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]   (default 30)
+#   scripts/fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver|web [SECONDS]   (default 30)
 # Crashing inputs are left in the build folder as crash-*; each target's
 # corpus grows in build-fuzz/corpus-TARGET and is reused by later runs.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|autosave|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver [SECONDS]}
+target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|autosave|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver|web [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
 bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
@@ -83,6 +83,12 @@ case "$target" in
   deviceurl)
     printf 'modbus-tcp://[fe80::1]:1502/' > "$corpus/seed1"; printf 'modbus-tcp://plc-3.local' > "$corpus/seed2"
     printf 'modbus-rtu:///dev/ttyUSB0?baud=19200&parity=E&data=8&stop=1&rs485=1&rts_before=2' > "$corpus/seed3" ;;
+  web)  # first byte: 0 form, 1 cookie, 2 command JSON, 3 subscription, 4 time, 5 token
+    printf '\0user=ada&password=a%%2Bb+c%%zz&&=x&user=2' > "$corpus/seed1"
+    printf '\1a=1; zqsid=0123abcd;b=2;  zqsid=x' > "$corpus/seed2"
+    printf '\2{"command": "ack T1 checked \\u00e9", "x": [1, {"y": null}]}' > "$corpus/seed3"
+    printf '\3{"subscribe": ["T1", "P1", 7], "io": true}' > "$corpus/seed4"
+    printf '\4%s' 2026-11-25T19:00:00.5Z > "$corpus/seed5" ;;
   modbusserver)  # first byte: bit 0 lets the client write; then MBAP frames
     printf '\x01\x00\x01\x00\x00\x00\x06\x01\x01\x00\x00\x00\x10\x00\x02\x00\x00\x00\x06\x01\x05\x00\x01\xff\x00' > "$corpus/seed1"
     printf '\x01\x00\x03\x00\x00\x00\x08\x01\x0f\x00\x01\x00\x02\x01\x03\x00\x04\x00\x00\x00\x06\x01\x04\x00\x00\x00\x06' > "$corpus/seed2"

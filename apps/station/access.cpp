@@ -374,13 +374,38 @@ void Gate::password_checked(CLI& cli, Session& s, AccessLevel level, bool locked
     return;
   }
   // The same answer, after the same wait, for an unknown user and a wrong password.
-  const long long now = NowMs();
-  const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(s.peer, a.user, now);
-  log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(a.user).c_str(), s.peer.c_str(),
-           locked || throttle_.Locked(s.peer, a.user, now) ? " (locked out)" : "");
-  a.hold_until_ms = now + wait;
+  a.hold_until_ms = NowMs() + FinishLogin(s.peer, a.user, level, locked, "password");
+  (void)locked;
   a.user.clear();
   std::fputs("login failed\r\n", out);
+}
+
+std::shared_ptr<PendingLogin> Gate::BeginLogin(const std::string& peer, const std::string& user,
+                                               const std::string& password, bool& locked) {
+  locked = throttle_.Locked(peer, user, NowMs());
+  if (locked || checker_ == nullptr || users_ == nullptr) return nullptr;
+  auto job = std::make_shared<PendingLogin>();
+  job->user = user;
+  job->password = password;
+  job->users = users_;
+  checker_->Submit(job);
+  return job;
+}
+
+long long Gate::FinishLogin(const std::string& peer, const std::string& user, AccessLevel level, bool& locked,
+                            const char* how) {
+  if (level != ZQSecurity::kNoAccess) {
+    throttle_.Succeeded(peer, user);
+    log_.Add(elog_INFO, 0, "audit: %s logged in from %s as %s by %s", escape_controls(user).c_str(), peer.c_str(),
+             UserFile::LevelName(level), how);
+    return 0;
+  }
+  const long long now = NowMs();
+  const long long wait = locked ? server_.access_cfg.login.MaxDelay : throttle_.Failed(peer, user, now);
+  locked = locked || throttle_.Locked(peer, user, now);
+  log_.Add(elog_WARN, 0, "audit: login of '%s' from %s failed%s", escape_controls(user).c_str(), peer.c_str(),
+           locked ? " (locked out)" : "");
+  return wait;
 }
 
 bool Gate::Tick(CLI& cli, Session& s, Connection& conn, long long now_ms) {

@@ -128,6 +128,19 @@ class Gate {
   bool Logged(const Session& s, const std::string& line) const;
   // When the users were last read, for status.
   std::string UsersRead() const;
+  // A login from another channel (the web page), on the main thread: the
+  // same users, password checker, per-address throttle and audit line as a
+  // TCP login. BeginLogin gives the check under way, or null when it is
+  // refused at once (`locked`: the address or user is locked out).
+  // FinishLogin records the outcome (`level` kNoAccess: failed) and gives
+  // the milliseconds a failed login's answer waits; `locked` comes out true
+  // when the failure locked the address or user out.
+  std::shared_ptr<PendingLogin> BeginLogin(const std::string& peer, const std::string& user,
+                                           const std::string& password, bool& locked);
+  long long FinishLogin(const std::string& peer, const std::string& user, ZQSecurity::AccessLevel level,
+                        bool& locked, const char* how);
+  // The server's TLS context; null without a certificate.
+  std::shared_ptr<ZQSecurity::TLSContext> ServerTLS() const { return tls_; }
 
   static long long NowMs();
 

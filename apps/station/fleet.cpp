@@ -14,24 +14,13 @@
 
 #include "access.h"
 #include "fleet.h"
+#include "remote_command.h"
 
 namespace station {
 
 namespace {
 
 using zqfleet::JsonFields;
-
-// Words of a command line, without empty ones.
-std::vector<std::string> words_of(const std::string& line) {
-  std::vector<std::string> words;
-  for (size_t p = 0; p < line.size();) {
-    const size_t q = line.find(' ', p);
-    const size_t end = q == std::string::npos ? line.size() : q;
-    if (end > p) words.push_back(line.substr(p, end - p));
-    p = end + 1;
-  }
-  return words;
-}
 
 // "Section.Key=value" lines of every setting, hashed: the birth record's digest.
 std::string settings_digest(Station& st) {
@@ -232,41 +221,15 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   if (!zqfleet::FleetCommand::Parse(req.payload, id_, cmd, error)) return refuse(req, who, 400, error);
   const int level = level_for(req, cmd, who);
   if (level < 0) return;
-  const std::vector<std::string> words = words_of(cmd.line);
-  static const std::set<std::string> never = {"starttls", "login", "exit", "quit", "editing"};
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* in = std::fopen("/dev/null", "r");
-  FILE* out = open_memstream(&text, &size);
-  int result = 500;
-  const std::string line = escape_controls(cmd.line);
-  if (in != nullptr && out != nullptr) {
-    Session session;
-    session.station = &st_;
-    session.out = out;
-    session.network = true;
-    session.peer = "mqtt:" + escape_controls(who);
-    CLI cli(in, out, out);
-    register_commands(cli, session);
-    apply_command_levels(cli);
-    cli.SetSessionLevel(level);
-    if (words.empty() || never.count(words[0]) != 0 || cli.RequiredLevel(words) > level) {
-      result = 403;
-    } else if (cli.find_command(words[0]) == nullptr) {
-      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", escape_controls(who).c_str(), line.c_str());
-      std::fprintf(out, "%s: command not found\r\n", words[0].c_str());
-      result = 127;
-    } else {
-      st_.log.Add(elog_INFO, 0, "MQTT %s: %s", escape_controls(who).c_str(), line.c_str());
-      std::string copy = cmd.line;
-      cli.parse(copy);
-      result = cli.retcode;
-    }
-  }
-  if (in != nullptr) std::fclose(in);
-  if (out != nullptr) std::fclose(out);
-  const std::string answer = text != nullptr ? std::string(text, size) : "";
-  std::free(text);
+  RemoteCaller caller;
+  caller.channel = "MQTT";
+  caller.user = who;
+  caller.peer = "mqtt:" + escape_controls(who);
+  caller.level = level;
+  caller.log_refusals = false;  // refuse() logs them at a bounded rate
+  const RemoteAnswer done = run_remote_command(st_, caller, cmd.line);
+  const int result = done.result;
+  const std::string& answer = done.output;
   if (result == 403) {
     return refuse(req, who, 403, "not allowed at level " +
                                      std::string(ZQSecurity::UserFile::LevelName(static_cast<ZQSecurity::AccessLevel>(level))) +

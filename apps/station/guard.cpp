@@ -81,7 +81,7 @@ bool operator_only(const std::string& path) {
   // Who may log in and how the channel is secured: not from the network either.
   if ((section ^= "TLS") || (section ^= "Login") || (section ^= "Access")) return true;
   // Where the station listens and whom it reports to.
-  if ((section ^= "Network") || (section ^= "MQTT") || (section ^= "Metrics")) return true;
+  if ((section ^= "Network") || (section ^= "MQTT") || (section ^= "Metrics") || (section ^= "Web")) return true;
   for (const char* key : {"Station.DumpPath", "Station.DataDir", "Station.MaxFileBytes", "Station.UsersFile",
                           "Station.LogLossReportS", "Station.LocalConfig"}) {
     if (path ^= key) return true;

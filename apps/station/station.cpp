@@ -35,6 +35,7 @@
 
 #include "devices.h"
 #include "fleet.h"
+#include "web.h"
 #include "machine.h"
 #include "network.h"
 #include "service.h"
@@ -357,6 +358,12 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
   fleet.level_of = [&settings](const std::string& who) { return ZQSecurity::UserLevel(settings.UsersFile, who); };
   fleet.users_file = settings.UsersFile;
   if (!fleet.Start()) return 1;
+  station::WebServer web(st, gate, station::web_settings());
+  if (!web.Start(why)) {
+    std::fprintf(stderr, "station: %s\n", why.c_str());
+    log.Add(elog_PANIC, 2, "%s", why.c_str());
+    return 1;
+  }
   service.Ready(st);
 
   std::unique_ptr<CLI> terminal;
@@ -390,6 +397,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
     }
     station::report_log_losses(st, GetUTC());
     fleet.Poll();
+    web.Poll();
     field.Poll();
     std::string address;
     while (MySocket* peer = net.Take(&address)) {
@@ -442,6 +450,7 @@ int run(Config_File& cfg, Log_Config_Data& logcfg, Log& log, station::StationSet
       const short events = hs != 0 ? hs : static_cast<short>(held | (c->conn->WritePending() != 0 ? POLLOUT : 0));
       fds.push_back(pollfd{c->conn->Descriptor(), events, 0});
     }
+    if (web.WakeFd() >= 0) fds.push_back(pollfd{web.WakeFd(), POLLIN, 0});  // after the clients' entries
     if (poll(fds.data(), fds.size(), wait_ms) < 0) continue;  // EINTR: a signal
     const size_t first = terminal ? 1 : 0;
     if (terminal) {
@@ -536,6 +545,7 @@ int main(int argc, char** argv) {
   station::SettingsList all = station::sections(settings, server, logcfg);
   all.emplace_back("LogRetention", &retention);
   all.emplace_back("Network", &station::network_settings());
+  all.emplace_back("Web", &station::web_settings());
   zqcommon::Checked_Settings checked = station::settings_checker(all);
   const std::vector<std::string> problems = station::load_checked(checked, cfg);
   for (const std::string& p : problems) std::fprintf(stderr, "station: %s\n", p.c_str());

@@ -75,7 +75,7 @@ Signals:
                       access list again (systemctl reload station)
 
 Settings sections: [Station] [Server] [Network] [TLS] [Login] [Access] [Log]
-[LogRetention] [MQTT] [Metrics]. Every setting with its unit and default:
+[LogRetention] [MQTT] [Metrics] [Web]. Every setting with its unit and default:
 man station, and station_settings.md (docs/ in the source tree,
 /usr/share/doc/zqcommon-station/ when installed); "config show" at the
 station lists the current values.)";
