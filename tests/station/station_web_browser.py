@@ -21,7 +21,6 @@ import json
 import os
 import re
 import shutil
-import socket
 import ssl
 import subprocess
 import sys
@@ -31,7 +30,7 @@ import time
 import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, listening_port  # noqa: E402
+from station_client import Checks  # noqa: E402
 
 SKIP = 77
 STATION, CTL, SOURCE = (os.path.abspath(a) for a in sys.argv[1:4])
@@ -65,14 +64,6 @@ except ImportError:
 CHROMIUM, DRIVER = shutil.which("chromium"), shutil.which("chromedriver")
 if not CHROMIUM or not DRIVER:
     skip("chromium or chromium-driver is not installed (scripts/deps.sh installs them)")
-
-
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
 
 
 def eventually(what, test, seconds=10):
@@ -130,13 +121,13 @@ class Web:
                             dict({"Content-Type": "application/json"}, **headers), sid=sid)
 
 
-def start_station(work, web_port):
+def start_station(work):
     shutil.copy(os.path.join(SOURCE, "station.acl"), work)
     with open(os.path.join(work, "station.cfg"), "w") as f:
         f.write(open(os.path.join(SOURCE, "station.cfg")).read())
-        f.write("\n[Web]\nListen = 127.0.0.1:%d\n\n[Point.sensor]\nUnit = \u00b0C\nDescription = %s\n"
+        f.write("\n[Web]\nListen = 127.0.0.1:0\n\n[Point.sensor]\nUnit = \u00b0C\nDescription = %s\n"
                 "Guidance = %s\nDisplayLow = 0\nDisplayHigh = 160\nHiHi = 130\nHiHiSeverity = high\n"
-                % (web_port, DESCRIPTION, GUIDANCE))
+                % (DESCRIPTION, GUIDANCE))
     for user, level in LEVELS.items():
         r = subprocess.run([STATION, "--passwd", user, level], cwd=work, input=PASSWORDS[user].encode(),
                            capture_output=True, timeout=60)
@@ -144,9 +135,15 @@ def start_station(work, web_port):
     proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=0", "Login.FirstDelay=50",
                              "Login.MaxDelay=100"], cwd=work, stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=open(os.path.join(work, "stderr.txt"), "w"))
-    port = listening_port(proc)
-    check(port, "the station starts", open(os.path.join(work, "stderr.txt")).read())
-    return proc, port
+    ports, deadline = {}, time.time() + 30 * slow
+    while len(ports) < 2 and time.time() < deadline:
+        m = re.match(r"(tcp|web) port (\d+)", proc.stdout.readline().decode())
+        if m:
+            ports[m.group(1)] = int(m.group(2))
+        elif proc.poll() is not None:
+            break
+    check(len(ports) == 2, "the station starts with its web page", open(os.path.join(work, "stderr.txt")).read())
+    return proc, ports["tcp"], ports["web"]
 
 
 def stationctl(work, port, *args):
@@ -158,52 +155,23 @@ def stationctl(work, port, *args):
 
 
 def protocol(web, work):
-    """What the server answers, seen from a plain client: headers, redirects,
-    cookie flags, CSRF refusals, plain HTTP on the HTTPS port."""
-    raw = socket.create_connection(("127.0.0.1", web.port), timeout=10)
-    raw.sendall(b"GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
-    seen = b""
-    try:
-        while len(seen) < 65536:
-            chunk = raw.recv(65536)
-            if not chunk:
-                break
-            seen += chunk
-    except OSError:
-        pass
-    raw.close()
-    check(b"<html" not in seen.lower() and not re.match(rb"HTTP/1\.[01] [23]", seen),
-          "plain HTTP to the HTTPS port gets no page", seen[:200])
-    r, _ = web.request("GET", "/index.html")
-    check(r.status == 303 and r.getheader("Location", "").endswith("/login.html"),
-          "a page without a session redirects to the login", (r.status, r.getheaders()))
+    """What station.web does not check already: the exact security headers, a
+    wrong token, the API not cached, refused posts leaving no trace."""
     r, _ = web.request("GET", "/login.html")
     check(r.status == 200 and r.getheader("Content-Security-Policy") == CSP
-          and r.getheader("X-Content-Type-Options") == "nosniff" and r.getheader("Referrer-Policy") == "no-referrer",
+          and r.getheader("X-Content-Type-Options") == "nosniff" and r.getheader("Referrer-Policy") == "same-origin",
           "the login page with the security headers", r.getheaders())
-    for path in ("/api/points", "/ws"):
-        check(web.request("GET", path)[0].status == 401, path + " without a session: 401")
-    r, _ = web.login("ada", PASSWORDS["ada"])
-    cookie = r.getheader("Set-Cookie") or ""
-    check(r.status == 303 and re.fullmatch(r"zqsid=[0-9a-f]{64}; Path=/; HttpOnly; Secure; SameSite=Strict", cookie),
-          "the session cookie and its flags", cookie)
     sid, csrf = web.session("ada")
     check(web.request("GET", "/api/status", sid=sid)[0].getheader("Cache-Control") == "no-store",
           "API answers are not cached")
-    own = "https://127.0.0.1:%d" % web.port
-    for what, headers in (("without a token", {}), ("with a wrong token", {"X-CSRF-Token": "0" * 64}),
-                          ("from a foreign origin", {"X-CSRF-Token": csrf, "Origin": "https://evil.example"})):
-        r, _ = web.command(sid, "config set Station.Setpoint 77", headers)
-        check(r.status == 403, "a post " + what + " is refused", r.status)
-    r, data = web.command(sid, "points", {"X-CSRF-Token": csrf, "Origin": own})
-    check(r.status == 200 and json.loads(data)["result"] == 0 and "sensor" in json.loads(data)["output"],
-          "a post with the token from the own origin runs", data)
+    r, _ = web.command(sid, "config set Station.Setpoint 77", {"X-CSRF-Token": "0" * 64})
+    check(r.status == 403, "a post with a wrong token is refused", r.status)
     check("Station.Setpoint = 40" in "".join(stationctl(work, STATION_PORT, "config", "show")),
-          "the refused posts changed nothing")
+          "the refused post changed nothing")
     # Lock-out: the same throttling as TCP logins, per address and user.
-    for _ in range(5):
-        check("failed=1" in web.login("lena", "wrong")[0].getheader("Location", ""), "a wrong password fails")
-    return csrf
+    answers = [web.login("lena", "wrong")[0].getheader("Location", "") for _ in range(5)]
+    check(all(re.search(r"\?(failed|locked)=1$", a) for a in answers) and "failed=1" in answers[0],
+          "wrong passwords fail", answers)
 
 
 class Browser:
@@ -305,7 +273,8 @@ def viewer(b, work, log):
     b.open("alarms.html", "#alarms")
     check(not b.find("#alarms .ack, #alarms .shelve"), "a viewer's alarms page has no ack or shelve")
     b.open("settings.html", "#settings tr[data-setting]")
-    check(not b.find("#settings .edit, #settings .apply, #save"), "a viewer's settings page changes nothing")
+    check(not b.find("#settings .edit, #settings .apply") and not b.find("#save")[0].is_displayed(),
+          "a viewer's settings page changes nothing")
     b.logout()
 
 
@@ -421,8 +390,7 @@ def main():
     proc, b = None, None
     t0 = time.time()
     try:
-        web_port = free_port()
-        proc, STATION_PORT = start_station(work, web_port)
+        proc, STATION_PORT, web_port = start_station(work)
         web = Web(web_port, work)
         eventually("the station serves HTTPS on Web.Listen", lambda: web.request("GET", "/login.html")[0].status)
         protocol(web, work)
