@@ -31,7 +31,7 @@ foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:li
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package} COMPONENT ${component})
 endforeach()
 # Every setting of the station, with units (the manual page points here).
-install(FILES ${PROJECT_SOURCE_DIR}/docs/station_settings.md
+install(FILES ${PROJECT_SOURCE_DIR}/docs/station_settings.md ${PROJECT_SOURCE_DIR}/docs/web.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zqcommon-station COMPONENT station)
 
 set(CPACK_GENERATOR DEB)

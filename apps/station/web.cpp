@@ -123,7 +123,8 @@ int fill_peer_certificate(dl_phdr_info* info, size_t, void* data) {
 
 // One request handed to the main loop, and its answer.
 struct WebJob {
-  enum Kind { kLogin, kCommand, kPoints, kAlarms, kHistory, kStatus, kIo, kSettings, kTraceCsv, kHistoryCsv, kAudit };
+  enum Kind { kLogin, kCommand, kPoints, kAlarms, kHistory, kStatus, kIo, kSettings, kTraceCsv, kHistoryCsv, kAudit,
+              kLog };
   Kind kind = kStatus;
   web::WebSession session;  // the caller (a login: only its peer)
   std::string a, b;         // login: user, password; command: line; history: since, until; audit: text
@@ -148,8 +149,9 @@ struct WebSocketClient {
   bool closing = false;
   uint64_t dropped = 0;
   std::vector<int> points;  // indices subscribed (main thread)
-  bool io = false;
+  bool io = false;          // the I/O bits subscribed (main thread)
   std::vector<std::string> wanted;  // names asked for, resolved by the main thread
+  bool wanted_io = false;
   bool fresh = false;               // a new subscription waits
   unsigned int last_io = ~0u;       // the I/O byte last sent (main thread)
   std::thread writer;
@@ -241,7 +243,8 @@ void WebServer::Impl::send(mg_connection* c, int status, const std::string& type
                      "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
                      kSecurityHeaders + headers + "\r\n";
   mg_write(c, head.data(), head.size());
-  if (!body.empty()) mg_write(c, body.data(), body.size());
+  const char* method = mg_get_request_info(c)->request_method;
+  if (!body.empty() && (method == nullptr || std::strcmp(method, "HEAD") != 0)) mg_write(c, body.data(), body.size());
 }
 
 void WebServer::Impl::redirect(mg_connection* c, const std::string& to, const std::string& headers) {
@@ -398,6 +401,8 @@ int WebServer::Impl::handle(mg_connection* c) {
     job->b = q.count("until") ? q.at("until") : "";
   } else if (uri == "/api/status") {
     job->kind = WebJob::kStatus;
+  } else if (uri == "/api/log") {
+    job->kind = WebJob::kLog;
   } else if (uri == "/api/io") {
     job->kind = WebJob::kIo;
   } else if (uri == "/api/settings") {
@@ -463,7 +468,7 @@ int WebServer::Impl::ws_data(mg_connection* c, int bits, char* data, size_t size
     std::lock_guard<std::mutex> own(client->m);
     if (client->closing) return 0;
     client->wanted = names;
-    client->io = io;
+    client->wanted_io = io;
     client->fresh = true;
   }
   return 1;
@@ -534,6 +539,7 @@ void WebServer::Impl::batch() {
       if (c->fresh) {
         c->fresh = false;
         c->last_io = ~0u;  // a new subscription gets the bits at once
+        c->io = c->wanted_io;
         c->points.clear();
         for (const auto& name : c->wanted) {
           const int i = table.Find(name);
@@ -576,6 +582,11 @@ void WebServer::Impl::run(WebJob& job) {
   StationPoints& sp = *st.points;
   const zqpoints::PointTable& table = sp.table;
   const int64_t now_us = sp.clock.NowUtcUs();
+  if (job.kind == WebJob::kCommand || job.kind == WebJob::kTraceCsv) {
+    // The level the users file gives now: a lowered or removed user acts at
+    // once at the new level (as MQTT requests do), not at the login's.
+    who.level = std::min(who.level, static_cast<int>(ZQSecurity::UserLevel(st.settings.UsersFile, s.user)));
+  }
   switch (job.kind) {
     case WebJob::kLogin:
       break;  // started by Poll
@@ -672,6 +683,23 @@ void WebServer::Impl::run(WebJob& job) {
                            {"cycle_avg_us", t.AvgCycleLength() / 1000.0},
                            {"cycle_max_us", t.MaxCycleLength() / 1000.0},
                            {"overruns", static_cast<long long>(cs.overruns)}});
+      break;
+    }
+    case WebJob::kLog: {  // the newest entries of the in-memory log, newest first
+      // Audit lines name users and addresses: for those who may change the settings.
+      if (!remote_may_run(st, s.level, "config save")) {
+        job.status = 403;
+        job.body = "{\"error\":\"not permitted\"}";
+        break;
+      }
+      json list = json::array();
+      for (const Log_Entry& e : st.log) {
+        if (list.size() >= 50) break;
+        const int t = static_cast<int>(e.type);
+        list.push_back({{"time", e.time}, {"type", std::string(1, Log_Entry::eLogTypeS[t >= 0 && t < 17 ? t : 0])},
+                        {"text", e.text}});
+      }
+      job.body = dump(json{{"entries", list}});
       break;
     }
     case WebJob::kIo: {

@@ -72,7 +72,9 @@ version=$(LD_LIBRARY_PATH="$tmp/usr/lib" "$tmp/usr/bin/station" --version)
 version=$(LD_LIBRARY_PATH="$tmp/usr/lib" "$tmp/usr/bin/stationctl" --version)
 [[ $version == "stationctl 1."* ]] || { echo "stationctl --version: $version"; exit 1; }
 for f in etc/station/station.cfg etc/logrotate.d/station lib/systemd/system/station.service \
-         usr/share/man/man1/station.1.gz usr/share/man/man1/stationctl.1.gz; do
+         usr/share/man/man1/station.1.gz usr/share/man/man1/stationctl.1.gz \
+         usr/share/zqcommon-station/web/index.html usr/share/zqcommon-station/web/trend.js \
+         usr/share/doc/zqcommon-station/web.md; do
   [[ -f $tmp/$f ]] || { echo "missing $f"; exit 1; }
 done
 dpkg-deb -e zqcommon-station_*.deb "$tmp/control"

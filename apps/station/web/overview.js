@@ -1,5 +1,5 @@
 // Overview: every point's value, unit, quality, age and alarm state; the
-// station's cycle statistics, version and uptime.
+// station's cycle statistics, version and uptime; the newest log entries.
 'use strict';
 
 function rowOf(body, name) {
@@ -38,7 +38,25 @@ async function refreshStatus() {
       zq.number(s.cycle_avg_us) + ' us, max ' + zq.number(s.cycle_max_us) + ' us; ' + s.overruns + ' overruns';
 }
 
+async function refreshLog() {
+  const s = await zq.load();
+  document.getElementById('log-part').hidden = s.level !== 'admin';
+  if (s.level !== 'admin') return;
+  const data = await zq.get('/api/log');
+  const body = document.querySelector('#log tbody');
+  body.textContent = '';
+  for (const e of data.entries) {
+    const tr = document.createElement('tr');
+    tr.className = 'log-' + e.type;
+    tr.appendChild(zq.el('td', zq.time(e.time * 1e6)));
+    tr.appendChild(zq.el('td', e.type));
+    tr.appendChild(zq.el('td', e.text, 'text'));
+    body.appendChild(tr);
+  }
+}
+
 document.addEventListener('DOMContentLoaded', () => {
   zq.every(1000, refreshPoints);
+  zq.every(3000, refreshLog);
   zq.every(1000, refreshStatus);
 });
