@@ -21,7 +21,6 @@ import http.client
 import json
 import os
 import shutil
-import socket
 import ssl
 import subprocess
 import sys
@@ -31,20 +30,12 @@ import urllib.parse
 
 import websockets
 
-from station_proc import start_station, stop_station
+from station_proc import free_port, start_station, stop_station, web_port
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 POINTS = ["bench.p%d" % i for i in range(10)]
 PASSWORD = "bench-Web-1"
 HZ = os.sysconf("SC_CLK_TCK")
-
-
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
 
 
 def percentile(values, p):
@@ -144,7 +135,7 @@ def main():
     n = int(sys.argv[2]) if len(sys.argv) > 2 else 20
     seconds = float(sys.argv[3]) if len(sys.argv) > 3 else 10
     work = tempfile.mkdtemp(prefix="web-bench-")
-    tcp, web = free_port(), free_port()
+    tcp = free_port()
     shutil.copy(os.path.join(ROOT, "apps/station/station.cfg"), work)
     open(os.path.join(work, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
     with open(os.path.join(work, "station.cfg"), "a") as f:
@@ -159,8 +150,8 @@ def main():
     proc = None
     try:
         time.sleep(1)  # the device listens
-        proc, _ = start_station(station, work, "-f", "station.cfg", "Server.ACL=open.acl",
-                                "Web.Listen=127.0.0.1:%d" % web)
+        proc, _ = start_station(station, work, "-f", "station.cfg", "Server.ACL=open.acl", "Web.Listen=127.0.0.1:0")
+        web = web_port(work)
         ctx = ssl.create_default_context(cafile=os.path.join(work, "tls/ca.pem"))
         ctx.check_hostname = False
         cookies = [login(web, ctx, u) for u in users]

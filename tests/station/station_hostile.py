@@ -691,12 +691,11 @@ def web_hostile(binary, source):
     for name in ("station.cfg", "station.acl"):
         shutil.copy(os.path.join(source, name), folder)
     passwd(binary, folder, "vic", "viewer")
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    web = s.getsockname()[1]
-    s.close()
-    proc, port = start(binary, "Web.Listen=127.0.0.1:%d" % web, cwd=folder, users="station.users", tls="1")
+    proc, port = start(binary, "Web.Listen=127.0.0.1:0", cwd=folder, users="station.users", tls="1")
     try:
+        out = os.path.join(WORK, "stdout-web.txt")
+        wait_for("the station prints its web port", lambda: re.search(r"web port (\d+)", open(out).read()))
+        web = int(re.search(r"web port (\d+)", open(out).read()).group(1))
         ctx = ssl.create_default_context(cafile=os.path.join(folder, "tls/ca.pem"))
         ctx.check_hostname = False
         wait_for("the web port answers", lambda: web_get(web, ctx) == 200, 20)
