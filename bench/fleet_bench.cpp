@@ -3,6 +3,7 @@
 // process per station fed line by line).
 //
 //   fleet_bench [STATIONS=200] [SECONDS=10]
+//   fleet_bench telemetry [POINTS=1000] [HZ=100] [SECONDS=10]
 //
 // Each station publishes a status record every second and 10 sample batches
 // a second at QoS 1. A subscriber in this process counts what arrives per
@@ -10,6 +11,10 @@
 // from a send time in each payload. CPU per station is the publishing
 // processes' user+system time divided by the stations. Needs mosquitto and
 // mosquitto_pub on PATH; starts its own broker on a free loopback port.
+//
+// telemetry: one station's points (a PointTable) published at a rate, one
+// record per update, at QoS 0 and 1, against mosquitto_pub -l fed the same
+// records (see telemetry() below); fails when a QoS 1 record is lost.
 #include <dirent.h>
 #include <fcntl.h>
 #include <mosquitto.h>
@@ -22,11 +27,14 @@
 #include <unistd.h>
 #include <zqfleet/JsonFields.h>
 #include <zqfleet/MqttLink.h>
+#include <zqpoints/PointTable.h>
 
 #include "bench_util.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -150,39 +158,251 @@ Result run(int port, int stations, int seconds, const char* prefix, F publish) {
   return measure(sub, stations, seconds, cpu, sent);
 }
 
+// A mosquitto of its own on a free loopback port, stopped by its pid.
+struct Broker {
+  int port = free_port();
+  char conf[32] = "/tmp/fleet-bench-XXXXXX";
+  pid_t pid = -1;
+  bool Start() {
+    const int fd = mkstemp(conf);
+    const std::string text = "listener " + std::to_string(port) + " 127.0.0.1\nallow_anonymous true\nmax_queued_messages 100000\n";
+    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return false;
+    close(fd);
+    pid = fork();
+    if (pid == 0) {
+      // The broker's log would interleave with the report: it goes nowhere.
+      const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+      if (null >= 0) {
+        dup2(null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+      }
+      execlp("mosquitto", "mosquitto", "-c", conf, static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    usleep(500000);
+    return pid > 0;
+  }
+  // Asked to stop for 5 s, then killed.
+  void Stop() {
+    kill(pid, SIGTERM);
+    for (int waited = 0; waitpid(pid, nullptr, WNOHANG) == 0; ++waited) {
+      if (waited == 500) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        break;
+      }
+      usleep(10000);
+    }
+    unlink(conf);
+  }
+};
+
+// Runs `publish` in a child process; the child writes its CPU seconds and
+// the records it sent into a pipe.
+template <typename F>
+double in_child(long long& sent, F publish) {
+  int pipefd[2];
+  if (pipe(pipefd) != 0) return 0.0;
+  const pid_t child = fork();
+  if (child == 0) {
+    rusage before{}, after{};
+    long long count = 0;
+    const double cpu = publish(count, before, after);
+    const long long msg[2] = {static_cast<long long>(cpu * 1e6), count};
+    if (write(pipefd[1], msg, sizeof msg) != sizeof msg) _exit(1);
+    _exit(0);
+  }
+  close(pipefd[1]);
+  long long msg[2] = {0, 0};
+  if (read(pipefd[0], msg, sizeof msg) != sizeof msg) std::fprintf(stderr, "library run failed\n");
+  close(pipefd[0]);
+  waitpid(child, nullptr, 0);
+  sent = msg[1];
+  return static_cast<double>(msg[0]) * 1e-6;
+}
+
+// mosquitto_pub -l publishers (`topics`, each fed line by line) and their stdin.
+struct Publishers {
+  std::vector<FILE*> feeds;
+  std::vector<pid_t> kids;
+  Publishers(int port, const std::vector<std::string>& topics, int qos) {
+    for (const std::string& t : topics) {
+      int p[2];
+      if (pipe(p) != 0) break;
+      const pid_t kid = fork();
+      if (kid == 0) {
+        dup2(p[0], 0);
+        close(p[0]);
+        close(p[1]);
+        const std::string portText = std::to_string(port), qosText = std::to_string(qos);
+        execlp("mosquitto_pub", "mosquitto_pub", "-h", "127.0.0.1", "-p", portText.c_str(), "-q", qosText.c_str(),
+               "-V", "5", "-t", t.c_str(), "-l", static_cast<char*>(nullptr));
+        _exit(127);
+      }
+      close(p[0]);
+      kids.push_back(kid);
+      feeds.push_back(fdopen(p[1], "w"));
+    }
+  }
+  // End of input: each publisher sends what it has and exits.
+  void Close() {
+    for (FILE* f : feeds) std::fclose(f);
+    for (pid_t k : kids) waitpid(k, nullptr, 0);
+  }
+};
+
+double thread_cpu() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// Sleeps until `start` + `tick` periods of `period_ns` (CLOCK_MONOTONIC).
+void sleep_until_tick(const timespec& start, long long tick, long long period_ns) {
+  const long long at = start.tv_sec * 1000000000LL + start.tv_nsec + tick * period_ns;
+  const timespec ts{static_cast<time_t>(at / 1000000000LL), static_cast<long>(at % 1000000000LL)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+  }
+}
+
+// Telemetry of one station: `points` points updated at `hz`, one samples
+// record per update (the acquisition time in UTC microseconds and every
+// value, as the station writes its samples; the names and units once a
+// second), through MqttLink at `qos` against mosquitto_pub -l fed the same
+// records. Loss is counted by the subscriber from the records' numbers.
+int telemetry(int points, int hz, int seconds) {
+  Broker broker;
+  if (!broker.Start()) return 1;
+  std::printf("telemetry: %d points at %d Hz (%d point-samples/s), %d s, one record per update, one mosquitto\n",
+              points, hz, points * hz, seconds);
+  zqpoints::PointTable table;
+  for (int i = 0; i < points; ++i) {
+    zqpoints::PointConfig c;
+    c.name = "p" + std::to_string(i);
+    c.unit = "mm";
+    table.Add(c);
+  }
+  std::string columns = "[", units = "[";
+  for (int i = 0; i < points; ++i) {
+    columns += (i ? ",\"" : "\"") + table[static_cast<size_t>(i)].name() + "\"";
+    units += (i ? ",\"" : "\"") + table[static_cast<size_t>(i)].config().unit + "\"";
+  }
+  columns += "]";
+  units += "]";
+  const long long period = 1000000000LL / hz;
+  const int ticks = seconds * hz;
+  // One update of every point and its record's fields, built the station's
+  // way (snprintf per value into a kept buffer, JsonFields around it).
+  std::string values;
+  values.reserve(static_cast<size_t>(points) * 12 + 2);
+  const auto record = [&](long long tick) {
+    const int64_t t_us = static_cast<int64_t>(now_ns() / 1000);
+    values.assign("[");
+    for (int i = 0; i < points; ++i) {
+      const double v = 100.0 + std::sin(0.01 * static_cast<double>(tick + i));
+      table.Update(static_cast<size_t>(i), v, t_us);
+      char item[32];
+      std::snprintf(item, sizeof item, "%s%.4f", i ? "," : "", v);
+      values += item;
+    }
+    values += "]";
+    zqfleet::JsonFields f;
+    f.Add("n", 0).Add("k", tick).Add("t", now_ns()).Add("time_us", static_cast<long long>(t_us)).AddRaw("values", values);
+    if (tick % hz == 0) f.AddRaw("columns", columns).AddRaw("units", units);
+    return f;
+  };
+  std::vector<Result> results;
+  double building = 0;  // CPU seconds spent updating the points and writing the records
+  for (int qos = 0; qos <= 1; ++qos) {
+    const Result lib = run(broker.port, 1, seconds, "zq", [&](long long& sent) {
+      return in_child(sent, [&](long long& count, rusage& before, rusage& after) {
+        zqfleet::MqttSettings s;
+        s.Host = "127.0.0.1";
+        s.Port = broker.port;
+        s.QoS = qos;
+        s.QueueLimit = 64LL << 20;
+        std::string error;
+        s.Resolve("t0", error);
+        zqfleet::MqttLink link(s, "t0");
+        link.Start("", error);
+        usleep(1000000);  // connected
+        getrusage(RUSAGE_SELF, &before);
+        timespec start{};
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        for (long long tick = 0; tick < ticks; ++tick) {
+          link.Publish("samples", record(tick).Text());
+          ++count;
+          sleep_until_tick(start, tick + 1, period);
+        }
+        link.Stop(5000);
+        getrusage(RUSAGE_SELF, &after);
+        return cpu_seconds(after) - cpu_seconds(before);
+      });
+    });
+    // The same records, envelope included, from one mosquitto_pub -l.
+    const Result pub = run(broker.port, 1, seconds, "mp", [&](long long& sent) {
+      Publishers p(broker.port, {"mp/t0/samples"}, qos);
+      usleep(1000000);
+      const double before = cpu_of(p.kids);
+      timespec start{};
+      clock_gettime(CLOCK_MONOTONIC, &start);
+      for (long long tick = 0; tick < ticks; ++tick) {
+        const double t0 = thread_cpu();
+        const zqfleet::JsonFields f = record(tick);
+        building += thread_cpu() - t0;
+        std::fprintf(p.feeds[0], "{\"station\":\"t0\",\"seq\":%lld,\"time\":\"%s\",%s}\n", tick,
+                     zqfleet::JsonFields::UtcTime(static_cast<double>(now_ns()) * 1e-9).c_str(), f.Text().c_str());
+        std::fflush(p.feeds[0]);
+        ++sent;
+        sleep_until_tick(start, tick + 1, period);
+      }
+      usleep(2000000);  // the last records go out
+      const double after = cpu_of(p.kids);
+      p.Close();
+      return after - before;
+    });
+    const auto show = [&](const char* name, const Result& r) {
+      std::printf("QoS %d %-17s %7.1f records/s (%9.0f point-samples/s) delivered, p99 %6.1f ms, CPU %5.1f%% of a core, lost %lld, duplicated %lld of %lld\n",
+                  qos, name, r.rate, r.rate * points, r.p99_ms, 100.0 * r.cpu / seconds, r.lost, r.dup, r.sent);
+    };
+    show("MqttLink", lib);
+    show("mosquitto_pub -l", pub);
+    results.push_back(lib);
+    results.push_back(pub);
+  }
+  broker.Stop();
+  std::printf("of the MqttLink CPU, updating the points and writing the records (done outside mosquitto_pub's): %.1f%% of a core\n",
+              100.0 * building / (2.0 * seconds));
+  const Result& lib1 = results[2];
+  const Result& pub1 = results[3];
+  std::printf("goal: no loss at QoS 1 (%s), station CPU <= 50%% of a core (%s)\n", lib1.lost == 0 ? "met" : "NOT MET",
+              lib1.cpu / seconds <= 0.5 ? "met" : "NOT MET");
+  bench::summary({bench::text("telemetry: %d points at %d Hz, QoS 1", points, hz), "mosquitto_pub -l (same records)",
+                  bench::text("%.1f%% core", 100.0 * pub1.cpu / seconds),
+                  bench::text("%.1f%% core, lost %lld", 100.0 * lib1.cpu / seconds, lib1.lost),
+                  lib1.cpu > 0 ? pub1.cpu / lib1.cpu : NAN, NAN, "", "-"});
+  return lib1.lost == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int stations = argc > 1 ? std::atoi(argv[1]) : 200;
-  const int seconds = argc > 2 ? std::atoi(argv[2]) : 10;
   signal(SIGPIPE, SIG_IGN);
   mosquitto_lib_init();
-  const int port = free_port();
-  char conf[] = "/tmp/fleet-bench-XXXXXX";
-  const int fd = mkstemp(conf);
-  const std::string text = "listener " + std::to_string(port) + " 127.0.0.1\nallow_anonymous true\nmax_queued_messages 100000\n";
-  if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return 1;
-  close(fd);
-  const pid_t broker = fork();
-  if (broker == 0) {
-    // The broker's log would interleave with the report: it goes nowhere.
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0) {
-      dup2(null, STDOUT_FILENO);
-      dup2(null, STDERR_FILENO);
-    }
-    execlp("mosquitto", "mosquitto", "-c", conf, static_cast<char*>(nullptr));
-    _exit(127);
+  if (argc > 1 && std::strcmp(argv[1], "telemetry") == 0) {
+    return telemetry(argc > 2 ? std::atoi(argv[2]) : 1000, argc > 3 ? std::atoi(argv[3]) : 100,
+                     argc > 4 ? std::atoi(argv[4]) : 10);
   }
-  usleep(500000);
+  const int stations = argc > 1 ? std::atoi(argv[1]) : 200;
+  const int seconds = argc > 2 ? std::atoi(argv[2]) : 10;
+  Broker broker;
+  if (!broker.Start()) return 1;
+  const int port = broker.port;
   std::printf("fleet: %d stations, %d s, status 1/s + samples 10/s each at QoS 1, one mosquitto\n", stations, seconds);
 
   // The library: one MqttLink per station in a child process, whose CPU is measured.
   const Result lib = run(port, stations, seconds, "zq", [&](long long& sent) {
-    int pipefd[2];
-    if (pipe(pipefd) != 0) return 0.0;
-    const pid_t child = fork();
-    if (child == 0) {
+    return in_child(sent, [&](long long& count, rusage& before, rusage& after) {
       std::vector<std::unique_ptr<zqfleet::MqttLink>> links;
       for (int i = 0; i < stations; ++i) {
         zqfleet::MqttSettings s;
@@ -194,9 +414,7 @@ int main(int argc, char** argv) {
         links.back()->Start("", error);
       }
       usleep(1000000);  // every link connected
-      rusage before{};
       getrusage(RUSAGE_SELF, &before);
-      long long count = 0;
       for (int tick = 0; tick < seconds * 10; ++tick) {
         for (int i = 0; i < stations; ++i) {
           zqfleet::JsonFields f;
@@ -208,49 +426,21 @@ int main(int argc, char** argv) {
         usleep(100000);
       }
       for (auto& l : links) l->Stop(2000);
-      rusage after{};
       getrusage(RUSAGE_SELF, &after);
-      const double cpu = cpu_seconds(after) - cpu_seconds(before);
-      const long long msg[2] = {static_cast<long long>(cpu * 1e6), count};
-      if (write(pipefd[1], msg, sizeof msg) != sizeof msg) _exit(1);
-      _exit(0);
-    }
-    close(pipefd[1]);
-    long long msg[2] = {0, 0};
-    if (read(pipefd[0], msg, sizeof msg) != sizeof msg) std::fprintf(stderr, "library run failed\n");
-    close(pipefd[0]);
-    waitpid(child, nullptr, 0);
-    sent = msg[1];
-    return static_cast<double>(msg[0]) * 1e-6;
+      return cpu_seconds(after) - cpu_seconds(before);
+    });
   });
 
   // The same load from mosquitto_pub -l, one process per station and topic
   // kind, fed line by line; its CPU is the children's.
   const Result pub = run(port, stations, seconds, "mp", [&](long long& sent) {
-    std::vector<FILE*> feeds;
-    std::vector<pid_t> kids;
-    for (int i = 0; i < stations; ++i) {
-      for (const char* topic : {"samples", "status"}) {
-        int p[2];
-        if (pipe(p) != 0) break;
-        const pid_t kid = fork();
-        if (kid == 0) {
-          dup2(p[0], 0);
-          close(p[0]);
-          close(p[1]);
-          const std::string t = "mp/b" + std::to_string(i) + "/" + topic;
-          const std::string portText = std::to_string(port);
-          execlp("mosquitto_pub", "mosquitto_pub", "-h", "127.0.0.1", "-p", portText.c_str(), "-q", "1",
-                 "-V", "5", "-t", t.c_str(), "-l", static_cast<char*>(nullptr));
-          _exit(127);
-        }
-        close(p[0]);
-        kids.push_back(kid);
-        feeds.push_back(fdopen(p[1], "w"));
-      }
-    }
+    std::vector<std::string> topics;
+    for (int i = 0; i < stations; ++i)
+      for (const char* topic : {"samples", "status"}) topics.push_back("mp/b" + std::to_string(i) + "/" + topic);
+    Publishers p(port, topics, 1);
+    std::vector<FILE*>& feeds = p.feeds;
     usleep(1000000);
-    const double before = cpu_of(kids);
+    const double before = cpu_of(p.kids);
     long long count = 0;
     for (int tick = 0; tick < seconds * 10; ++tick) {
       for (int i = 0; i < stations; ++i) {
@@ -267,24 +457,13 @@ int main(int argc, char** argv) {
       usleep(100000);
     }
     usleep(2000000);  // the last records go out
-    const double after = cpu_of(kids);
-    for (FILE* f : feeds) std::fclose(f);  // end of input: each publisher exits
-    for (pid_t k : kids) waitpid(k, nullptr, 0);
+    const double after = cpu_of(p.kids);
+    p.Close();
     sent = count;
     return after - before;
   });
 
-  // The broker is stopped by its pid: asked for 5 s, then killed.
-  kill(broker, SIGTERM);
-  for (int waited = 0; waitpid(broker, nullptr, WNOHANG) == 0; ++waited) {
-    if (waited == 500) {
-      kill(broker, SIGKILL);
-      waitpid(broker, nullptr, 0);
-      break;
-    }
-    usleep(10000);
-  }
-  unlink(conf);
+  broker.Stop();
   const auto show = [&](const char* name, const Result& r) {
     std::printf("%-22s %8.0f msg/s delivered, p99 %7.1f ms, CPU %6.3f ms per station per second, samples lost %lld, duplicated %lld of %lld\n",
                 name, r.rate, r.p99_ms, r.cpu * 1000.0 / stations / seconds, r.lost, r.dup, r.sent);

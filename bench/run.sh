@@ -19,7 +19,7 @@ cmake --build "$build" -j"$(nproc)" >/dev/null
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
 failed=()
-for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10" modbus_bench points_bench; do
+for run in crc_bench config_bench log_bench echo_bench mailbox_bench fit_bench latency_bench "fleet_bench 200 10" "fleet_bench telemetry 1000 100 10" modbus_bench points_bench; do
   read -r bench args <<<"$run"
   if [ -x "$build/$bench" ]; then
     # shellcheck disable=SC2086

@@ -6,6 +6,7 @@
 #   libzqdevices1     serial lines and Modbus, libzqdevices.so.1 (component devices)
 #   libzqdevices-dev  its headers, CMake component, .pc file (component devices-dev)
 #   libzqpoints1      the SQLite alarm journal, libzqpoints.so.1 (component points)
+#   libzqpoints-dev   its header, CMake component, .pc file  (component points-dev)
 #   zqcommon-station  the station as a systemd service,      (component station)
 #                     and its client stationctl
 # A program on the core library alone pulls in neither libmosquitto nor
@@ -23,7 +24,7 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/debian/changelog.gz
 add_custom_target(zq_debian_docs ALL DEPENDS ${PROJECT_BINARY_DIR}/debian/changelog.gz)
 foreach(pair lib:libzqcommon1 dev:libzqcommon-dev fleet:libzqfleet1 fleet-dev:libzqfleet-dev
              devices:libzqdevices1 devices-dev:libzqdevices-dev points:libzqpoints1
-             station:zqcommon-station)
+             points-dev:libzqpoints-dev station:zqcommon-station)
   string(REPLACE ":" ";" pair ${pair})
   list(GET pair 0 component)
   list(GET pair 1 package)
@@ -46,7 +47,7 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://zqcommon.org/)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev devices devices-dev points station)
+set(CPACK_COMPONENTS_ALL lib dev fleet fleet-dev devices devices-dev points points-dev station)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -89,6 +90,15 @@ bounded in rows and queried by time range. It links libsqlite3;
 libzqcommon1 does not.")
 set(CPACK_COMPONENT_POINTS_DEPENDS lib)
 set(CPACK_DEBIAN_POINTS_PACKAGE_CONTROL_EXTRA ${ZQ_DEBIAN}/lib/triggers)
+
+set(CPACK_DEBIAN_POINTS-DEV_PACKAGE_NAME libzqpoints-dev)
+set(CPACK_DEBIAN_POINTS-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_POINTS-DEV_DESCRIPTION "libzqpoints: development files
+The header zqpoints/AlarmJournal.h, the CMake component
+(find_package(zqcommon COMPONENTS points), target zqcommon::zqpoints) and
+the pkg-config file zqpoints.pc of libzqpoints, the alarm journal of
+libzqcommon's process points.")
+set(CPACK_COMPONENT_POINTS-DEV_DEPENDS points dev)
 
 set(CPACK_DEBIAN_FLEET-DEV_PACKAGE_NAME libzqfleet-dev)
 set(CPACK_DEBIAN_FLEET-DEV_PACKAGE_SECTION libdevel)

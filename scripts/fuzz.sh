@@ -8,13 +8,10 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 target=${1:?usage: fuzz.sh config|readln|cli|subst|acl|cfgentry|settings|autosave|station|fleetcmd|signedcmd|format|users|login|stationctl|deviceurl|modbusserver|web [SECONDS]}
 seconds=${2:-30}
 build=${BUILD_DIR:-$root/build-fuzz}
-bash "$root/scripts/deps.sh" clang libclang-rt-14-dev
-
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DZQ_SANITIZE=fuzzer-no-link,address,undefined -DZQ_BUILD_FUZZERS=ON \
-  -DZQ_BUILD_TESTS=OFF -DZQ_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$build" --target "${target}_fuzz" >/dev/null
+# ZQ_FUZZ_BUILT=1: the target is built already (scripts/fuzz-all.sh builds them together).
+if [[ ${ZQ_FUZZ_BUILT:-0} != 1 ]]; then
+  bash "$root/scripts/fuzz-all.sh" --build-only "$target"
+fi
 
 corpus="$build/corpus-$target"
 mkdir -p "$corpus"

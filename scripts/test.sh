@@ -7,8 +7,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 bash "$root/scripts/deps.sh"
 
+# Sanitizer builds: -O1 (what the sanitizers' own guides advise) and line tables
+# only, which is all their reports use; it compiles about a third faster.
+flags=()
+if [[ -n ${ZQ_SANITIZE:-} ]]; then
+  flags=(-DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG")
+fi
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DZQ_SANITIZE="${ZQ_SANITIZE:-}" >/dev/null
+  -DZQ_SANITIZE="${ZQ_SANITIZE:-}" "${flags[@]}" >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:halt_on_error=1:abort_on_error=1}

@@ -63,6 +63,7 @@ const struct {
     {"disable", ZQSecurity::kAdmin},     {"enable", ZQSecurity::kAdmin},
     {"alarm-history", ZQSecurity::kViewer}, {"trace-csv", ZQSecurity::kOperator},
     {"timing-json", ZQSecurity::kOperator},
+    {"outputs", ZQSecurity::kViewer},    {"outputs resume", ZQSecurity::kOperator},
 };
 
 const char kNoUsers[] = "no users yet: create one at the station with: station --passwd NAME LEVEL";
@@ -325,10 +326,13 @@ void Gate::Audit(const Session& s, const std::string& line, int result) {
   // Unknown words from a peer that has not logged in are not recorded: a
   // stranger could otherwise fill the log at the network's speed.
   if (result == -1 && s.level == ZQSecurity::kNoAccess && !open_station()) return;
-  log_.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(),
-           escape_controls(Trim(line)).c_str(),
-           s.access.user.empty() ? "-" : s.access.user.c_str(),
-           UserFile::LevelName(static_cast<AccessLevel>(s.level)), result);
+  audit_line(log_, s, line, result);
+}
+
+void audit_line(Log& log, const Session& s, const std::string& line, int result) {
+  log.Add(elog_INFO, 0, "audit: %s: %s (user %s, %s, result %d)", s.peer.c_str(), escape_controls(Trim(line)).c_str(),
+          s.access.user.empty() ? "-" : escape_controls(s.access.user).c_str(),
+          UserFile::LevelName(static_cast<AccessLevel>(s.level)), result);
 }
 
 bool Gate::StartTLS(Session& s, Connection& conn) {

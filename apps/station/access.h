@@ -173,6 +173,10 @@ struct AccessOption {
   int Handle(StationSettings& settings, ServerSettings& server);
 };
 
+// The one audit line of an action of session `s` (terminal, TCP, MQTT or
+// web): "audit: PEER: LINE (user NAME, LEVEL, result N)".
+void audit_line(Log& log, const Session& s, const std::string& line, int result);
+
 // Gives `cli` the minimum level of every station command (the one table that
 // network sessions and requests through the broker share).
 void apply_command_levels(CLI& cli);

@@ -4,6 +4,7 @@
 #include <zqcommon/cli.h>
 #include <zqcommon/lib_config.h>
 #include <zqcommon/mysocket.h>
+#include <zqfleet/JsonFields.h>
 
 #include <chrono>
 #include <cstdio>
@@ -77,6 +78,9 @@ bool FieldDevices::Attach(SensorTask& task, const std::string& acl, std::string&
       why = "[Device." + c.name + "]: no room in the I/O image (8 handlers of 16 bytes at most)";
       return false;
     }
+    // The overrun policy writes the device's outputs' safe states too.
+    for (const zqdevices::DevicePoint& p : c.points)
+      if (p.output && p.io_bit >= 0) task.SetSafeBit(image_bytes_ * 8 + static_cast<unsigned int>(p.io_bit), p.safe);
     image_bytes_ += device_bytes(c);
   }
   zqdevices::ModbusServerConfig sc;
@@ -133,6 +137,7 @@ bool FieldDevices::Start(std::string& why) {
 }
 
 void FieldDevices::Stop() {
+  stopped_ = true;
   if (server_) server_->Stop();
   for (auto& d : devices_) d->Stop();
 }
@@ -189,6 +194,61 @@ void FieldDevices::Poll() {
     if (points_ && e.device < faults_.size() && faults_[e.device].point >= 0)
       points_->table.Update(static_cast<size_t>(faults_[e.device].point), e.faulted ? 1 : 0, e.time_us);
   }
+  if (server_) log_writes();
+}
+
+namespace {
+
+// Modbus function codes and exception codes in write records.
+enum : unsigned int { kWriteCoil = 5, kWriteCoils = 15, kMaskWrite = 22 };
+enum : unsigned int { kIllegalFunction = 1, kIllegalAddress = 2 };
+
+// What a write record wrote, as the audit line says it: "coil 64 = 1",
+// "coils 4-6 = 1 0 1", "register 3 = 7", "registers 3-4 = 7 ...".
+std::string write_target(const zqdevices::ModbusServer::WriteRecord& r) {
+  const bool coils = r.function == kWriteCoil || r.function == kWriteCoils;
+  std::string out = coils ? "coil" : "register";
+  if (r.count > 1) out += "s";
+  out += " " + std::to_string(r.address);
+  if (r.count > 1) out += "-" + std::to_string(r.address + r.count - 1);
+  out += " =";
+  if (r.function == kWriteCoil)
+    out += r.value == 0xFF00 ? " 1" : r.value == 0 ? " 0" : " " + std::to_string(r.value) + " (not a coil state)";
+  else if (coils)
+    for (unsigned int b = 0; b < r.count && b < 16; ++b) out += (r.value >> b) & 1 ? " 1" : " 0";
+  else
+    out += " " + std::to_string(r.value);
+  if (r.count > (coils ? 16 : 1)) out += " ...";
+  if (r.function == kMaskWrite) out += " (mask write)";
+  return out;
+}
+
+const char* write_result(unsigned int code) {
+  switch (code) {
+    case 0: return "accepted";
+    case kIllegalFunction: return "refused, writes not allowed from this address (exception 1)";
+    case kIllegalAddress: return "refused, read-only or not in the map (exception 2)";
+    default: return "refused, not a valid value (exception 3)";
+  }
+}
+
+constexpr std::chrono::seconds kUnloggedReport{10};
+
+}  // namespace
+
+void FieldDevices::log_writes() {
+  server_->TakeWriteRecords(
+      [this](const zqdevices::ModbusServer::WriteRecord& r) {
+        log_.Add(r.result == 0 ? elog_INFO : elog_WARN, 0, "audit: modbus client %s: write %s: %s", r.client,
+                 write_target(r).c_str(), write_result(r.result));
+      },
+      unlogged_writes_);
+  const auto now = std::chrono::steady_clock::now();
+  if (unlogged_writes_ == 0 || (now < next_unlogged_report_ && !stopped_)) return;
+  log_.Add(elog_WARN, 0, "audit: modbus: %llu more write requests not logged (over %u a second)",
+           static_cast<unsigned long long>(unlogged_writes_), zqdevices::ModbusServer::kRecordsPerSecond);
+  unlogged_writes_ = 0;
+  next_unlogged_report_ = now + kUnloggedReport;
 }
 
 void FieldDevices::Deliver(const zqdevices::DeviceValue& v) {
@@ -215,6 +275,20 @@ void FieldDevices::StateChanged(const std::string& device, bool faulted, const s
   if (events_.size() < 256)
     events_.push_back(Event{faulted, found != slot_of_.end() ? found->second.first : faults_.size(), now,
                             "device " + device + (faulted ? " fault: " : " recovered: ") + reason});
+}
+
+std::string FieldDevices::TakeSamples() {
+  std::string out;
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (Slot& v : values_) {
+    if (v.time_us == 0 || v.time_us == v.sampled_us) continue;
+    v.sampled_us = v.time_us;
+    zqfleet::JsonFields f;
+    f.Add("name", v.name).Add("unit", v.unit).Add("value", v.value).Add("time_us", static_cast<long long>(v.time_us));
+    f.Add("quality", v.good ? "good" : "device-fault");
+    out += (out.empty() ? "[{" : ",{") + f.Text() + "}";
+  }
+  return out.empty() ? out : out + "]";
 }
 
 std::string FieldDevices::List() {

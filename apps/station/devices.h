@@ -7,6 +7,7 @@
 #include <zqdevices/ModbusDevice.h>
 #include <zqdevices/ModbusServer.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -53,9 +54,16 @@ class FieldDevices : public zqdevices::ValueSink {
   // Makes or finds the points of the devices' values and faults in
   // `points` (after Attach, before Start); they are updated from then on.
   void BindPoints(StationPoints& points);
-  // Main thread: logs the state changes that came from the devices and
-  // moves the newest values into the points.
+  // Main thread: logs the state changes that came from the devices and the
+  // Modbus server's write records, and moves the newest values into the
+  // points.
   void Poll();
+
+  // The device values acquired since the previous call (the newest of each),
+  // as the JSON array of the MQTT samples message: objects with name, unit,
+  // value, time_us (acquisition, UTC microseconds) and quality ("good" or
+  // "device-fault"); empty when there is none.
+  std::string TakeSamples();
 
   // The `device` command's texts.
   std::string List();
@@ -87,12 +95,19 @@ class FieldDevices : public zqdevices::ValueSink {
     int64_t time_us = 0;
     bool good = false, fresh = false;
     int point = -1;  // in the bound point table
+    int64_t sampled_us = 0;  // time_us of the value TakeSamples() last handed out
   };
   std::vector<Slot> values_;  // every mapped value, in the devices' order
   std::vector<Slot> faults_;  // one per device (its point "DEVICE.fault")
   // device name -> its index and value name -> slot index
   std::map<std::string, std::pair<size_t, std::map<std::string, size_t>>> slot_of_;
   StationPoints* points_ = nullptr;
+  // The server's write requests as audit lines; those beyond the server's
+  // record rate are counted and said once a kUnloggedReport (and at stop).
+  void log_writes();
+  uint64_t unlogged_writes_ = 0;
+  std::chrono::steady_clock::time_point next_unlogged_report_{};
+  bool stopped_ = false;
 };
 
 // The active FieldDevices (set while one lives), for the commands.

@@ -13,6 +13,7 @@
 #include <set>
 
 #include "access.h"
+#include "devices.h"
 #include "fleet.h"
 #include "remote_command.h"
 
@@ -222,7 +223,6 @@ void Fleet::serve(const zqfleet::MqttLink::Request& req) {
   const int level = level_for(req, cmd, who);
   if (level < 0) return;
   RemoteCaller caller;
-  caller.channel = "MQTT";
   caller.user = who;
   caller.peer = "mqtt:" + escape_controls(who);
   caller.level = level;
@@ -317,11 +317,14 @@ void Fleet::Poll() {
   if (!samples_.empty() && now - batch_start_ >= 0.1) {
     // Each sample: [cycle, sensor reading, io byte, acquisition time in UTC microseconds].
     const zqpoints::Point& sensor = st_.points->table[st_.points->sensor];
-    link_->Publish("samples", JsonFields()
-                                  .AddRaw("samples", "[" + samples_ + "]")
-                                  .AddRaw("columns", "[\"cycle\"," + JsonFields::Quote(sensor.name()) + ",\"io\",\"time_us\"]")
-                                  .AddRaw("units", "[\"\"," + JsonFields::Quote(sensor.config().unit) + ",\"\",\"us\"]")
-                                  .Text());
+    JsonFields batch;
+    batch.AddRaw("samples", "[" + samples_ + "]")
+        .AddRaw("columns", "[\"cycle\"," + JsonFields::Quote(sensor.name()) + ",\"io\",\"time_us\"]")
+        .AddRaw("units", "[\"\"," + JsonFields::Quote(sensor.config().unit) + ",\"\",\"us\"]");
+    // With field devices: their values acquired since the previous batch.
+    const std::string points = field_devices() ? field_devices()->TakeSamples() : std::string();
+    if (!points.empty()) batch.AddRaw("points", points);
+    link_->Publish("samples", batch.Text());
     samples_.clear();
   }
   if (now - last_status_ >= cfg_.mqtt.StatusPeriod) {

@@ -97,6 +97,15 @@ StationPoints::StationPoints(Station& station) : st(station) {
   low_ = st.settings.LowLimit;
   high_ = st.settings.HighLimit;
   setpoint_ = st.settings.Setpoint;
+  for (const char* name : {"Setpoint", "LowLimit", "HighLimit"}) {
+    PointConfig c;
+    c.unit = table[sensor].config().unit;
+    c.display_low = table[sensor].config().display_low;
+    c.display_high = table[sensor].config().display_high;
+    if (set_points.Add(st.settings, "Station", name, c, &error) < 0)
+      st.log.Add(elog_ERROR, 0, "points: %s", error.c_str());
+  }
+  set_points.Sync(clock.NowUtcUs());
   table.SetLimits(sensor, table[sensor].config().lolo, low_, high_, table[sensor].config().hihi,
                   table[sensor].config().deadband);
 }
@@ -136,6 +145,24 @@ void StationPoints::declare_defaults() {
     c.on_delay_samples = 3;      // one late cycle is no alarm
     c.off_delay_us = 1000000;    // on time for a second before it clears
     overrun = table.Add(c);
+  }
+  const OverrunGuard& guard = st.task.overrun;
+  if (guard.policy() < OverrunGuard::Policy::Warn) return;
+  overrun_trip = table.Find("overrun_trip");
+  if (overrun_trip < 0) {
+    const bool safe = guard.policy() == OverrunGuard::Policy::Safe;
+    PointConfig c;
+    c.name = "overrun_trip";
+    c.description = Format("1 while %u overruns within %lld ms trip the overrun policy%s", guard.limit(),
+                           guard.window_ns() / 1000000, safe ? " or the outputs are held safe" : "");
+    c.guidance = safe ? "outputs are in their safe states; find the load, then: outputs resume"
+                      : "the machine is loaded or the task needs real-time rights";
+    c.display_low = 0;
+    c.display_high = 1;
+    c.hi = 0.5;
+    c.hi_severity = safe ? Severity::High : Severity::Medium;
+    c.latching = true;  // seen even when the overruns stopped by themselves
+    overrun_trip = table.Add(c);
   }
 }
 
@@ -187,6 +214,7 @@ void StationPoints::OnRecord(const Record& r) {
   }
   table.Update(static_cast<size_t>(sensor), r.value, r.time_us);
   table.Update(static_cast<size_t>(overrun), static_cast<double>(r.length_ns) / 1000.0, r.time_us);
+  if (overrun_trip >= 0) table.Update(static_cast<size_t>(overrun_trip), r.overrun ? 1 : 0, r.time_us);
 }
 
 // Set-points changed by "config set" (or anything else) reach the sensor's
@@ -201,6 +229,7 @@ void StationPoints::follow_settings() {
     high_ = s.HighLimit;
   }
   setpoint_ = s.Setpoint;
+  set_points.Sync(clock.NowUtcUs());
   if (!autosave) return;
   const SettingsList all = sections(st);
   for (const char* name : kSaved) {
@@ -226,6 +255,14 @@ void StationPoints::Poll() {
                          to_string(e.severity)));
     }
   }
+  const OverrunGuard& guard = st.task.overrun;
+  if (guard.trips() != trips_told_ && guard.policy() >= OverrunGuard::Policy::Warn) {
+    st.log.Add(elog_WARN, 0, "cycle overrun policy %s: %u overruns within %lld ms, trip %llu%s",
+               OverrunGuard::ToString(guard.policy()), guard.limit(), guard.window_ns() / 1000000,
+               static_cast<unsigned long long>(guard.trips()),
+               guard.policy() == OverrunGuard::Policy::Safe ? "; outputs held in their safe states" : "");
+  }
+  trips_told_ = guard.trips();
   const double now = GetUTC();
   if (now - tick_checked_ < 0.25) return;
   tick_checked_ = now;
@@ -505,9 +542,36 @@ int cmd_timing(void* arg, int, const char**) {
   });
 }
 
+// outputs: the overrun policy's state; outputs resume: release outputs held safe.
+int cmd_outputs(void* arg, int argc, const char** argv) {
+  Session& s = session_of(arg);
+  OverrunGuard& g = s.station->task.overrun;
+  const bool resume = argc == 2 && std::string(argv[1]) == "resume";
+  if (argc != 1 && !resume) {
+    say(s, "usage: outputs [resume]");
+    return 1;
+  }
+  if (resume && g.holding()) {
+    g.Resume();
+    s.station->Settle(3);
+    if (g.holding()) {
+      say(s, "outputs: still held: the task overran within the last %lld ms", g.window_ns() / 1000000);
+      return 1;
+    }
+    s.station->log.Add(elog_WARN, 0, "outputs resumed by %s", escape_controls(StationPoints::user_of(s)).c_str());
+  }
+  say(s, "overrun policy %s: %u overruns within %lld ms trip it; %llu trips; %s; outputs %s",
+      OverrunGuard::ToString(g.policy()), g.limit(), g.window_ns() / 1000000,
+      static_cast<unsigned long long>(g.trips()), g.tripped() ? "tripped" : "not tripped",
+      g.holding() ? "held in their safe states (outputs resume releases them)" : "driven by the task");
+  return 0;
+}
+
 }  // namespace
 
 void register_point_commands(CLI& cli, Session& s) {
+  cli.Register(cmd_outputs, &s, "outputs", nullptr,
+               "outputs [resume]: the overrun policy; resume releases outputs held in their safe states");
   cli.Register(cmd_points, &s, "points", nullptr, "points: value, unit, quality, age and alarm state of each point");
   cli.Register(cmd_alarms, &s, "alarms", nullptr, "alarms: present alarms, unacknowledged first");
   cli.Register(cmd_ack, &s, "ack", nullptr, "ack NAME|all [comment]: acknowledge alarms");

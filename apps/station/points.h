@@ -8,6 +8,7 @@
 #include <zqpoints/AlarmJournal.h>
 #include <zqpoints/Autosave.h>
 #include <zqpoints/PointTable.h>
+#include <zqpoints/SettingPoints.h>
 #include <zqrtm/AcquisitionClock.h>
 
 #include <functional>
@@ -74,9 +75,12 @@ class StationPoints {
   PointsSettings settings;
   AcquisitionClock clock;
   zqpoints::PointTable table;
+  // Station.Setpoint, LowLimit and HighLimit as points of their own.
+  zqpoints::SettingPoints set_points{table};
   zqpoints::AlarmJournal journal;
   std::unique_ptr<zqpoints::Autosave> autosave;
   int sensor = -1, overrun = -1;
+  int overrun_trip = -1;  // the overrun policy's alarm (policies warn and safe)
   // Told of every alarm event after the journal (the fleet's MQTT topic).
   std::function<void(const zqpoints::AlarmEvent&)> on_alarm;
 
@@ -91,6 +95,7 @@ class StationPoints {
   double tick_checked_ = 0;
   bool save_failed_ = false;  // the last save failed (told once)
   double low_ = 0, high_ = 0, setpoint_ = 0;  // last values seen in the settings
+  uint64_t trips_told_ = 0;  // overrun policy trips already logged
 };
 
 // Registers points, alarms, ack, shelve, disable and alarm-history.

@@ -90,10 +90,11 @@ RemoteAnswer run_remote_command(Station& st, const RemoteCaller& who, const std:
   if (text != nullptr) answer.output.assign(text, size);
   std::free(text);
   if (answer.result == 403 && !who.log_refusals) return answer;
-  st.log.Add(answer.result == 403 ? elog_WARN : elog_INFO, 0, "audit: %s %s: %s (user %s, %s, result %d)",
-             who.channel.c_str(), escape_controls(who.peer).c_str(), escape_controls(line).c_str(),
-             escape_controls(who.user).c_str(),
-             ZQSecurity::UserFile::LevelName(static_cast<ZQSecurity::AccessLevel>(who.level)), answer.result);
+  Session audited;
+  audited.peer = who.peer;
+  audited.level = who.level;
+  audited.access.user = who.user;
+  audit_line(st.log, audited, line, answer.result);
   return answer;
 }
 

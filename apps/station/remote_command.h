@@ -10,10 +10,10 @@ namespace station {
 
 class Station;
 
-// Who asks: the channel's name for the log ("MQTT", "web"), the user, the
-// peer's address and the level the user has on that channel.
+// Who asks: the user, the peer (an address, or "mqtt:NAME") and the level
+// the user has on that channel.
 struct RemoteCaller {
-  std::string channel, user, peer;
+  std::string user, peer;
   int level = 0;
   // False: a refused line is not logged here (the channel logs refusals
   // itself, at a bounded rate).
@@ -29,8 +29,8 @@ struct RemoteAnswer {
 };
 
 // Runs `line` for `who` on the main thread. Login, TLS, exit and line
-// editing never run remotely. Every line that is run or refused is
-// audited: channel, user, address, the line, the result.
+// editing never run remotely. Every line that is run or refused gets the
+// station's one audit line (audit_line): peer, line, user, level, result.
 RemoteAnswer run_remote_command(Station& st, const RemoteCaller& who, const std::string& line);
 // Whether a remote caller at `level` may run `line` (the same check, no run,
 // no audit): for pages that offer only what their user may do.

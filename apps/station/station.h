@@ -14,6 +14,7 @@
 #include <zqcommon/setting_check.h>
 #include <zqcomponents/error.h>
 #include <zqcomponents/trace.h>
+#include <zqrtm/OverrunGuard.h>
 #include <zqrtm/cyclestats.h>
 #include <zqrtm/rtmailbox.h>
 #include <zqrtm/rttypedmailbox.h>
@@ -50,6 +51,11 @@ struct StationSettings : zqcommon::Config_Data {
   int LogLossReportS = 60;      // at most one report of lost log lines per period
   std::string RealTime = "preferred";  // "required": no start without real-time rights
   std::string LocalConfig;      // read after the main file; config save writes here
+  // What the task does when OverrunLimit overruns fall within OverrunWindowMs:
+  // off (only the counts of status), count, warn, safe (outputs to their safe states).
+  std::string OverrunPolicy = "off";
+  int OverrunLimit = 3;
+  int OverrunWindowMs = 1000;
 };
 
 // [Server]: the TCP side.
@@ -77,6 +83,8 @@ struct Record {
   long long time_us = 0;
   long long release_ns = 0, start_ns = 0;  // the cycle's release and start
   long long prev_end_ns = 0;               // when the cycle before ended
+  unsigned char overrun = 0;  // the overrun policy: kTripped, kHolding
+  static constexpr unsigned char kTripped = 1, kHolding = 2;
 };
 typedef rttypedmailbox<Record> RecordMailbox;
 
@@ -100,6 +108,11 @@ class SensorTask : public rtthread {
   // outputs) in every cycle just before the outputs are written.
   bool AddHandler(IOHandler& h) { return io_.AddHandler(h) == IOR_SUCCESS; }
   std::function<void(unsigned char* inputs, unsigned char* outputs)> cycle_hook;
+  // The overrun policy (configured before the task starts) and the outputs'
+  // safe states it writes while it holds them: image bit `bit` to `on`. The
+  // board's are set: heater off, alarm on.
+  OverrunGuard overrun;
+  void SetSafeBit(unsigned int bit, bool on);
 
  protected:
   void start(void* arg) override;
@@ -114,6 +127,7 @@ class SensorTask : public rtthread {
   SimIOHandler board_;
   unsigned char pi_[16] = {}, i_[16] = {}, iand_[16], ior_[16] = {}, o_[16] = {},
                 oand_[16], oor_[16] = {};
+  unsigned char safe_and_[16], safe_or_[16] = {};  // out = out & and | or while held safe
   IOControl io_;
   uint32_t noise_ = 12345;
   std::string command_;

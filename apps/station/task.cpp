@@ -29,6 +29,11 @@ StationSettings::StationSettings() {
            "one report of lost log lines per period");
   Register("RealTime", RealTime, zqcommon::Config_Data_INIT.FULL, "", "required or preferred");
   Register("LocalConfig", LocalConfig, zqcommon::Config_Data_INIT.FULL, "", "local settings file");
+  Register("OverrunPolicy", OverrunPolicy, zqcommon::Config_Data_INIT.FULL, "",
+           "off, count, warn or safe when OverrunLimit overruns fall within OverrunWindowMs");
+  Register("OverrunLimit", OverrunLimit, zqcommon::Config_Data_INIT.FULL, "", "overruns that trip the policy");
+  Register("OverrunWindowMs", OverrunWindowMs, zqcommon::Config_Data_INIT.FULL, "ms",
+           "the window of the overrun policy");
 }
 
 ServerSettings::ServerSettings() {
@@ -52,11 +57,21 @@ SensorTask::SensorTask(long long period_ns, RecordMailbox& records, rtmailbox& c
       io_(sizeof i_, pi_, i_, iand_, ior_, o_, oand_, oor_) {
   std::memset(iand_, 0xFF, sizeof iand_);
   std::memset(oand_, 0xFF, sizeof oand_);
+  std::memset(safe_and_, 0xFF, sizeof safe_and_);
+  SetSafeBit(kHeater, false);
+  SetSafeBit(kAlarm, true);
   io_.AddHandler(board_);
   command_.reserve(commands.msgsize);
 }
 
 SensorTask::~SensorTask() { Stop(); }
+
+void SensorTask::SetSafeBit(unsigned int bit, bool on) {
+  if (bit >= 8 * sizeof safe_and_) return;
+  const unsigned char mask = static_cast<unsigned char>(1u << (bit % 8));
+  safe_and_[bit / 8] = static_cast<unsigned char>(on ? safe_and_[bit / 8] | mask : safe_and_[bit / 8] & ~mask);
+  safe_or_[bit / 8] = static_cast<unsigned char>(on ? safe_or_[bit / 8] | mask : safe_or_[bit / 8] & ~mask);
+}
 
 void SensorTask::Stop() {
   SetCancel();
@@ -88,7 +103,9 @@ void SensorTask::apply(const char* command) {
 }
 
 void* SensorTask::rtrun(void*) {
+  const uint64_t overruns = cycle_stats.overruns();
   cycle_stats.Observe(*this);
+  const bool hold = overrun.Cycle(CycleStart(), cycle_stats.overruns() != overruns);
   io_.ReadAll();  // inputs, mirrored into the outputs
   while (commands_.GetMessage(command_)) apply(command_.c_str());
   double x = 0;
@@ -98,6 +115,9 @@ void* SensorTask::rtrun(void*) {
   io_.CopyBit(board_.Id(), kHeater, y < setpoint.load());
   io_.CopyBit(board_.Id(), kAlarm, y < low.load() || y > high.load());
   if (cycle_hook) cycle_hook(i_, o_);
+  if (hold) {
+    for (size_t i = 0; i < sizeof o_; ++i) o_[i] = static_cast<unsigned char>((o_[i] & safe_and_[i]) | safe_or_[i]);
+  }
   io_.WriteAll();
   Record r;
   r.cycle = cycle;
@@ -109,6 +129,7 @@ void* SensorTask::rtrun(void*) {
   r.release_ns = CycleRelease();
   r.start_ns = CycleStart();
   r.prev_end_ns = CycleEnd();
+  r.overrun = static_cast<unsigned char>((overrun.tripped() ? Record::kTripped : 0) | (hold ? Record::kHolding : 0));
   records_.Put(r);  // a full mailbox drops the record
   return nullptr;
 }
@@ -148,6 +169,9 @@ Station::Station(Config_File& c, StationSettings& s, ServerSettings& srv, Log_Co
       io_trace(static_cast<unsigned int>(s.TraceDepth)),
       dump_path(s.DumpPath),
       traces(2, slots, dump_path) {
+  OverrunGuard::Policy policy = OverrunGuard::Policy::Off;
+  OverrunGuard::ParsePolicy(s.OverrunPolicy, policy);  // checked when the settings were read
+  task.overrun.Configure(policy, static_cast<unsigned int>(s.OverrunLimit), s.OverrunWindowMs * 1000000LL);
   points = std::make_unique<StationPoints>(*this);  // restores saved set-points
   for (Watch& w : watches) w.error = settings.Promotion;
   traces.AddTrace(value_trace, "sensor");

@@ -49,6 +49,8 @@ network user needs:
   alarm-history [SINCE]               viewer    the alarm journal since a time
   trace-csv                           operator  the trace as CSV: names, units, UTC times
   timing-json                         operator  the task's timing in cyclictest's JSON shape
+  outputs [resume]                    viewer    the overrun policy; resume (operator)
+                                                releases outputs held in their safe states
   config describe                     viewer    each setting's unit, range and meaning
   device, device list                 viewer    field devices ([Device.NAME]), values
   device recover NAME                 operator  recover a faulted device now

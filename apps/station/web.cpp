@@ -196,7 +196,8 @@ struct WebServer::Impl {
   void send(mg_connection* c, int status, const std::string& type, const std::string& body,
             const std::string& headers = "");
   void redirect(mg_connection* c, const std::string& to, const std::string& headers = "");
-  void audit(const web::WebSession& s, const std::string& text);
+  // An audit line from a server thread (written by the main loop).
+  void audit(const web::WebSession& s, const std::string& text, int result);
   bool session_of(mg_connection* c, web::WebSession& s);
   bool same_origin(mg_connection* c);
   std::string body_of(mg_connection* c);
@@ -211,6 +212,7 @@ struct WebServer::Impl {
 
   // --- main thread
   void run(WebJob& job);
+  void audited(const web::WebSession& s, const std::string& line, int result);
   void finish(WebJob& job);
   void batch();
   void push(WebSocketClient& c, std::string message);
@@ -251,11 +253,12 @@ void WebServer::Impl::redirect(mg_connection* c, const std::string& to, const st
   send(c, 303, "text/plain", "", "Location: " + to + "\r\nCache-Control: no-store\r\n" + headers);
 }
 
-void WebServer::Impl::audit(const web::WebSession& s, const std::string& text) {
+void WebServer::Impl::audit(const web::WebSession& s, const std::string& text, int result) {
   auto job = std::make_shared<WebJob>();
   job->kind = WebJob::kAudit;
   job->session = s;
   job->a = text;
+  job->status = result;
   post(job);
 }
 
@@ -364,7 +367,7 @@ int WebServer::Impl::handle(mg_connection* c) {
   if (post) {
     const char* token = mg_get_header(c, "X-CSRF-Token");
     if (token == nullptr || !web::same_token(token, s.csrf) || !same_origin(c)) {
-      audit(s, "refused " + uri + ": no valid CSRF token or a foreign origin (result 403)");
+      audit(s, method + " " + uri + " refused: no valid CSRF token or a foreign origin", 403);
       send(c, 403, "application/json", "{\"error\":\"CSRF token or origin refused\"}", nostore);
       return 403;
     }
@@ -377,7 +380,7 @@ int WebServer::Impl::handle(mg_connection* c) {
     return 200;
   } else if (uri == "/api/logout" && post) {
     sessions.Close(s.id);
-    audit(s, "logged out (result 0)");
+    audit(s, "logout", 0);
     redirect(c, "/login.html", "Set-Cookie: zqsid=; Path=/; Max-Age=0; HttpOnly; Secure; SameSite=Strict\r\n");
     return 303;
   } else if (uri == "/api/command" && post) {
@@ -572,10 +575,17 @@ void WebServer::Impl::finish(WebJob& job) {
   job.cv.notify_all();
 }
 
+void WebServer::Impl::audited(const web::WebSession& s, const std::string& line, int result) {
+  Session session;
+  session.peer = s.peer;
+  session.level = s.level;
+  session.access.user = s.user;
+  audit_line(st.log, session, line, result);
+}
+
 void WebServer::Impl::run(WebJob& job) {
   const web::WebSession& s = job.session;
   RemoteCaller who;
-  who.channel = "web";
   who.user = s.user;
   who.peer = s.peer;
   who.level = s.level;
@@ -591,8 +601,8 @@ void WebServer::Impl::run(WebJob& job) {
     case WebJob::kLogin:
       break;  // started by Poll
     case WebJob::kAudit:
-      st.log.Add(elog_WARN, 0, "audit: web %s: %s (user %s, %s)", s.peer.c_str(), escape_controls(job.a).c_str(),
-                 escape_controls(s.user).c_str(), level_name(s.level));
+      audited(s, job.a, job.status);
+      job.status = 200;
       break;
     case WebJob::kCommand: {
       const RemoteAnswer a = run_remote_command(st, who, job.a);
@@ -647,8 +657,7 @@ void WebServer::Impl::run(WebJob& job) {
       const auto rows = sp.journal.is_open() ? sp.journal.Query(since, until, 5000)
                                               : std::vector<zqpoints::JournalEntry>();
       if (job.kind == WebJob::kHistoryCsv) {
-        st.log.Add(elog_INFO, 0, "audit: web %s: download alarm-history.csv (user %s, %s, result 0)",
-                   s.peer.c_str(), escape_controls(s.user).c_str(), level_name(s.level));
+        audited(s, "download alarm-history.csv", 0);
         auto field = [](const std::string& t) {
           std::string q = "\"";
           for (char ch : t) q += ch == '"' ? std::string("\"\"") : std::string(1, ch);

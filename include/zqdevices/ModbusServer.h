@@ -55,7 +55,14 @@ struct ZQ_EXPORT ModbusServerConfig {
 // client's address; a refused client is closed without a byte. The write
 // check (by default no one) decides whether a client may write at all; a
 // refused write answers exception 1 (illegal function), a write to a
-// read-only coil or register exception 2 (illegal data address).
+// read-only coil or register exception 2 (illegal data address). Requests
+// are framed by their MBAP length; a frame whose length disagrees with its
+// function closes the connection, and so does a client that does not take
+// its answers (the server never waits on one client).
+//
+// Every write request, accepted or refused, leaves a WriteRecord for the
+// program's audit log (TakeWriteRecords), at most kRecordsPerSecond a second
+// on average (bursts up to kRecordBurst); the ones beyond are counted.
 //
 // Thread safety: Start, Stop and the checks from one thread before or after
 // serving; Publish*, TakeWrites, Deliver and the statistics from any thread.
@@ -67,6 +74,16 @@ class ZQ_EXPORT ModbusServer : public ValueSink {
   struct Stats {
     uint64_t requests = 0, exceptions = 0, refused_connections = 0, writes = 0;
   };
+  /// One write request as the audit log shows it.
+  struct WriteRecord {
+    char client[46] = "";   // the client's address
+    uint8_t function = 0;   // the Modbus function code (5, 6, 15, 16, 22, 23)
+    uint16_t address = 0;   // the first coil or register written
+    uint16_t count = 0;     // coils or registers written
+    uint16_t value = 0;     // the first register's value, or the coils' states from bit 0 (first 16)
+    uint8_t result = 0;     // 0: accepted; else the exception code answered
+  };
+  static constexpr unsigned int kRecordsPerSecond = 10, kRecordBurst = 20;
 
   explicit ModbusServer(const ModbusServerConfig& config);
   ~ModbusServer() override;
@@ -81,15 +98,20 @@ class ZQ_EXPORT ModbusServer : public ValueSink {
   int Port() const;  // the port listened on, 0 before Start
   std::string LastError() const;
 
-  // The image as the task has it now; false (nothing copied) when the server
-  // is busy with a request at this moment.
+  // The image as the task has it now, served from the next request on; false
+  // (nothing copied) when the server is taking the previous one at this
+  // moment (it holds its lock for that copy only).
   bool PublishImage(const uint8_t* inputs, const uint8_t* outputs);
   void Deliver(const DeviceValue& value) override;
   // Hands the coil writes accepted since the last call to `apply` (bit,
   // state), oldest first; the count. Neither waits nor allocates: while
-  // the server is answering a request it hands nothing (0), and the writes
+  // the server is recording a write it hands nothing (0), and the writes
   // wait for the next call. `apply` must be quick.
   unsigned int TakeWrites(const std::function<void(unsigned int bit, bool on)>& apply);
+  // Hands the write records kept since the last call to `record`, oldest
+  // first, and adds to `unrecorded` the writes beyond the rate (or beyond
+  // the kept records when nobody took them); the count handed.
+  unsigned int TakeWriteRecords(const std::function<void(const WriteRecord&)>& record, uint64_t& unrecorded);
   Stats GetStats() const;
   // The register map, one line per range, as documented above.
   std::string MapText() const;

@@ -15,8 +15,10 @@ namespace zqfleet {
 // ignored, but for the string members of a signed request ("user", "time",
 // "nonce", "sig", see SignedRequest); nested objects and arrays, a member
 // given twice ("cmd", "station" or a signed one), text after the object,
-// invalid escapes and payloads over kMaxPayload bytes are refused.
-// Parse never throws; it is a value type.
+// anything that is not JSON (RFC 8259: UTF-8 text, valid escapes and
+// numbers; nlohmann-json reads it) and payloads over kMaxPayload bytes are
+// refused, a syntax error with its byte offset. Parse never throws; it is a
+// value type.
 struct ZQ_EXPORT FleetCommand {
   static constexpr size_t kMaxPayload = 4096;
 

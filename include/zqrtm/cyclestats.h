@@ -47,6 +47,8 @@ class ZQ_EXPORT CycleStats {
   // The bucket for a lateness (0 .. kBounds).
   static int Bucket(long long lateness_ns);
   Snapshot Read() const;
+  // The overruns so far (what Read() would copy, without the rest).
+  uint64_t overruns() const { return overruns_.load(std::memory_order_relaxed); }
   // Starts counting afresh; for the task's own thread or while it is stopped.
   void Reset();
 

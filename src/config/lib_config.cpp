@@ -2,7 +2,6 @@
 #include "zqcommon/lib_config.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,103 +60,114 @@ bool name_is(const LINE& l, const std::string& name, bool ignorecase) {
   return true;
 }
 
-// Memory for a file's content straight from the system, not from the heap: a
-// heap block of this size would make the allocator merge all the small blocks
-// freed before (the lines of a configuration destroyed) and then split them
-// again for the lines of this one.
-class FileBuffer {
+// The lines of a file, read in blocks into one buffer and cut exactly as
+// Config_File::readln cuts them from a stream: at most kMaxLine characters,
+// the line feed taken, trailing CRs dropped; a longer line gives its first
+// kMaxLine characters and ends the lines unless only CRs stand before its line
+// feed; after the last line feed comes one more, empty line. good() is a
+// stream's good() after the line. The buffer is reused block after block, so
+// a parse touches the same few pages whatever the file's size.
+class FileLines {
  public:
-  FileBuffer() = default;
-  FileBuffer(const FileBuffer&) = delete;
-  FileBuffer& operator=(const FileBuffer&) = delete;
-  ~FileBuffer() {
-    if (data_ != nullptr) ::munmap(data_, capacity_);
-  }
-  char* data() const { return data_; }
-  size_t capacity() const { return capacity_; }
-  // At least `size` bytes, keeping the first `keep`; false when there is no memory.
-  bool reserve(size_t size, size_t keep) {
-    if (size <= capacity_) return true;
-    void* more = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (more == MAP_FAILED) return false;
-    if (keep > 0) std::memcpy(more, data_, keep);
-    if (data_ != nullptr) ::munmap(data_, capacity_);
-    data_ = static_cast<char*>(more);
-    capacity_ = size;
-    return true;
-  }
-
- private:
-  char* data_ = nullptr;
-  size_t capacity_ = 0;
-};
-
-// The whole content of `filename`, read to its end (a regular file in one
-// read into a buffer of its size; a pipe or a device in growing steps), or
-// false when it cannot be opened; `size` is the number of bytes read.
-bool read_whole(const std::string& filename, FileBuffer& content, size_t& size) {
-  const int fd = ::open(filename.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat st {};
-  size_t want = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) + 1 : 64 * 1024;
-  size = 0;
-  for (; content.reserve(want, size); want *= 2) {
-    const size_t capacity = content.capacity();
-    ssize_t n;
-    while (size < capacity && ((n = ::read(fd, content.data() + size, capacity - size)) > 0 || (n < 0 && errno == EINTR))) {
-      if (n > 0) size += static_cast<size_t>(n);
+  // A file that cannot be opened has no lines (and good() is false).
+  explicit FileLines(const std::string& filename) : fd_(::open(filename.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (fd_ >= 0) {
+      buffer_.reset(new char[kBlock]);
+      p_ = end_ = buffer_.get();
+      eof_ = false;
+      good_ = true;
     }
-    if (size < capacity) break;  // the end (or an error, which ends the file as a stream's would)
   }
-  ::close(fd);
-  return true;
-}
+  FileLines(const FileLines&) = delete;
+  FileLines& operator=(const FileLines&) = delete;
+  ~FileLines() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool good() {
+    if (after_long_) skip_after_long();
+    return good_;
+  }
 
-// The lines of a file in memory, cut exactly as Config_File::readln cuts them
-// from a stream: at most kMaxLine characters, the line feed taken, trailing
-// CRs dropped; a longer line gives its first kMaxLine characters and ends the
-// lines unless only CRs stand before its line feed; after the last line feed
-// comes one more, empty line. good() is a stream's good() after the line.
-class MemoryLines {
- public:
-  MemoryLines(const char* p, const char* end, bool opened) : p_(p), end_(end), good_(opened) {}
-  bool good() const { return good_; }
-
-  void next(std::string& text) {
+  // The next line, as a range of the buffer valid until the next call.
+  std::pair<const char*, size_t> next() {
+    if (after_long_) skip_after_long();
+    fill(Config_File::kMaxLine + 1);
+    const char* const start = p_;
     const size_t left = static_cast<size_t>(end_ - p_);
     const size_t limit = std::min(left, Config_File::kMaxLine + 1);
-    const auto* feed = limit == 0 ? nullptr : static_cast<const char*>(std::memchr(p_, '\n', limit));
+    auto* feed = limit == 0 ? nullptr : static_cast<char*>(std::memchr(p_, '\n', limit));
+    size_t length;
     if (feed != nullptr) {
-      text.assign(p_, feed);
+      length = static_cast<size_t>(feed - p_);
       p_ = feed + 1;
     } else if (left <= Config_File::kMaxLine) {
-      text.assign(p_, end_);  // the last line, without a line feed (or none at all)
+      length = left;  // the last line, without a line feed (or none at all)
       p_ = end_;
       good_ = false;
     } else {
-      text.assign(p_, Config_File::kMaxLine);
+      length = Config_File::kMaxLine;
       p_ += Config_File::kMaxLine;
-      while (p_ < end_ && *p_ == '\r') ++p_;
-      if (p_ < end_ && *p_ == '\n') {
-        ++p_;
-      } else {
-        good_ = false;  // really too long, or the end
-      }
+      after_long_ = true;  // what follows decides, once the line is taken
     }
-    while (!text.empty() && text.back() == '\r') text.pop_back();
+    while (length > 0 && start[length - 1] == '\r') --length;
+    return {start, length};
   }
 
  private:
-  const char* p_;
-  const char* end_;
-  bool good_;
+  // The buffer's size: far more than the kMaxLine + 1 bytes a line needs.
+  static constexpr size_t kBlock = 64 * 1024;
+
+  // Reads on until at least `want` bytes follow p_ or the file has ended,
+  // moving the bytes not yet cut to the front of the buffer first.
+  void fill(size_t want) {
+    if (eof_ || static_cast<size_t>(end_ - p_) >= want) return;
+    const size_t kept = static_cast<size_t>(end_ - p_);
+    std::memmove(buffer_.get(), p_, kept);
+    p_ = buffer_.get();
+    end_ = p_ + kept;
+    char* const limit = buffer_.get() + kBlock;
+    while (end_ < limit) {
+      const ssize_t n = ::read(fd_, end_, static_cast<size_t>(limit - end_));
+      if (n > 0) {
+        end_ += n;
+      } else if (n == 0 || errno != EINTR) {
+        eof_ = true;  // the end (or an error, which ends the file as a stream's would)
+        break;
+      }
+    }
+  }
+
+  // After the first kMaxLine characters of a longer line: CRs, then its line
+  // feed, let the lines go on; anything else (or the end) ends them.
+  void skip_after_long() {
+    after_long_ = false;
+    for (;;) {
+      while (p_ < end_ && *p_ == '\r') ++p_;
+      if (p_ < end_ || eof_) break;
+      fill(1);
+    }
+    if (p_ < end_ && *p_ == '\n') {
+      ++p_;
+    } else {
+      good_ = false;  // really too long, or the end
+    }
+  }
+
+  int fd_;
+  std::unique_ptr<char[]> buffer_;
+  char* p_ = nullptr;
+  char* end_ = nullptr;
+  bool eof_ = true;
+  bool good_ = false;
+  bool after_long_ = false;
 };
 
-// The parse of Config_File::parse: the magic line when one is expected, then
-// every line while the source is good, stored with its number.
-template <class Good, class Read, class Store>
+// The parse of Config_File::parse: the magic line when one is expected (read
+// into `rmagix`), then every line while the source is good, read and stored
+// by store_next with its number.
+template <class Good, class Read, class StoreNext>
 bool parse_lines(const std::string& magix, std::string& rmagix, const std::string& fname, Good good, Read read,
-                 Store store) {
+                 StoreNext store_next) {
   if (!magix.empty()) {
     read(rmagix);
     if (rmagix != magix && rmagix.find(magix + " ") == npos) {
@@ -167,12 +177,22 @@ bool parse_lines(const std::string& magix, std::string& rmagix, const std::strin
     }
   }
   ZQ_DEBUG(9, "libconfig: parsing file %s...\n", fname.c_str());
-  std::string text;
-  for (int number = 1; good(); ++number) {
-    read(text);
-    store(text, number);
-  }
+  for (int number = 1; good(); ++number) store_next(number);
   return true;
+}
+
+void classify(LINE& l, int number);
+
+// Stores the line `make` returns under `number` unless that number is taken
+// (then `make` is not called); the line stored there. A new section header
+// goes into `sections`.
+template <class Make>
+LINE& store_line(LineTable& table, std::map<std::string, int>& sections, int number, Make make) {
+  const auto taken = table.find(number);
+  if (taken != table.end()) return taken.line();
+  LINE& stored = *table.insert(number, make()).first;
+  if (stored.IsSection()) sections.emplace(stored.Name(), number);
+  return stored;
 }
 
 }  // namespace
@@ -211,7 +231,21 @@ void LineTable::clear() {
 
 // ------------------------------------------------------------------ LINE
 
-LINE::LINE(const std::string& text, int number) : data(text), line(number) {
+LINE::LINE(const std::string& text, int number) : data(text), line(number) { classify(*this, number); }
+
+namespace {
+
+// Finds the parts of the line text in l.data (repairing it where needed) and
+// sets the positions and the type; `number` is for diagnostics.
+void classify(LINE& l, int number) {
+  auto& data = l.data;
+  auto& type = l.type;
+  auto& name = l.name;
+  auto& namelen = l.namelen;
+  auto& eqsign = l.eqsign;
+  auto& value = l.value;
+  auto& valuelen = l.valuelen;
+  auto& comment = l.comment;
   const auto first = first_not_ws(data);
   if (first == npos) {
     data.clear();
@@ -221,7 +255,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
 
   std::string::size_type scan_from;
   if (data[first] == '[') {
-    type = SECTION;
+    type = LINE::SECTION;
     name = first + 1;
     const auto close = data.find(']', name);
     if (close == npos) {
@@ -248,7 +282,7 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
                number, data.c_str());
       return;
     }
-    type = ENTRY;
+    type = LINE::ENTRY;
     name = first;
     eqsign = eq;
     // The name ends before the last blank in front of the '=': "key = v" gives
@@ -275,6 +309,23 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
 
   if (scan_from != npos) {
     std::string::size_type end = data.size();
+    // Before the first quote nothing is quoted: the first '#' there starts
+    // the comment. Two memchr scans find both; the loop below walks the
+    // characters only from a quote on.
+    const char* const from = data.data() + scan_from;
+    const size_t rest = data.size() - scan_from;
+    const auto* hash = static_cast<const char*>(std::memchr(from, '#', rest));
+    const auto* quote = static_cast<const char*>(
+        std::memchr(from, '"', hash == nullptr ? rest : static_cast<size_t>(hash - from)));
+    if (quote == nullptr) {
+      if (hash != nullptr) {
+        end = static_cast<std::string::size_type>(hash - data.data());
+        comment = end + 1;
+      }
+      scan_from = data.size();  // the loop has nothing to do
+    } else {
+      scan_from = static_cast<std::string::size_type>(quote - data.data());
+    }
     bool quoted = false;
     for (auto i = scan_from; i < data.size(); ++i) {
       const char c = data[i];
@@ -286,20 +337,22 @@ LINE::LINE(const std::string& text, int number) : data(text), line(number) {
         break;
       }
     }
-    if (type == ENTRY) {
+    if (type == LINE::ENTRY) {
       while (end > value && is_ws(data[end - 1])) --end;
       valuelen = end - value;
     }
   }
 
-  if (type == SECTION && namelen == 0) {
-    type = FILLER;
+  if (type == LINE::SECTION && namelen == 0) {
+    type = LINE::FILLER;
     ZQ_DEBUG(0, "libconfig: ignoring empty section, line #%i:\n", number);
-  } else if (type == ENTRY && namelen == 0) {
-    type = FILLER;
+  } else if (type == LINE::ENTRY && namelen == 0) {
+    type = LINE::FILLER;
     ZQ_DEBUG(0, "libconfig: ignoring entry without name, line #%i:%s\n", number, data.c_str());
   }
 }
+
+}  // namespace
 
 std::string LINE::Name() const {
   if (type == FILLER || name == none) return std::string();
@@ -402,18 +455,29 @@ std::unique_ptr<std::istream> Config_File::open(const std::string& filename) {
   return std::make_unique<std::ifstream>(filename, std::ios::in | std::ios::binary);
 }
 
-// The file is read whole and cut in memory (a stream's getline per line costs
+// The file is read in blocks and cut in memory (a stream's getline per line costs
 // more than the rest of the parse); the lines are those of parse(stream).
 bool Config_File::parse(const std::string& filename) {
   if (filename.empty()) return false;
   fname = filename;
-  FileBuffer content;
-  size_t size = 0;
-  const bool opened = read_whole(filename, content, size);
-  MemoryLines lines(content.data(), content.data() + size, opened);
+  FileLines lines(filename);
+  // Each line is copied once, from the buffer into its LINE.
   return parse_lines(
-      magix, rmagix, fname, [&] { return lines.good(); }, [&](std::string& text) { lines.next(text); },
-      [&](const std::string& text, int number) { store(text, number); });
+      magix, rmagix, fname, [&] { return lines.good(); },
+      [&](std::string& text) {
+        const auto line = lines.next();
+        text.assign(line.first, line.second);
+      },
+      [&](int number) {
+        const auto line = lines.next();
+        store_line(data, sections, number, [&] {
+          LINE l;
+          l.data = std::string(line.first, line.second);  // built at its size, then moved in
+          l.line = number;
+          classify(l, number);
+          return l;
+        });
+      });
 }
 
 std::istream& Config_File::readln(std::istream& in, std::string& text) {
@@ -442,17 +506,17 @@ std::istream& Config_File::readln(std::istream& in, std::string& text) {
 }
 
 bool Config_File::parse(std::istream& in) {
+  std::string text;
   return parse_lines(
-      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& text) { readln(in, text); },
-      [&](const std::string& text, int number) { store(text, number); });
+      magix, rmagix, fname, [&] { return in.good(); }, [&](std::string& line) { readln(in, line); },
+      [&](int number) {
+        readln(in, text);
+        store(text, number);
+      });
 }
 
 LINE& Config_File::store(const std::string& text, int number) {
-  const auto taken = data.find(number);
-  if (taken != data.end()) return taken.line();
-  const std::pair<LINE*, bool> stored = data.insert(number, LINE(text, number));
-  if (stored.first->IsSection()) sections.emplace(stored.first->Name(), number);
-  return *stored.first;
+  return store_line(data, sections, number, [&] { return LINE(text, number); });
 }
 
 bool Config_File::find_section(const std::string& section, int& header) {

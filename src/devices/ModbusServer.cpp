@@ -5,12 +5,15 @@
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zqcommon/lib_config.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -22,81 +25,192 @@
 namespace zqdevices {
 namespace details {
 namespace {
-// Coil writes kept for the task at most; older ones are dropped beyond.
-constexpr size_t kMaxWrites = 1024;
+
+// Whether a request's PDU (function code first) is as long as its function
+// says; a frame that is not would have libmodbus read past it or answer
+// from bytes that are not there. Functions not listed are answered with an
+// exception whatever follows them.
+bool consistent(const uint8_t* q, int n) {
+  switch (q[0]) {
+    case MODBUS_FC_READ_COILS:
+    case MODBUS_FC_READ_DISCRETE_INPUTS:
+    case MODBUS_FC_READ_HOLDING_REGISTERS:
+    case MODBUS_FC_READ_INPUT_REGISTERS:
+    case MODBUS_FC_WRITE_SINGLE_COIL:
+    case MODBUS_FC_WRITE_SINGLE_REGISTER:
+      return n == 5;
+    case MODBUS_FC_WRITE_MULTIPLE_COILS:
+    case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
+      return n >= 6 && n == 6 + q[5];
+    case MODBUS_FC_MASK_WRITE_REGISTER:
+      return n == 7;
+    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
+      return n >= 10 && n == 10 + q[9];
+    default:
+      return true;
+  }
+}
+
+unsigned int word(const uint8_t* p) { return (p[0] << 8) | p[1]; }
+
 }  // namespace
 
 ServerCore::ServerCore(unsigned int image_bytes, size_t values, std::vector<bool> writable)
     : map_(modbus_mapping_new_start_address(0, image_bytes * 8, 0, static_cast<unsigned int>(image_bytes * 8 + values),
                                             0, 0, 0, static_cast<unsigned int>(values * 2))),
       image_bits_(image_bytes * 8),
-      writable_(std::move(writable)) {
+      writable_(std::move(writable)),
+      staged_inputs_(image_bits_),
+      staged_outputs_(image_bits_),
+      staged_good_(values),
+      staged_registers_(values * 2) {
   writable_.resize(image_bits_, false);
-  writes_.reserve(kMaxWrites);
 }
 
 ServerCore::~ServerCore() { modbus_mapping_free(map_); }
 
-void ServerCore::queue_write(unsigned int bit, bool on) {
-  if (writes_.size() == kMaxWrites) writes_.erase(writes_.begin());
-  writes_.emplace_back(bit, on);
-  ++stats_.writes;
+bool ServerCore::Serve(modbus_t* ctx, Connection& c) {
+  const ssize_t got = recv(c.fd, c.buffer + c.filled, sizeof c.buffer - c.filled, MSG_DONTWAIT);
+  if (got == 0 || !map_) return false;
+  if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  c.filled += static_cast<size_t>(got);
+  if (staged_.load(std::memory_order_acquire)) take_published();
+  modbus_set_socket(ctx, c.fd);
+  // MBAP header: transaction, protocol, length (of what follows: the unit
+  // id and the PDU), unit id. The buffer holds two frames of the largest
+  // size, so the rest of an incomplete one always fits.
+  size_t at = 0;
+  while (c.filled - at >= 7) {
+    const uint8_t* frame = c.buffer + at;
+    const unsigned int rest = word(frame + 4);
+    if (rest < 2 || rest > MODBUS_TCP_MAX_ADU_LENGTH - 6) return false;
+    if (c.filled - at < 6 + rest) break;
+    if (!answer(ctx, c, frame, static_cast<int>(6 + rest))) return false;
+    at += 6 + rest;
+  }
+  std::memmove(c.buffer, c.buffer + at, c.filled - at);
+  c.filled -= at;
+  return true;
 }
 
-bool ServerCore::Serve(modbus_t* ctx, bool may_write) {
-  const int length = modbus_receive(ctx, query_);
-  if (length < 0) return false;
-  if (length == 0) return true;  // not for this server
-  const int h = modbus_get_header_length(ctx);
-  if (length < h + 1 || !map_) return false;
-  const uint8_t* q = query_ + h;
+bool ServerCore::refuse(modbus_t* ctx, const uint8_t* frame, unsigned int code) {
+  exceptions_.fetch_add(1, std::memory_order_relaxed);
+  return modbus_reply_exception(ctx, frame, code) >= 0;
+}
+
+bool ServerCore::answer(modbus_t* ctx, const Connection& c, const uint8_t* frame, int length) {
+  const uint8_t* q = frame + 7;  // the PDU
+  const int n = length - 7;
+  if (!consistent(q, n)) return false;
+  requests_.fetch_add(1, std::memory_order_relaxed);
   const int function = q[0];
-  const unsigned int address = length >= h + 3 ? (q[1] << 8) | q[2] : 0;
-  const unsigned int count = length >= h + 5 ? (q[3] << 8) | q[4] : 0;
-  std::lock_guard<std::mutex> lock(mutex_);
-  ++stats_.requests;
-  auto refuse = [&](unsigned int code) {
-    ++stats_.exceptions;
-    return modbus_reply_exception(ctx, query_, code) >= 0;
-  };
   switch (function) {
     case MODBUS_FC_WRITE_SINGLE_COIL:
     case MODBUS_FC_WRITE_MULTIPLE_COILS: {
-      if (!may_write) return refuse(MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
-      const unsigned int n = function == MODBUS_FC_WRITE_SINGLE_COIL ? 1 : count;
-      if (n == 0 || n > MODBUS_MAX_WRITE_BITS || address + n > image_bits_) return refuse(MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS);
-      for (unsigned int b = address; b < address + n; ++b)
-        if (!writable_[b]) return refuse(MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS);
-      std::vector<uint8_t> before(map_->tab_bits + address, map_->tab_bits + address + n);
-      if (modbus_reply(ctx, query_, length, map_) < 0) return false;
-      for (unsigned int b = address; b < address + n; ++b)
-        if (map_->tab_bits[b] != before[b - address] || function == MODBUS_FC_WRITE_SINGLE_COIL)
-          queue_write(b, map_->tab_bits[b] != 0);
+      const unsigned int address = word(q + 1);
+      const unsigned int k = function == MODBUS_FC_WRITE_SINGLE_COIL ? 1 : word(q + 3);
+      unsigned int code = 0;
+      if (!c.may_write) {
+        code = MODBUS_EXCEPTION_ILLEGAL_FUNCTION;
+      } else if (k == 0 || k > MODBUS_MAX_WRITE_BITS || address + k > image_bits_) {
+        code = MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS;
+      } else if (function == MODBUS_FC_WRITE_SINGLE_COIL ? word(q + 3) != 0xFF00 && word(q + 3) != 0
+                                                         : q[5] * 8u < k) {
+        code = MODBUS_EXCEPTION_ILLEGAL_DATA_VALUE;
+      } else {
+        for (unsigned int b = address; b < address + k && code == 0; ++b)
+          if (!writable_[b]) code = MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS;
+      }
+      record(c, q, n, code);
+      if (code != 0) return refuse(ctx, frame, code);
+      uint8_t before[MODBUS_MAX_WRITE_BITS];
+      std::memcpy(before, map_->tab_bits + address, k);
+      if (modbus_reply(ctx, frame, length, map_) < 0) return false;
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (unsigned int b = address; b < address + k; ++b)
+        if (map_->tab_bits[b] != before[b - address] || function == MODBUS_FC_WRITE_SINGLE_COIL) {
+          writes_.Push({b, map_->tab_bits[b] != 0});
+          writes_applied_.fetch_add(1, std::memory_order_relaxed);
+        }
       return true;
     }
     case MODBUS_FC_WRITE_SINGLE_REGISTER:
     case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
     case MODBUS_FC_MASK_WRITE_REGISTER:
-    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
+    case MODBUS_FC_WRITE_AND_READ_REGISTERS: {
       // No register is writable.
-      return refuse(may_write ? MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS : MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
+      const unsigned int code =
+          c.may_write ? MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS : MODBUS_EXCEPTION_ILLEGAL_FUNCTION;
+      record(c, q, n, code);
+      return refuse(ctx, frame, code);
+    }
     case MODBUS_FC_READ_COILS:
     case MODBUS_FC_READ_DISCRETE_INPUTS:
     case MODBUS_FC_READ_HOLDING_REGISTERS:
     case MODBUS_FC_READ_INPUT_REGISTERS:
-      return modbus_reply(ctx, query_, length, map_) >= 0;
+      return modbus_reply(ctx, frame, length, map_) >= 0;
     default:
-      return refuse(MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
+      return refuse(ctx, frame, MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
   }
+}
+
+void ServerCore::record(const Connection& c, const uint8_t* q, int n, unsigned int result) {
+  ModbusServer::WriteRecord r;
+  std::memcpy(r.client, c.address, sizeof r.client);
+  r.function = q[0];
+  r.address = static_cast<uint16_t>(word(q + 1));
+  r.count = 1;
+  r.value = static_cast<uint16_t>(word(q + 3));
+  r.result = static_cast<uint8_t>(result);
+  if (q[0] == MODBUS_FC_WRITE_MULTIPLE_COILS) {
+    r.count = static_cast<uint16_t>(word(q + 3));
+    r.value = static_cast<uint16_t>(n > 6 ? q[6] | (n > 7 ? q[7] << 8 : 0) : 0);
+  } else if (q[0] == MODBUS_FC_WRITE_MULTIPLE_REGISTERS) {
+    r.count = static_cast<uint16_t>(word(q + 3));
+    r.value = static_cast<uint16_t>(n > 7 ? word(q + 6) : 0);
+  } else if (q[0] == MODBUS_FC_WRITE_AND_READ_REGISTERS) {
+    r.address = static_cast<uint16_t>(word(q + 5));
+    r.count = static_cast<uint16_t>(word(q + 7));
+    r.value = static_cast<uint16_t>(n > 11 ? word(q + 10) : 0);
+  }
+  const auto now = std::chrono::steady_clock::now();
+  std::lock_guard<std::mutex> lock(mutex_);
+  // A token bucket: kRecordsPerSecond on average, kRecordBurst at once.
+  tokens_ = std::min<double>(ModbusServer::kRecordBurst,
+                             tokens_ + std::chrono::duration<double>(now - refilled_).count() *
+                                           ModbusServer::kRecordsPerSecond);
+  refilled_ = now;
+  if (tokens_ < 1) {
+    ++unrecorded_;
+    return;
+  }
+  tokens_ -= 1;
+  if (!records_.Push(r)) ++unrecorded_;
+}
+
+void ServerCore::take_published() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (image_staged_) {
+    std::copy(staged_inputs_.begin(), staged_inputs_.end(), map_->tab_input_bits);
+    std::copy(staged_outputs_.begin(), staged_outputs_.end(), map_->tab_bits);
+  }
+  if (values_staged_) {
+    std::copy(staged_good_.begin(), staged_good_.end(), map_->tab_input_bits + image_bits_);
+    std::copy(staged_registers_.begin(), staged_registers_.end(), map_->tab_input_registers);
+  }
+  image_staged_ = values_staged_ = false;
+  staged_.store(false, std::memory_order_relaxed);
 }
 
 bool ServerCore::PublishImage(const uint8_t* inputs, const uint8_t* outputs) {
   std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-  if (!lock.owns_lock() || !map_) return false;
+  if (!lock.owns_lock()) return false;
   for (unsigned int b = 0; b < image_bits_; ++b) {
-    map_->tab_input_bits[b] = (inputs[b / 8] >> (b % 8)) & 1;
-    map_->tab_bits[b] = (outputs[b / 8] >> (b % 8)) & 1;
+    staged_inputs_[b] = (inputs[b / 8] >> (b % 8)) & 1;
+    staged_outputs_[b] = (outputs[b / 8] >> (b % 8)) & 1;
   }
+  image_staged_ = true;
+  staged_.store(true, std::memory_order_release);
   return true;
 }
 
@@ -104,28 +218,40 @@ void ServerCore::PublishValue(size_t index, double value, bool good) {
   DevicePoint as_float;
   as_float.type = DevicePoint::f32;
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!map_) return;
-  encode_raw(as_float, value, map_->tab_input_registers + 2 * index);
-  map_->tab_input_bits[image_bits_ + index] = good;
+  encode_raw(as_float, value, staged_registers_.data() + 2 * index);
+  staged_good_[index] = good;
+  values_staged_ = true;
+  staged_.store(true, std::memory_order_release);
 }
 
 unsigned int ServerCore::TakeWrites(const std::function<void(unsigned int, bool)>& apply) {
   std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
   if (!lock.owns_lock()) return 0;
-  for (const auto& w : writes_) apply(w.first, w.second);
-  const auto n = static_cast<unsigned int>(writes_.size());
-  writes_.clear();  // keeps the capacity
+  return writes_.Drain([&](const std::pair<unsigned int, bool>& w) { apply(w.first, w.second); });
+}
+
+unsigned int ServerCore::TakeWriteRecords(const std::function<void(const ModbusServer::WriteRecord&)>& record,
+                                          uint64_t& unrecorded) {
+  // Handed outside the lock: `record` may write a log line.
+  ModbusServer::WriteRecord taken[decltype(records_)::kSize];
+  unsigned int n = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    unrecorded += unrecorded_;
+    unrecorded_ = 0;
+    records_.Drain([&](const ModbusServer::WriteRecord& r) { taken[n++] = r; });
+  }
+  for (unsigned int k = 0; k < n; ++k) record(taken[k]);
   return n;
 }
 
 ModbusServer::Stats ServerCore::GetStats() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return stats_;
-}
-
-void ServerCore::CountRefused() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  ++stats_.refused_connections;
+  ModbusServer::Stats s;
+  s.requests = requests_.load(std::memory_order_relaxed);
+  s.exceptions = exceptions_.load(std::memory_order_relaxed);
+  s.refused_connections = refused_.load(std::memory_order_relaxed);
+  s.writes = writes_applied_.load(std::memory_order_relaxed);
+  return s;
 }
 
 }  // namespace details
@@ -259,15 +385,10 @@ struct ModbusServer::Impl {
     return text;
   }
 
-  struct Client {
-    int fd;
-    bool may_write;
-  };
-
   void accept_one() {
     sockaddr_storage a{};
     socklen_t len = sizeof a;
-    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&a), &len, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&a), &len, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return;
     const std::string who = peer_address(a);
     if (static_cast<int>(clients.size()) >= config.max_connections || (accept_check && !accept_check(who))) {
@@ -275,7 +396,15 @@ struct ModbusServer::Impl {
       close(fd);
       return;
     }
-    clients.push_back(Client{fd, write_check && write_check(who)});
+    // Answers leave at once, also to a client that sends several requests
+    // before it reads.
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    clients.emplace_back();
+    details::Connection& c = clients.back();
+    c.fd = fd;
+    c.may_write = write_check && write_check(who);
+    std::snprintf(c.address, sizeof c.address, "%s", who.c_str());
   }
 
   void run() {
@@ -284,21 +413,20 @@ struct ModbusServer::Impl {
       fds.clear();
       fds.push_back(pollfd{stop_fd, POLLIN, 0});
       fds.push_back(pollfd{listen_fd, POLLIN, 0});
-      for (const Client& c : clients) fds.push_back(pollfd{c.fd, POLLIN, 0});
+      for (const details::Connection& c : clients) fds.push_back(pollfd{c.fd, POLLIN, 0});
       if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) break;
       if (fds[0].revents) break;
       // Clients first (their indexes match fds), then new ones.
       for (size_t k = clients.size(); k-- > 0;) {
         if (!fds[k + 2].revents) continue;
-        modbus_set_socket(ctx, clients[k].fd);
-        if (!core.Serve(ctx, clients[k].may_write)) {
+        if (!core.Serve(ctx, clients[k])) {
           close(clients[k].fd);
           clients.erase(clients.begin() + static_cast<long>(k));
         }
       }
       if (fds[1].revents & POLLIN) accept_one();
     }
-    for (const Client& c : clients) close(c.fd);
+    for (const details::Connection& c : clients) close(c.fd);
     clients.clear();
   }
 
@@ -308,7 +436,7 @@ struct ModbusServer::Impl {
   PeerCheck accept_check, write_check;
   modbus_t* ctx = nullptr;
   int listen_fd = -1, stop_fd = -1, port_bound = 0;
-  std::vector<Client> clients;
+  std::vector<details::Connection> clients;
   std::thread thread;
   mutable std::mutex mutex;
   std::string error;
@@ -331,8 +459,7 @@ bool ModbusServer::Start() {
     Stop();
     return false;
   }
-  // A client that sends half a frame holds the others up this long at most.
-  modbus_set_byte_timeout(d.ctx, 0, 100000);
+  d.clients.reserve(static_cast<size_t>(d.config.max_connections));
   d.thread = std::thread([&d] { d.run(); });
   return true;
 }
@@ -374,6 +501,11 @@ void ModbusServer::Deliver(const DeviceValue& v) {
 
 unsigned int ModbusServer::TakeWrites(const std::function<void(unsigned int, bool)>& apply) {
   return impl_->core.TakeWrites(apply);
+}
+
+unsigned int ModbusServer::TakeWriteRecords(const std::function<void(const WriteRecord&)>& record,
+                                            uint64_t& unrecorded) {
+  return impl_->core.TakeWriteRecords(record, unrecorded);
 }
 
 ModbusServer::Stats ModbusServer::GetStats() const { return impl_->core.GetStats(); }

@@ -1,159 +1,115 @@
-// The JSON payload of a command request: one flat object, read strictly.
+// The JSON payload of a command request: one flat object, read strictly by
+// nlohmann-json's event (SAX) parser, which lets the reader refuse nested
+// values and repeated members as they come.
 #include "zqfleet/FleetCommand.h"
 
-#include <cctype>
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace zqfleet {
 
 namespace {
 
-class Reader {
+using json = nlohmann::json;
+
+// Takes the members of one flat object into a FleetCommand; any other shape
+// ends the parse with the reason in `error`.
+class Reader : public json::json_sax_t {
  public:
-  explicit Reader(const std::string& text) : s_(text) {}
-  void blanks() {
-    while (p_ < s_.size() && (s_[p_] == ' ' || s_[p_] == '\t' || s_[p_] == '\r' || s_[p_] == '\n')) ++p_;
-  }
-  bool eat(char c) {
-    blanks();
-    if (p_ < s_.size() && s_[p_] == c) {
-      ++p_;
-      return true;
-    }
-    return false;
-  }
-  bool at_end() {
-    blanks();
-    return p_ == s_.size();
-  }
-  char peek() {
-    blanks();
-    return p_ < s_.size() ? s_[p_] : '\0';
-  }
-  size_t where() const { return p_; }
+  Reader(FleetCommand& out, std::string& error) : out_(out), error_(error) {}
+  bool have_cmd = false;
 
-  // A JSON string; \uXXXX below 0x80 is kept, others are written as UTF-8.
-  bool string(std::string& out) {
-    if (!eat('"')) return false;
-    out.clear();
-    while (p_ < s_.size()) {
-      const char c = s_[p_++];
-      if (c == '"') return true;
-      if (static_cast<unsigned char>(c) < 0x20) return false;
-      if (c != '\\') {
-        out += c;
-        continue;
-      }
-      if (p_ >= s_.size()) return false;
-      const char e = s_[p_++];
-      switch (e) {
-        case '"': case '\\': case '/': out += e; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
-        case 'u': {
-          if (p_ + 4 > s_.size()) return false;
-          unsigned int v = 0;
-          for (int i = 0; i < 4; ++i) {
-            const char h = s_[p_++];
-            if (!std::isxdigit(static_cast<unsigned char>(h))) return false;
-            v = v * 16 + static_cast<unsigned int>(std::isdigit(static_cast<unsigned char>(h)) ? h - '0' : (h | 0x20) - 'a' + 10);
-          }
-          if (v < 0x80) {
-            out += static_cast<char>(v);
-          } else if (v < 0x800) {
-            out += static_cast<char>(0xC0 | (v >> 6));
-            out += static_cast<char>(0x80 | (v & 0x3F));
-          } else {
-            out += static_cast<char>(0xE0 | (v >> 12));
-            out += static_cast<char>(0x80 | ((v >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (v & 0x3F));
-          }
-          break;
-        }
-        default: return false;
-      }
-    }
-    return false;
+  bool null() override { return member(nullptr); }
+  bool boolean(bool) override { return member(nullptr); }
+  bool number_integer(number_integer_t) override { return member(nullptr); }
+  bool number_unsigned(number_unsigned_t) override { return member(nullptr); }
+  bool number_float(number_float_t, const string_t&) override { return member(nullptr); }
+  bool string(string_t& value) override { return member(&value); }
+  bool binary(binary_t&) override { return member(nullptr); }
+  bool key(string_t& name) override {
+    name_ = name;
+    return true;
   }
-
-  // A number or a literal, skipped after a check of its characters.
-  bool scalar() {
-    blanks();
-    for (const char* word : {"true", "false", "null"}) {
-      const std::string w(word);
-      if (s_.compare(p_, w.size(), w) == 0) {
-        p_ += w.size();
-        return true;
-      }
-    }
-    const size_t start = p_;
-    while (p_ < s_.size() && (std::isdigit(static_cast<unsigned char>(s_[p_])) || s_[p_] == '-' ||
-                              s_[p_] == '+' || s_[p_] == '.' || s_[p_] == 'e' || s_[p_] == 'E')) {
-      ++p_;
-    }
-    return p_ > start;
+  bool start_object(std::size_t) override { return depth_++ == 0 || refuse("nested values are not accepted"); }
+  bool end_object() override {
+    --depth_;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    return refuse(depth_ == 0 ? "expected a JSON object" : "nested values are not accepted");
+  }
+  bool end_array() override { return true; }
+  bool parse_error(std::size_t position, const std::string&, const nlohmann::detail::exception& ex) override {
+    // "[json.exception.parse_error.101] parse error at line 1, column 9: syntax error ...":
+    // the reason after the place, which the byte offset replaces (`position`
+    // counts the bytes read, the offending one included: offset + 1).
+    const std::string what = ex.what();
+    const size_t column = what.find("column ");
+    const size_t colon = column == std::string::npos ? column : what.find(": ", column);
+    error_ = "bad JSON at byte " + std::to_string(position > 0 ? position - 1 : 0) + ": " +
+             (colon == std::string::npos ? what : what.substr(colon + 2));
+    return false;
   }
 
  private:
-  const std::string& s_;
-  size_t p_ = 0;
-};
+  bool refuse(const std::string& why) {
+    error_ = why;
+    return false;
+  }
+  // A member's value: `text` for a string, null for any other scalar.
+  bool member(const std::string* text) {
+    if (depth_ == 0) return refuse("expected a JSON object");
+    if (name_ == "cmd") {
+      if (have_cmd || text == nullptr) return refuse("\"cmd\" must be one string");
+      out_.line = *text;
+      have_cmd = true;
+      return true;
+    }
+    std::string* field = name_ == "station" ? &out_.station : name_ == "user" ? &out_.user
+                       : name_ == "time" ? &out_.time : name_ == "nonce" ? &out_.nonce
+                       : name_ == "sig" ? &out_.sig : nullptr;
+    if (field == nullptr) return true;  // other members are ignored
+    if (text == nullptr || !seen_.insert(name_).second) return refuse("\"" + name_ + "\" must be one string");
+    *field = *text;
+    return true;
+  }
 
-bool fail(std::string& error, const std::string& why, size_t where) {
-  error = why + " at byte " + std::to_string(where);
-  return false;
-}
+  FleetCommand& out_;
+  std::string& error_;
+  std::string name_;
+  std::set<std::string> seen_;
+  int depth_ = 0;
+};
 
 }  // namespace
 
 bool FleetCommand::Parse(const std::string& payload, const std::string& station_id,
                          FleetCommand& out, std::string& error) {
   out = FleetCommand();
+  error.clear();
   if (payload.size() > kMaxPayload) {
     error = "payload of " + std::to_string(payload.size()) + " bytes exceeds " + std::to_string(kMaxPayload);
     return false;
   }
-  Reader r(payload);
-  if (!r.eat('{')) return fail(error, "expected a JSON object", r.where());
-  bool have_cmd = false;
-  std::set<std::string> seen;
-  if (!r.eat('}')) {
-    do {
-      std::string name, value;
-      if (!r.string(name)) return fail(error, "expected a member name", r.where());
-      if (!r.eat(':')) return fail(error, "expected ':'", r.where());
-      const char c = r.peek();
-      if (c == '"') {
-        if (!r.string(value)) return fail(error, "bad string", r.where());
-      } else if (c == '{' || c == '[') {
-        return fail(error, "nested values are not accepted", r.where());
-      } else if (!r.scalar()) {
-        return fail(error, "bad value", r.where());
-      }
-      if (name == "cmd") {
-        if (have_cmd || c != '"') return fail(error, "\"cmd\" must be one string", r.where());
-        out.line = value;
-        have_cmd = true;
-        continue;
-      }
-      std::string* member = name == "station" ? &out.station : name == "user" ? &out.user
-                          : name == "time" ? &out.time : name == "nonce" ? &out.nonce
-                          : name == "sig" ? &out.sig : nullptr;
-      if (member == nullptr) continue;
-      if (c != '"' || !seen.insert(name).second) {
-        return fail(error, "\"" + name + "\" must be one string", r.where());
-      }
-      *member = value;
-    } while (r.eat(','));
-    if (!r.eat('}')) return fail(error, "expected ',' or '}'", r.where());
+  Reader reader(out, error);
+  bool parsed = false;
+  try {
+    parsed = json::sax_parse(payload, &reader);
+  } catch (const std::exception& e) {  // not expected with an event parser; refused all the same
+    error = std::string("bad JSON: ") + e.what();
   }
-  if (!r.at_end()) return fail(error, "text after the object", r.where());
-  if (!have_cmd) return fail(error, "no \"cmd\" member", r.where());
+  if (!parsed) {
+    if (error.empty()) error = "bad JSON";
+    out = FleetCommand();
+    return false;
+  }
+  if (!reader.have_cmd) {
+    error = "no \"cmd\" member";
+    return false;
+  }
   if (out.line.find_first_of("\r\n") != std::string::npos || out.line.find('\0') != std::string::npos) {
-    return fail(error, "the command must be one line", 0);
+    error = "the command must be one line";
+    return false;
   }
   if (!out.station.empty() && out.station != station_id) {
     error = "request for station '" + out.station + "', not this one";

@@ -8,8 +8,21 @@
 #include "zqcommon/functions.h"
 #include "zqcommon/lib_config.h"
 #include "zqcommon/unit.h"
+#include "points/unit_symbol.h"
 
 namespace zqpoints {
+
+namespace details {
+
+std::string unit_symbol(const std::string& text) {
+  for (const auto& row : Unit::UnitInfo) {
+    if (text ^= row.symbol) return row.id == eu_temp ? "\u00b0C" : row.symbol;
+    if (text ^= row.name) return row.id == eu_temp ? "\u00b0C" : row.symbol;
+  }
+  return text;
+}
+
+}  // namespace details
 
 namespace {
 
@@ -25,16 +38,6 @@ void copy_text(char* dst, size_t size, const char* src) {
 }
 
 std::string lower(std::string s) { return tolower(s); }
-
-// A unit named like a catalogue row (its symbol or its name) becomes the
-// row's symbol in UTF-8; any other text is kept as written.
-std::string unit_symbol(const std::string& text) {
-  for (const auto& row : Unit::UnitInfo) {
-    if (text ^= row.symbol) return row.id == eu_temp ? "\u00b0C" : row.symbol;
-    if (text ^= row.name) return row.id == eu_temp ? "\u00b0C" : row.symbol;
-  }
-  return text;
-}
 
 // Reads the entries of one [Point.NAME] section; the first fault names
 // the file, the line and the value.
@@ -141,7 +144,7 @@ int PointTable::Load(Config_File& cfg, std::string& error) {
                     r.number("OffDelayMs", off_ms) && r.flag("Latching", c.latching) &&
                     r.number("StaleMs", stale_ms);
     if (!ok) return -1;
-    c.unit = unit_symbol(unit);
+    c.unit = details::unit_symbol(unit);
     c.on_delay_us = static_cast<int64_t>(on_ms * 1000);
     c.off_delay_us = static_cast<int64_t>(off_ms * 1000);
     c.stale_after_us = static_cast<int64_t>(stale_ms * 1000);

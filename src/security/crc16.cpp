@@ -69,7 +69,9 @@ namespace zqdetail {
 
 namespace {
 
-uint32_t crc16_message_slice8(const uint8_t* p, size_t n) {
+uint32_t crc16_message_slice8(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (n < 2) return crc16_bytewise(0xFFFFFFFFu, p, n);
   return crc16_register(crc16_slice8(0xFFFF, p, n), p, n);
 }
@@ -85,7 +87,20 @@ Crc16Message crc16_message(unsigned features) {
 
 }  // namespace zqdetail
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers' run-time starts after the dynamic loader has relocated the
+// libraries: the engine is chosen on the first call instead.
 uint32_t mk_crc16(const void* data, unsigned int length) {
   using Chosen = zqdetail::ChosenEngine<zqdetail::Crc16Message, zqdetail::crc16_message>;
-  return Chosen::engine.load(std::memory_order_relaxed)(static_cast<const uint8_t*>(data), length);
+  return Chosen::engine.load(std::memory_order_relaxed)(data, length);
 }
+#else
+// The dynamic loader calls this once and binds mk_crc16 to the engine it
+// returns, so that a caller's call goes from its PLT straight to the engine.
+extern "C" {
+static zqdetail::Crc16Message zq_choose_mk_crc16() {
+  return zqdetail::crc16_message(zqdetail::crc_features());
+}
+}
+uint32_t mk_crc16(const void* data, unsigned int length) __attribute__((ifunc("zq_choose_mk_crc16")));
+#endif

@@ -29,20 +29,45 @@ ZQ_CLMUL ZQ_FOLD_INLINE __m128i state_lane(uint16_t c) { return _mm_insert_epi16
 // floor(x^80 / P) without its x^64 term, for the Barrett reduction.
 constexpr long long kBarrettMu = 0x11303471a041b343, kPoly = 0x1021;
 
-// X x^16 mod P for a 128-bit polynomial X. The high half, cut in two 32-bit
-// pieces multiplied in parallel, folds onto the low half, leaving a 64-bit V.
-// Then Barrett: the quotient of V x^16 by P is V + floor(V mu' / x^64) with
-// mu' as above, and as V x^16 ends in 16 zero bits the remainder is the low
-// 16 bits of the quotient's low 16 bits times P.
-ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) {
+// X x^16 mod P for a 128-bit polynomial X, in two steps. The high half, cut
+// in two 32-bit pieces multiplied in parallel, folds onto the low half,
+// leaving a 64-bit V congruent to X. Then Barrett: the quotient of V x^16 by P
+// is V + floor(V mu' / x^64) with mu' as above; quotient16 keeps its low 16
+// bits. As V x^16 ends in 16 zero bits, the remainder is the low 16 bits of
+// those quotient bits times P.
+ZQ_CLMUL ZQ_FOLD_INLINE __m128i quotient16(__m128i x) {
   const __m128i k = _mm_set_epi64x(kX96, kX64);
   const __m128i top = _mm_clmulepi64_si128(_mm_srli_epi64(x, 32), k, 0x11);
   const __m128i mid = _mm_clmulepi64_si128(fold::low32(x), k, 0x01);
   const __m128i v = _mm_xor_si128(_mm_xor_si128(top, mid), x);
   const __m128i barrett = _mm_set_epi64x(kPoly, kBarrettMu);
   const __m128i quotient = _mm_xor_si128(v, _mm_srli_si128(_mm_clmulepi64_si128(v, barrett, 0x00), 8));
-  const __m128i low16 = _mm_and_si128(quotient, _mm_cvtsi32_si128(0xFFFF));
-  return static_cast<uint16_t>(_mm_cvtsi128_si32(_mm_clmulepi64_si128(low16, barrett, 0x10)));
+  return _mm_and_si128(quotient, _mm_cvtsi32_si128(0xFFFF));
+}
+
+ZQ_CLMUL ZQ_FOLD_INLINE uint16_t remainder(__m128i quotient) {
+  const __m128i poly = _mm_cvtsi32_si128(kPoly);
+  return static_cast<uint16_t>(_mm_cvtsi128_si32(_mm_clmulepi64_si128(quotient, poly, 0x00)));
+}
+
+ZQ_CLMUL ZQ_FOLD_INLINE uint16_t reduce(__m128i x) { return remainder(quotient16(x)); }
+
+// mk_crc16's register after a message of n >= 2 bytes folded to the lane X.
+// Its high 16 bits are the table indices of the last two byte steps XORed
+// with the last two bytes (see crc16_register). The table entry of index i
+// is i x^16 mod P, whose quotient by P is i ^ (i >> 4) for a byte i (x^16 =
+// P + x^12 + x^5 + 1, and only the x^12 term reaches x^16 again); the last
+// two steps' quotients are the low 16 bits of the whole message's quotient
+// (the multiples of P folding adds to X only change quotient bits from x^16
+// up). So the Barrett step yields the indices, each byte y giving
+// y ^ (y >> 4), with no table look-up.
+ZQ_CLMUL ZQ_FOLD_INLINE uint32_t reduce_register(__m128i x, const uint8_t* p, size_t n) {
+  const __m128i quotient = quotient16(x);
+  uint16_t last;
+  __builtin_memcpy(&last, p + n - 2, 2);
+  const auto q = static_cast<uint32_t>(_mm_cvtsi128_si32(quotient));
+  const uint32_t indices = q ^ ((q >> 4) & 0x0F0F);
+  return (indices ^ __builtin_bswap16(last)) << 16 | remainder(quotient);
 }
 
 uint64_t load_be64(const uint8_t* p) {
@@ -116,10 +141,10 @@ ZQ_VCLMUL uint16_t crc16_vclmul(uint16_t c, const uint8_t* p, size_t n) {
 
 namespace {
 
-// The state after a message of 2-127 bytes from 0xFFFF.
-ZQ_CLMUL ZQ_FOLD_INLINE uint16_t short_state(const uint8_t* p, size_t n) {
-  if (n < 16) return reduce(short_lane(0xFFFF, p, n));
-  return reduce(fold_short<NormalLanes>(state_lane(0xFFFF), p, n, kKeys));
+// mk_crc16's register after a message of 2-127 bytes.
+ZQ_CLMUL ZQ_FOLD_INLINE uint32_t short_register(const uint8_t* p, size_t n) {
+  if (n < 16) return reduce_register(short_lane(0xFFFF, p, n), p, n);
+  return reduce_register(fold_short<NormalLanes>(state_lane(0xFFFF), p, n, kKeys), p, n);
 }
 
 // mk_crc16 on messages of other lengths with the engine `state`.
@@ -133,20 +158,26 @@ __attribute__((noinline)) uint32_t message_other(const uint8_t* p, size_t n) {
 
 // mk_crc16 whole: messages of 2-127 bytes, the common ones, in the short
 // paths, the rest out of line (so that no registers need saving here).
-ZQ_CLMUL uint32_t crc16_message_clmul(const uint8_t* p, size_t n) {
+ZQ_CLMUL uint32_t crc16_message_clmul(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_clmul>(p, n);
-  return crc16_register(short_state(p, n), p, n);
+  return short_register(p, n);
 }
 
-ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n) {
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul256(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul256>(p, n);
-  return crc16_register(short_state(p, n), p, n);
+  return short_register(p, n);
 }
 
 // With AVX-512: the short paths in the VEX encoding, long messages in 512-bit lanes.
-ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const uint8_t* p, size_t n) {
+ZQ_VCLMUL256 uint32_t crc16_message_vclmul(const void* data, unsigned int length) {
+  const auto* p = static_cast<const uint8_t*>(data);
+  const size_t n = length;
   if (__builtin_expect(n - 2 >= 126, 0)) return message_other<crc16_vclmul>(p, n);
-  return crc16_register(short_state(p, n), p, n);
+  return short_register(p, n);
 }
 
 }  // namespace zqdetail

@@ -60,8 +60,7 @@ uint32_t crc32_slice8(uint32_t r, const uint8_t* p, size_t n) {
 }
 
 bool crc32_clmul_available() {
-  static const bool available = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3") &&
-                                __builtin_cpu_supports("sse4.1");
+  static const bool available = (crc_features() & kCrcClmul) != 0;
   return available;
 }
 
@@ -129,8 +128,7 @@ ZQ_CLMUL uint32_t crc32_clmul(uint32_t r, const uint8_t* p, size_t n) {
 }
 
 bool crc32_vclmul_available() {
-  static const bool available = crc32_clmul_available() && __builtin_cpu_supports("avx512f") &&
-                                __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("vpclmulqdq");
+  static const bool available = (crc_features() & kCrcVclmul) != 0;
   return available;
 }
 
@@ -140,8 +138,7 @@ ZQ_VCLMUL uint32_t crc32_vclmul(uint32_t r, const uint8_t* p, size_t n) {
 }
 
 bool crc32_vclmul256_available() {
-  static const bool available = crc32_clmul_available() && __builtin_cpu_supports("avx2") &&
-                                __builtin_cpu_supports("vpclmulqdq");
+  static const bool available = (crc_features() & kCrcVclmul256) != 0;
   return available;
 }
 
@@ -162,9 +159,21 @@ ZQ_VCLMUL256 uint32_t crc32_vclmul256(uint32_t r, const uint8_t* p, size_t n) {
   return crc32_vclmul256_long(r, p, n);
 }
 
+// Read afresh on every call, with no static and no call out of this library
+// (the processor model is libgcc's, linked in): mk_crc16's resolver calls it
+// while the dynamic loader is still relocating libraries.
 unsigned crc_features() {
-  return (crc32_clmul_available() ? kCrcClmul : 0u) | (crc32_vclmul_available() ? kCrcVclmul : 0u) |
-         (crc32_vclmul256_available() ? kCrcVclmul256 : 0u);
+  __builtin_cpu_init();
+  if (!__builtin_cpu_supports("pclmul") || !__builtin_cpu_supports("ssse3") || !__builtin_cpu_supports("sse4.1")) {
+    return 0;
+  }
+  unsigned features = kCrcClmul;
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("vpclmulqdq")) {
+    features |= kCrcVclmul;
+  }
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("vpclmulqdq")) features |= kCrcVclmul256;
+  return features;
 }
 
 Crc32Engine crc32_engine(unsigned features) {

@@ -60,12 +60,13 @@ extern const Crc16Tables crc16_tables;
 uint32_t crc16_bytewise(uint32_t r, const uint8_t* p, size_t n);
 
 // mk_crc16 whole, with the engines for the given instruction sets (one
-// function, so that a short message makes no call of its own).
-using Crc16Message = uint32_t (*)(const uint8_t* p, size_t n);
+// function of mk_crc16's own signature, so that a call reaches it straight
+// from the caller and a short message makes no call of its own).
+using Crc16Message = uint32_t (*)(const void* data, unsigned int length);
 Crc16Message crc16_message(unsigned features);
-uint32_t crc16_message_clmul(const uint8_t* p, size_t n);
-uint32_t crc16_message_vclmul256(const uint8_t* p, size_t n);
-uint32_t crc16_message_vclmul(const uint8_t* p, size_t n);
+uint32_t crc16_message_clmul(const void* data, unsigned int length);
+uint32_t crc16_message_vclmul256(const void* data, unsigned int length);
+uint32_t crc16_message_vclmul(const void* data, unsigned int length);
 
 // mk_crc16 of a message of n >= 2 bytes from `state`, its final 16-bit
 // state. The low 16 bits of the unmasked register are that state; the high 16

@@ -40,11 +40,16 @@ struct App : zqcommon::Config_Data {
   Sub sub;
 };
 
-zqcommon::Setting_Check rules() {
-  zqcommon::Setting_Check r;
-  r.Integer("App.Port", 1, 65535).Text("App.Name", 8).Choice("App.Mode", {"required", "preferred"});
-  return r;
-}
+// App's settings under [App], checked by these rules.
+struct Checked {
+  zqcommon::Setting_Check table;
+  App app;
+  zqcommon::Checked_Settings checked{&table};
+  Checked() {
+    table.Integer("App.Port", 1, 65535).Text("App.Name", 8).Choice("App.Mode", {"required", "preferred"});
+    checked.Add("App", app);
+  }
+};
 
 // A file read from text under a name, as if read from disk.
 struct NamedFile : Config_File {
@@ -64,7 +69,6 @@ std::string joined(const std::vector<std::string>& v) {
 }  // namespace
 
 TEST(CheckedSettings, FileValuesMustBeWholeAndInRange) {
-  const zqcommon::Setting_Check table = rules();
   // One setting per row: the line in [App] and the problem expected ("" when it loads).
   const struct { const char* line; const char* problem; } rows[] = {
       {"Port = 7810", ""},
@@ -91,38 +95,32 @@ TEST(CheckedSettings, FileValuesMustBeWholeAndInRange) {
       {"Prot = 1", "App.Prot = '1': no setting Prot in [App]"},
   };
   for (const auto& r : rows) {
-    App app;
-    zqcommon::Checked_Settings checked(&table);
-    checked.Add("App", app);
+    Checked s;
     NamedFile file(std::string("[App]\n") + r.line + "\n", "x.cfg");
-    const auto problems = checked.Load(file);
+    const auto problems = s.checked.Load(file);
     if (*r.problem == 0) {
       EXPECT_TRUE(problems.empty()) << "row '" << r.line << "': " << joined(problems);
     } else {
       ASSERT_EQ(problems.size(), 1u) << "row '" << r.line << "': " << joined(problems);
       EXPECT_NE(problems[0].find(r.problem), std::string::npos) << "row '" << r.line << "': " << problems[0];
-      EXPECT_EQ(app.port, 7600) << "row '" << r.line << "': a file with a problem loads nothing";
+      EXPECT_EQ(s.app.port, 7600) << "row '" << r.line << "': a file with a problem loads nothing";
     }
   }
 }
 
 TEST(CheckedSettings, EveryProblemIsReportedAndGoodFilesLoadWithSubsections) {
-  const zqcommon::Setting_Check table = rules();
-  App app;
-  zqcommon::Checked_Settings checked(&table);
-  checked.Add("App", app);
+  Checked s;
   Config_File bad = config_from_text("[App]\nPort = 1x\nGain = 2,5\n[App.Trace]\nDepth = deep\n[Other]\nAny = thing\n");
-  EXPECT_EQ(checked.Load(bad).size(), 3u);
+  EXPECT_EQ(s.checked.Load(bad).size(), 3u);
   Config_File good = config_from_text("[App]\nPort = 81 # web\nGain = -1e3\n[App.Trace]\nDepth = 7\n");
-  EXPECT_TRUE(checked.Load(good).empty());
-  EXPECT_EQ(app.port, 81);
-  EXPECT_EQ(app.gain, -1000.0);
-  EXPECT_EQ(app.sub.depth, 7);
-  EXPECT_EQ(app.GetEntry("Port").Line(), 2);  // loaded through Config_Data::Load: lines known
+  EXPECT_TRUE(s.checked.Load(good).empty());
+  EXPECT_EQ(s.app.port, 81);
+  EXPECT_EQ(s.app.gain, -1000.0);
+  EXPECT_EQ(s.app.sub.depth, 7);
+  EXPECT_EQ(s.app.GetEntry("Port").Line(), 2);  // loaded through Config_Data::Load: lines known
 }
 
 TEST(CheckedSettings, CommandLineOverridesAreTakenCheckedAndApplied) {
-  const zqcommon::Setting_Check table = rules();
   // Each row: the arguments after the program's name, the arguments left,
   // and the problem expected ("" when all apply).
   const struct { std::vector<const char*> args; const char* left; const char* problem; } rows[] = {
@@ -133,18 +131,16 @@ TEST(CheckedSettings, CommandLineOverridesAreTakenCheckedAndApplied) {
       {{"app.trace.depth=9", "--x=y.z"}, "--x=y.z", ""},
   };
   for (const auto& r : rows) {
-    App app;
-    zqcommon::Checked_Settings checked(&table);
-    checked.Add("App", app);
+    Checked s;
     std::vector<char*> argv{const_cast<char*>("prog")};
     for (const char* a : r.args) argv.push_back(const_cast<char*>(a));
     argv.push_back(nullptr);
     int argc = static_cast<int>(argv.size()) - 1;
-    checked.TakeOverrides(argc, argv.data());
+    s.checked.TakeOverrides(argc, argv.data());
     std::string left;
     for (int i = 1; i < argc; ++i) left += std::string(left.empty() ? "" : " ") + argv[i];
     EXPECT_EQ(left, r.left) << "row " << r.args.size() << " args, first " << r.args[0];
-    const auto problems = checked.ApplyOverrides();
+    const auto problems = s.checked.ApplyOverrides();
     if (*r.problem == 0) {
       EXPECT_TRUE(problems.empty()) << "row " << r.args[0] << ": " << joined(problems);
     } else {
@@ -152,12 +148,10 @@ TEST(CheckedSettings, CommandLineOverridesAreTakenCheckedAndApplied) {
       EXPECT_NE(problems[0].find(r.problem), std::string::npos) << "row " << r.args[0] << ": " << problems[0];
     }
   }
-  App app;
-  zqcommon::Checked_Settings checked(&table);
-  checked.Add("App", app);
-  checked.AddOverride({1, "App.Name", ""});
-  checked.AddOverride({2, "App.Trace.Depth", "9"});
-  EXPECT_TRUE(checked.ApplyOverrides().empty());
-  EXPECT_EQ(app.name, "");  // an empty value clears a text
-  EXPECT_EQ(app.sub.depth, 9);
+  Checked s;
+  s.checked.AddOverride({1, "App.Name", ""});
+  s.checked.AddOverride({2, "App.Trace.Depth", "9"});
+  EXPECT_TRUE(s.checked.ApplyOverrides().empty());
+  EXPECT_EQ(s.app.name, "");  // an empty value clears a text
+  EXPECT_EQ(s.app.sub.depth, 9);
 }

@@ -134,16 +134,22 @@ TEST(ConfigFile, MagicLineAndLongLines) {
   EXPECT_EQ(crlf.get_entry("s", "z", ""), std::string("a\0b", 3));
 }
 
-// A named file is read whole and cut in memory: it must give the lines a
-// stream of the same bytes gives, at every edge of the line rules.
+// A named file is read in 64 KiB blocks and cut in memory: it must give the
+// lines a stream of the same bytes gives, at every edge of the line rules, also
+// where a line or the CRs after an over-long one cross a block's end.
 TEST(ConfigFile, FileAndStreamGiveTheSameLines) {
   ScratchDir dir;
   const std::string path = dir / "cut.cfg";
   const std::string fits(1021, 'a'), limit(1023, 'c');
+  std::string pad;
+  while (pad.size() < 65536 - 1200) pad += "k = v # c\n";
   const std::string texts[] = {"", "\n", "[s]\nk=v", "[s]\nk=v\n\n", std::string("[s]\r\nk = v\r\r\nz = a\0b\n", 21),
                                "[s]\nk=" + fits + "\nl=" + std::string(1500, 'b') + "\n[after]\n",
                                "[s]\r\nk=" + fits + "\r\r\nm = 1\r\n", limit, limit + "\n", limit + "\r\r\r\nx=1\n",
-                               limit + "\r\r", limit + "x\n[t]\n", "[s]\rk=v\r"};
+                               limit + "\r\r", limit + "x\n[t]\n", "[s]\rk=v\r",
+                               pad + "[s]\n" + limit + std::string(3000, '\r') + "\nx=1\n",
+                               pad + limit + std::string(70000, '\r') + "\n[t]\n", pad + limit + "\r\rx\n[u]\n",
+                               pad + "l=" + std::string(1500, 'b') + "\n[after]\n"};
   for (const std::string& text : texts) {
     for (const std::string magic : {"", "#!m"}) {
       const std::string bytes = magic.empty() ? text : magic + "\n" + text;

@@ -53,7 +53,7 @@ TEST(VbLike, TrimmingNeverReadsBeforeTheStart) {
 TEST(VbLike, QuotingBothWays) {
   // quote escapes controls but not quotes, backslashes or high bytes.
   EXPECT_EQ(quote(std::string("a\t\0\a\b\n\v\f\r", 9)), "\"a\\t\\0\\a\\b\\n\\v\\f\\r\"");
-  EXPECT_EQ(quote("\x1b"), "\"\\33\"");
+  EXPECT_EQ(quote("\x1f"), "\"\\37\"");  // the last control character
   EXPECT_EQ(quote("say \"hi\" \\"), "\"say \"hi\" \\\"");
   EXPECT_EQ(quote("\xE4"), "\"\xE4\"");
   // dequote: a named escape is followed by an octal read; a trailing backslash

@@ -5,9 +5,16 @@
 #include <modbus/modbus.h>
 #include <zqcommon/lib_config.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <sstream>
 #include <string>
+#include <thread>
 
 using namespace zqdevices;
 
@@ -99,6 +106,76 @@ TEST_F(ServerTest, WritesRefusedByDefaultThenOnlyToWritableCoils) {
   EXPECT_EQ(server->TakeWrites([&](unsigned int bit, bool on) { taken += std::to_string(bit) + (on ? "+" : "-"); }), 4u);
   EXPECT_EQ(taken, "1-4+5+5+");
   EXPECT_GE(server->GetStats().exceptions, 4u);
+
+  // One record per write request, refused ones included, naming the client.
+  std::string records;
+  uint64_t unrecorded = 0;
+  EXPECT_EQ(server->TakeWriteRecords(
+                [&](const ModbusServer::WriteRecord& r) {
+                  records += std::string(r.client) + " " + std::to_string(r.function) + "@" +
+                             std::to_string(r.address) + "x" + std::to_string(r.count) + "=" +
+                             std::to_string(r.value) + ":" + std::to_string(r.result) + "\n";
+                },
+                unrecorded),
+            7u);
+  EXPECT_EQ(records,
+            "127.0.0.1 5@1x1=65280:1\n127.0.0.1 5@1x1=0:0\n127.0.0.1 15@4x2=3:0\n127.0.0.1 5@0x1=65280:2\n127.0.0.1 15@3x2=3:2\n"
+            "127.0.0.1 6@0x1=7:2\n127.0.0.1 5@5x1=65280:0\n");
+  EXPECT_EQ(unrecorded, 0u);
+  // A flood is recorded up to the burst size, the rest counted.
+  modbus_t* c = modbus_new_tcp("127.0.0.1", server->Port());
+  ASSERT_EQ(modbus_connect(c), 0);
+  const auto began = std::chrono::steady_clock::now();
+  for (int k = 0; k < 200; ++k) ASSERT_EQ(modbus_write_bit(c, 1, k & 1), 1);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  modbus_free(c);
+  const unsigned int kept = server->TakeWriteRecords([](const ModbusServer::WriteRecord&) {}, unrecorded);
+  EXPECT_GE(kept, 1u);
+  EXPECT_LE(kept, ModbusServer::kRecordBurst + 1 + seconds * ModbusServer::kRecordsPerSecond);
+  EXPECT_EQ(kept + unrecorded, 200u);
+}
+
+TEST_F(ServerTest, RequestsSplitOrJoinedOnTheWireAndMalformedFramesClose) {
+  start();
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(server->Port()));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  const timeval wait{5, 0};
+  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  // Read input registers 0..1 (tank.level as a float), transaction ids 1..3.
+  auto request = [](uint8_t id) {
+    return std::string{0, static_cast<char>(id), 0, 0, 0, 6, 1, 4, 0, 0, 0, 2};
+  };
+  auto answers = [&](size_t count) {
+    std::string got(count * 13, '\0');
+    size_t n = 0;
+    for (ssize_t r = 1; n < got.size() && r > 0; n += static_cast<size_t>(r > 0 ? r : 0))
+      r = recv(s, &got[n], got.size() - n, 0);
+    got.resize(n);
+    return got;
+  };
+  const std::string two = request(1) + request(2), split = request(3);
+  ASSERT_EQ(send(s, two.data(), two.size(), 0), static_cast<ssize_t>(two.size()));
+  ASSERT_EQ(send(s, split.data(), 5, 0), 5);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_EQ(send(s, split.data() + 5, split.size() - 5, 0), static_cast<ssize_t>(split.size() - 5));
+  const std::string got = answers(3);
+  ASSERT_EQ(got.size(), 39u);
+  for (int k = 0; k < 3; ++k) {
+    EXPECT_EQ(got[13 * k + 1], k + 1);  // transaction id
+    EXPECT_EQ(got.substr(13 * k + 7, 6), (std::string{4, 4, 0x41, 0x48, 0, 0}));  // 12.5 as abcd
+  }
+  // A read whose MBAP length says one byte more than its function: closed.
+  std::string bad = request(4);
+  bad[5] = 7;
+  bad += '\0';
+  ASSERT_EQ(send(s, bad.data(), bad.size(), 0), static_cast<ssize_t>(bad.size()));
+  char byte;
+  EXPECT_EQ(recv(s, &byte, 1, 0), 0);
+  close(s);
 }
 
 TEST_F(ServerTest, RefusedAddressesGetNothingAndConnectionsAreBounded) {

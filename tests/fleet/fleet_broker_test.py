@@ -311,6 +311,18 @@ def signed_commands():
     answer = request(anyone, "s7", "alice", ok, b"inject")
     check(answer["result"] == 0 and "io set 4 by mqtt:alice" in s7.log(), "a signed operator request works",
           answer)
+    # The injected reading's alarm: a viewer may not acknowledge or shelve it, an
+    # operator may; the journal names the request's user.
+    for line in ("ack all", "shelve sensor 5"):
+        answer = request(anyone, "s7", "vic", signed("vic", line), line.encode())
+        check(answer["result"] == 403, "a viewer's MQTT " + line + " refused", answer)
+    answer = request(anyone, "s7", "alice", signed("alice", "ack sensor seen over mqtt"), b"ack")
+    check(answer["result"] == 0 and "1 alarm acknowledged" in answer["output"], "ack through MQTT", answer)
+    answer = request(anyone, "s7", "alice", signed("alice", "shelve sensor 5 mqtt shelving"), b"shelve")
+    check(answer["result"] == 0 and "shelved until" in answer["output"], "shelve through MQTT", answer)
+    history = request(anyone, "s7", "vic", signed("vic", "alarm-history 10m"), b"history")["output"]
+    check(re.search(r"sensor ack active-unacked -> active-acked.* by \S*alice: seen over mqtt", history)
+          and re.search(r"sensor shelve .* by \S*alice: mqtt shelving", history), "the journal names alice", history)
     tampered = json.loads(signed("adm", "config show"))
     tampered["cmd"] = "config set Station.Setpoint 77"
     bad = [("unsigned", json.dumps({"cmd": "config set Station.Setpoint 77", "station": "s7"}), 401),

@@ -36,6 +36,9 @@ TEST(FleetCommand, AcceptsOneFlatObjectAndRefusesTheRest) {
       {"", false, ""},
       {R"({"cmd":"a","sig":"00","sig":"01"})", false, ""},  // a signed member twice
       {R"({"cmd":"a","user":1})", false, ""},
+      {R"({"cmd":"\ud83d\ude00"})", true, "\xf0\x9f\x98\x80"},  // a surrogate pair
+      {"{\"cmd\":\"\xff\"}", false, ""},                   // not UTF-8
+      {R"({"cmd":"a","n":01})", false, ""},                 // not a JSON number
   };
   FleetCommand c;
   std::string error;
@@ -45,6 +48,8 @@ TEST(FleetCommand, AcceptsOneFlatObjectAndRefusesTheRest) {
     EXPECT_EQ(r.ok ? c.line : std::string(), r.line) << r.payload;
     EXPECT_EQ(error.empty(), r.ok) << r.payload;
   }
+  EXPECT_FALSE(FleetCommand::Parse(R"({"cmd":"status")", "s1", c, error));
+  EXPECT_EQ(error.rfind("bad JSON at byte 15: syntax error", 0), 0u) << error;
   EXPECT_FALSE(FleetCommand::Parse("{\"cmd\":\"" + std::string(5000, 'x') + "\"}", "s1", c, error));
   EXPECT_NE(error.find("exceeds"), std::string::npos);
 }

@@ -148,11 +148,13 @@ TEST(Log, RotationFlushingAndMissingDirectories) {
   cfg.base = dir + "r";
   cfg.autodate = 0;
   cfg.maxsize = 1000;
-  std::ofstream(dir + "r.txt") << std::string(990, 'x');  // closed at the end of the statement
+  std::ofstream(dir + "r.txt") << std::string(960, 'x');  // closed at the end of the statement
   Log log(cfg);
   log.Start();
   EXPECT_EQ(log.Name(), dir + "r.txt");
-  EXPECT_EQ(log.LogSize(), 990u);
+  EXPECT_EQ(log.LogSize(), 960u);
+  log.Add(elog_INFO, 0, "abc");  // 40 bytes: the file is full, not over
+  EXPECT_EQ(log.LogCount(), 1u);
   log.Add(elog_INFO, 0, "abc");  // a longer line than fits: rotate first
   EXPECT_EQ(log.LogCount(), 2u);
   EXPECT_EQ(log.Name(), dir + "r.txt");  // the same name again, its size counting again

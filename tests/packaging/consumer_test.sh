@@ -4,7 +4,8 @@
 # the core library's components alone (lib, dev: what libzqcommon1 and
 # libzqcommon-dev ship), where the fleet component is missing; then with
 # libzqfleet's (fleet, fleet-dev), a second program on zqcommon::zqfleet and
-# zqfleet.pc.
+# zqfleet.pc; the same for libzqpoints (points, points-dev), whose journal
+# header is not in libzqcommon-dev though the rest of zqpoints/ is.
 # Usage: consumer_test.sh BUILD_DIR CONSUMER_SOURCE_DIR [SANITIZERS]
 set -euo pipefail
 build=$1 source=$2 sanitize=${3:-}
@@ -36,19 +37,28 @@ g++ -std=c++17 "${flags[@]}" -o "$work/consumer-pc" "$source/main.cpp" $(pkg-con
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc"
 needed=$(objdump -p "$work/cmake-build/consumer")
 ! grep -q libzqfleet <<<"$needed" || { echo "the core consumer links libzqfleet"; exit 1; }
+[ -f "$work/prefix/include/zqpoints/Point.h" ] && [ ! -e "$work/prefix/include/zqpoints/AlarmJournal.h" ] ||
+  { echo "libzqcommon-dev's zqpoints headers: Point.h without AlarmJournal.h"; exit 1; }
 
-# The fleet component: absent until its packages are installed.
-if cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DZQ_FLEET=ON \
-     >"$work/absent.log" 2>&1; then
-  echo "COMPONENTS fleet found without libzqfleet installed"; exit 1
-fi
-grep -q 'component "fleet"' "$work/absent.log" || { cat "$work/absent.log"; exit 1; }
-for c in fleet fleet-dev; do cmake --install "$build" --prefix "$work/prefix" --component $c >/dev/null; done
-rm -rf "$work/fleet-build"
-cmake -S "$source" -B "$work/fleet-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DZQ_FLEET=ON \
-  -DCMAKE_CXX_FLAGS="${flags[*]:-}" >/dev/null
-cmake --build "$work/fleet-build" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/fleet-build/consumer-fleet"
-# shellcheck disable=SC2046
-g++ -std=c++17 "${flags[@]}" -o "$work/fleet-pc" "$source/fleet.cpp" $(pkg-config --cflags --libs zqfleet)
-LD_LIBRARY_PATH="$libdir" "$work/fleet-pc"
+# An optional component (NAME, the consumer's OPTION): absent until its
+# packages (NAME, NAME-dev) are installed, then a program on its CMake target
+# and one on its .pc file.
+component() {
+  local name=$1 option=$2
+  if cmake -S "$source" -B "$work/$name-build" -DCMAKE_PREFIX_PATH="$work/prefix" -D"$option"=ON \
+       >"$work/absent.log" 2>&1; then
+    echo "COMPONENTS $name found without libzq$name installed"; exit 1
+  fi
+  grep -q "component \"$name\"" "$work/absent.log" || { cat "$work/absent.log"; exit 1; }
+  for c in "$name" "$name-dev"; do cmake --install "$build" --prefix "$work/prefix" --component "$c" >/dev/null; done
+  rm -rf "$work/$name-build"
+  cmake -S "$source" -B "$work/$name-build" -DCMAKE_PREFIX_PATH="$work/prefix" -D"$option"=ON \
+    -DCMAKE_CXX_FLAGS="${flags[*]:-}" >/dev/null
+  cmake --build "$work/$name-build" >/dev/null
+  LD_LIBRARY_PATH="$libdir" "$work/$name-build/consumer-$name"
+  # shellcheck disable=SC2046
+  g++ -std=c++17 "${flags[@]}" -o "$work/$name-pc" "$source/$name.cpp" $(pkg-config --cflags --libs "zq$name")
+  LD_LIBRARY_PATH="$libdir" "$work/$name-pc"
+}
+component fleet ZQ_FLEET
+component points ZQ_POINTS

@@ -5,7 +5,7 @@
 # and the station runs from their unpacked files. With
 # ZQ_DEB_INSTALL=1 (CI: root on a throwaway machine) they are also installed
 # with dpkg: the consumer builds on libzqcommon-dev alone and then with
-# libzqfleet-dev's component, station --version from /usr/bin, the unit file passes
+# libzqfleet-dev's and libzqpoints-dev's components, station --version from /usr/bin, the unit file passes
 # systemd-analyze verify, the system user exists, dpkg -r removes the
 # programs and keeps /etc/station, and a purge cleans up.
 #
@@ -19,7 +19,7 @@ if ! timeout 600 cmake --build . --target package >cpack.log 2>&1; then
   exit 1
 fi
 debs=(libzqcommon1_*.deb libzqcommon-dev_*.deb libzqfleet1_*.deb libzqfleet-dev_*.deb libzqdevices1_*.deb
-      libzqdevices-dev_*.deb libzqpoints1_*.deb zqcommon-station_*.deb)
+      libzqdevices-dev_*.deb libzqpoints1_*.deb libzqpoints-dev_*.deb zqcommon-station_*.deb)
 if ! out=$(timeout 300 lintian --fail-on error "${debs[@]}" 2>&1); then
   echo "$out"
   exit 1
@@ -45,8 +45,12 @@ devices_dev=$(dpkg-deb -c libzqdevices-dev_*.deb)
 for f in include/zqdevices/ModbusDevice.h zqcommonDevicesTargets.cmake pkgconfig/zqdevices.pc; do
   grep -q "/$f\$" <<<"$devices_dev" || { echo "libzqdevices-dev: no $f"; exit 1; }
 done
-if grep -Eq 'include/zq(fleet|devices)' <<<"$(dpkg-deb -c libzqcommon-dev_*.deb)"; then
-  echo "libzqcommon-dev holds libzqfleet's or libzqdevices' headers"; exit 1
+points_dev=$(dpkg-deb -c libzqpoints-dev_*.deb)
+for f in include/zqpoints/AlarmJournal.h zqcommonPointsTargets.cmake pkgconfig/zqpoints.pc; do
+  grep -q "/$f\$" <<<"$points_dev" || { echo "libzqpoints-dev: no $f"; exit 1; }
+done
+if grep -Eq 'include/zq(fleet|devices)|AlarmJournal' <<<"$(dpkg-deb -c libzqcommon-dev_*.deb)"; then
+  echo "libzqcommon-dev holds libzqfleet's, libzqdevices' or libzqpoints' headers"; exit 1
 fi
 depends=$(dpkg-deb -f libzqcommon1_*.deb Depends)
 if grep -Eq 'mosquitto|prometheus|zqfleet|modbus|zqdevices|sqlite' <<<"$depends"; then
@@ -84,7 +88,8 @@ if [[ ${ZQ_DEB_INSTALL:-} != 1 ]]; then
   echo "packages checked; installation left to CI (ZQ_DEB_INSTALL=1)"
   exit 0
 fi
-packages=(zqcommon-station libzqdevices-dev libzqdevices1 libzqfleet-dev libzqfleet1 libzqpoints1 libzqcommon-dev libzqcommon1)
+packages=(zqcommon-station libzqdevices-dev libzqdevices1 libzqfleet-dev libzqfleet1 libzqpoints-dev libzqpoints1
+          libzqcommon-dev libzqcommon1)
 trap 'dpkg -P "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$tmp"' EXIT
 # The core packages alone serve a consumer; the fleet component is not there.
 dpkg -i --force-confdef --force-confold libzqcommon1_*.deb libzqcommon-dev_*.deb
@@ -97,6 +102,8 @@ dpkg -i --force-confdef --force-confold "${debs[@]}"
 rm -rf "$tmp/consumer-fleet"
 cmake -S "$consumer" -B "$tmp/consumer-fleet" -DZQ_FLEET=ON >/dev/null && cmake --build "$tmp/consumer-fleet" >/dev/null
 "$tmp/consumer-fleet/consumer-fleet"
+cmake -S "$consumer" -B "$tmp/consumer-points" -DZQ_POINTS=ON >/dev/null && cmake --build "$tmp/consumer-points" >/dev/null
+"$tmp/consumer-points/consumer-points"
 version=$(/usr/bin/station --version)
 echo "installed: $version"
 getent passwd station >/dev/null

@@ -138,8 +138,8 @@ TEST(LoginThrottle, DelaysDoubleAndFailuresLockOut) {
     EXPECT_EQ(t.Failed("a", i), expected[i]);
   }
   EXPECT_FALSE(t.Locked("b", 10));
-  EXPECT_TRUE(t.Locked("a", 600000));
-  EXPECT_FALSE(t.Locked("a", 600010));
+  EXPECT_TRUE(t.Locked("a", 600004));
+  EXPECT_FALSE(t.Locked("a", 600005));  // Lockout after the last failure (at 5), exactly
   t.Failed("b", 700000);  // expires the old records
   EXPECT_EQ(t.Tracked(), 1u);
   t.Succeeded("b");

@@ -150,7 +150,9 @@ def passwd(binary, name, level, password):
 # Every station command at every level: the lowest level that may run it.
 MATRIX = [("status", 1), ("io", 1), ("io get 0", 1), ("io set 0", 2), ("io clear 0", 2), ("io toggle 0", 2),
           ("trace dump", 1), ("trace start", 2), ("trace stop", 2), ("fit", 2), ("hash sha256 station.cfg", 2),
-          ("crc station.cfg", 2), ("config show", 1), ("config set Station.Setpoint 40", 3), ("config save", 3)]
+          ("crc station.cfg", 2), ("config show", 1), ("config set Station.Setpoint 40", 3), ("config save", 3),
+          ("alarms", 1), ("ack all", 2), ("shelve sensor 0", 2), ("alarm-history 1m", 1), ("outputs", 1),
+          ("outputs resume", 2)]
 
 
 def main():
@@ -241,6 +243,19 @@ def main():
             for line, need in MATRIX:
                 answer = u.ask(line)
                 check(("not permitted" in answer) == (level < need), "%s: %s" % (user, line), answer)
+            if user == "otto":  # an operator acknowledges and shelves over TLS; the journal names him
+                u.ask("io set inject")
+                deadline = time.time() + 10
+                while "active-unacked" not in u.ask("alarms") and time.time() < deadline:
+                    time.sleep(0.1)
+                check("1 alarm acknowledged" in u.ask("ack sensor over tls"), "ack over TLS")
+                check("shelved until" in u.ask("shelve sensor 5 tls shelving"), "shelve over TLS")
+                history = u.ask("alarm-history 10m")
+                check(re.search(r"sensor ack active-unacked -> active-acked.* by otto: over tls", history)
+                      and re.search(r"sensor shelve .* by otto: tls shelving", history),
+                      "the journal names the TLS session's user", history)
+                u.ask("shelve sensor 0")
+                u.ask("io clear inject")
             u.sock.close()
 
         # Private output: one client's help and errors never reach the other.

@@ -5,6 +5,7 @@ Modbus TCP server, read and written by mbpoll and pymodbus.
 
     station_devices.py STATION_BINARY STATION_SOURCE_DIR PEER_SCRIPT
 """
+import json
 import logging
 import os
 import re
@@ -52,6 +53,14 @@ def eventually(test, timeout=10):
             return True
         time.sleep(0.05)
     return test()
+
+
+def client_socket(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), 0.2).close()
+        return True
+    except OSError:
+        return False
 
 
 def client(port):
@@ -113,8 +122,19 @@ def main():
           mapped.stdout)
     check(re.search(r"input +4-5\tf32 +read-only +meter.flow \[m3/h\]", mapped.stdout), "the map: meter.flow")
 
+    # An anonymous mosquitto for the station's MQTT samples, read by mosquitto_sub.
+    broker = free_port()
+    with open(os.path.join(WORK, "mosquitto.conf"), "w") as f:
+        f.write(("user root\n" if os.geteuid() == 0 else "") + "allow_anonymous true\nlistener %d 127.0.0.1\n" % broker)
+    spawn(["mosquitto", "-c", "mosquitto.conf"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    check(eventually(lambda: client_socket(broker)), "mosquitto listens")
+    subscribed = open(os.path.join(WORK, "mqtt.txt"), "w")
+    spawn(["mosquitto_sub", "-p", str(broker), "-t", "+/+/samples", "-W", "120"], stdout=subscribed,
+          stderr=subprocess.DEVNULL)
+
     out = open(os.path.join(WORK, "out.txt"), "w+")
-    station = spawn([STATION] + args, stdout=out, stderr=subprocess.STDOUT)
+    station = spawn([STATION] + args + ["MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker, "MQTT.Commands=off"],
+                    stdout=out, stderr=subprocess.STDOUT)
     check(eventually(lambda: re.search(r"tcp port (\d+)", open(out.name).read())), "the station starts",
           open(out.name).read())
     port = int(re.search(r"tcp port (\d+)", open(out.name).read()).group(1))
@@ -129,6 +149,17 @@ def main():
     check(eventually(lambda: "meter.flow = 5 m3/h" in ask("device")), "values with scale and units", ask("device"))
     listing = ask("device")
     check("tank.level = 123.4 m" in listing and "tank.temp = 21.5 degC" in listing, "TCP device values", listing)
+
+    # The device values are in the MQTT samples, with units and acquisition times.
+    def sampled():
+        for line in open(subscribed.name).read().splitlines():
+            for p in json.loads(line).get("points", []):
+                if p["name"] == "tank.level" and p["quality"] == "good":
+                    return p
+        return None
+    level = eventually(sampled) and sampled()
+    check(level and level["value"] == 123.4 and level["unit"] == "m" and isinstance(level["time_us"], int)
+          and abs(level["time_us"] / 1e6 - time.time()) < 60, "a device value in the MQTT samples", level)
 
     # The station's server, as mbpoll reads it at the addresses of the map.
     poll = subprocess.run(["mbpoll", "-m", "tcp", "-0", "-1", "-p", str(server), "-t", "3:float", "-B", "-r", "0",
@@ -194,6 +225,9 @@ def main():
     check(len(raw("127.0.0.2", read)) == 13, "a reader outside WriteFrom reads")
     check(raw("127.0.0.2", write)[7:] == bytes([0x85, 1]), "and its write gets illegal function")
     check(raw("127.0.0.3", read) == b"", "an address the access list refuses gets nothing")
+    # A write flood: a few audit lines, the rest counted.
+    for k in range(300):
+        st.write_coil(64, k % 2 == 0)
 
     station.send_signal(signal.SIGTERM)
     check(station.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
@@ -201,6 +235,16 @@ def main():
                   if f.startswith("station") and f.endswith(".log"))
     check("device tank fault" in log and "device tank recovered" in log, "fault and recovery are in the log",
           log[-2000:])
+    # Every write request has its audit line with the client, the coil or
+    # register, the value and the result; a flood does not flood the log.
+    for line in ("modbus client 127.0.0.1: write coil 0 = 1: refused, read-only",
+                 "modbus client 127.0.0.1: write register 0 = 1: refused, read-only",
+                 "modbus client 127.0.0.1: write coil 64 = 1: accepted",
+                 "modbus client 127.0.0.2: write coil 64 = 1: refused, writes not allowed from this address"):
+        check(line in log, "audit: " + line, log[-2000:])
+    flood = len(re.findall(r"modbus client 127\.0\.0\.1: write coil 64", log)) - 1
+    unlogged = sum(int(n) for n in re.findall(r"audit: modbus: (\d+) more write requests not logged", log))
+    check(flood < 100 and flood + unlogged == 300, "a write flood: %d lines, %d counted" % (flood, unlogged))
     print("station devices: %d checks passed" % check.count)
 
 

@@ -579,6 +579,18 @@ def modbus_hostile(binary):
         for _ in range(200):  # a connect-and-close flood
             socket.create_connection(("127.0.0.1", mport), timeout=5).close()
         check(eventually_answers(mport, read), "the server answers after the flood")
+        # A client that sends request after request and never reads the
+        # answers: closed when its answers no longer fit, never waited on.
+        greedy = socket.socket()
+        greedy.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        greedy.settimeout(5)
+        greedy.connect(("127.0.0.1", mport))
+        try:
+            greedy.sendall(bytes([0, 1, 0, 0, 0, 6, 1, 1, 0, 0, 0, 8]) * 100000)
+        except OSError:
+            pass
+        check(len(modbus_request(mport, read)) == 10, "a read beside a client that never reads")
+        greedy.close()
         check(modbus_request(mport, bytes([5, 0, 4, 0xFF, 0]))[7:] == bytes([0x85, 1]),
               "a write without WriteFrom: illegal function")
         c = Client(port)

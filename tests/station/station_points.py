@@ -30,11 +30,11 @@ check = Checks()
 
 
 class Station:
-    def __init__(self, binary, work):
+    def __init__(self, binary, work, extra=()):
         self.errors = open(os.path.join(work, "stderr.txt"), "a+")
         self.proc = subprocess.Popen(
             [binary, "-f", "station.cfg", "Server.ListenPort=0", "Station.UsersFile=none",
-             "Server.RequireTLS=0", "Access.AnonymousTLS=1", "TLS.CertificateFile=none"],
+             "Server.RequireTLS=0", "Access.AnonymousTLS=1", "TLS.CertificateFile=none"] + list(extra),
             cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors)
         port, deadline = None, time.time() + 30
         while port is None and time.time() < deadline:
@@ -80,6 +80,9 @@ def first_run(st, work):
           "points show names, values and units", points)
     check("good" in points and "age " in points and "range 0..160" in points, "points show quality, age, range",
           points)
+    check("overrun_trip" not in points and "overrun policy off" in st.ask("outputs"), "no overrun policy by default")
+    check("Station.Setpoint = 40 \u00b0C" in points and "heater on below" in points and "Station.HighLimit = 80" in points,
+          "set-points are points with unit and description", points)
     st.ask("io set inject")
     alarms = st.wait_for("alarms", r"sensor = .*active-unacked \(HIHI high\)")
     check(re.search(r"sensor = .*active-unacked \(HIHI high\)", alarms) and "guidance: check the heater" in alarms,
@@ -150,6 +153,34 @@ def first_run(st, work):
     text = open(state).read()
     check("Station.Setpoint = 42.5" in text and re.search(r"\nend \d+ [0-9a-f]{8}\n$", text),
           "the set-point reaches the state file within a second, with its end marker", text)
+    check("Station.Setpoint = 42.5 \u00b0C" in st.wait_for("points", "Station.Setpoint = 42.5"),
+          "the set-point's point follows config set")
+
+
+def overrun_policy(binary, work):
+    """Station.OverrunPolicy = safe: a stopped station's task catches up in a
+    burst of overruns; the outputs go to their safe states (heater off, alarm
+    on) and stay there until an operator resumes them; the trip is an alarm."""
+    st = Station(binary, work, ["Station.OverrunPolicy=safe", "Station.OverrunLimit=30",
+                                "Station.OverrunWindowMs=200"])
+    st.ask("config set Station.Setpoint 1000")
+    answer = st.wait_for("io", r"heater 1")
+    check(re.search(r"heater 1", answer), "the heater is on below the set-point", answer)
+    st.proc.send_signal(signal.SIGSTOP)
+    time.sleep(0.5)
+    st.proc.send_signal(signal.SIGCONT)
+    answer = st.wait_for("outputs", "held in their safe states")
+    check(re.search(r"overrun policy safe: 30 overruns within 200 ms trip it; [1-9]\d* trips", answer)
+          and "held in their safe states" in answer, "the overrun burst trips the policy", answer)
+    check(re.search(r"heater 0, alarm 1", st.ask("io")), "the outputs are in their safe states")
+    alarms = st.ask("alarms")
+    check(re.search(r"overrun_trip = 1 .*active-unacked \(HI high\)", alarms) and "outputs resume" in alarms,
+          "the trip raises the overrun alarm with its guidance", alarms)
+    answer = st.wait_for("outputs resume", "driven by the task", 20)
+    check("driven by the task" in answer, "outputs resume releases the outputs", answer)
+    check(re.search(r"heater 1", st.wait_for("io", "heater 1")), "the task drives the heater again")
+    check("overrun_trip raise" in st.ask("alarm-history 10m"), "the trip is in the journal")
+    st.stop()
 
 
 def main():
@@ -179,6 +210,7 @@ def main():
         st = Station(binary, work)
         check("Station.Setpoint = 40" in st.ask("config show"), "no state file: the configuration")
         st.stop()
+        overrun_policy(binary, work)
         print("station points: %d checks passed" % check.count)
     finally:
         shutil.rmtree(work, ignore_errors=True)
