@@ -688,6 +688,22 @@ def web_attacks(port, ctx, sid, seen):
         mask = os.urandom(4)
         s.sendall(bytes([0x81, 0x80 | len(text)]) + mask + bytes(c ^ mask[i % 4] for i, c in enumerate(text)))
         time.sleep(5)  # never reads
+        # Then reads: what was queued meanwhile, and whether the station
+        # closed it. Measured, not required: the kernel's send buffer (up to
+        # tcp_wmem's 4 MB) takes a minute of samples before the station's
+        # own bounded queue sees a backlog.
+        s.settimeout(0.5)
+        deadline, got, closed = time.time() + 10, 0, False
+        while time.time() < deadline and not closed:
+            try:
+                chunk = s.recv(65536)
+                got, closed = got + len(chunk), not chunk
+            except socket.timeout:
+                pass
+            except (ssl.SSLError, OSError):
+                closed = True
+        print("web: the WebSocket that did not read for 5 s: %d bytes, then %s"
+              % (got, "closed" if closed else "still open after 10 s of reading"))
         s.close()
 
     return (("slow headers from 20 connections", slowloris), ("200 headers of 8 KB", huge_headers),
