@@ -185,6 +185,7 @@ def main():
     finally:
         if proc is not None:
             stop_station(proc, work)
+        shutil.rmtree(work, ignore_errors=True)
         peer.terminate()
         peer.wait(timeout=10)
 
