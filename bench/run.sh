@@ -12,7 +12,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-bench}
-bash "$root/scripts/deps.sh" zlib1g-dev libboost-dev libisal-dev libinih-dev libspdlog-dev rt-tests libgsl-dev libmodbus-dev
+bash "$root/scripts/deps.sh" python3-websockets zlib1g-dev libboost-dev libisal-dev libinih-dev libspdlog-dev rt-tests libgsl-dev libmodbus-dev
 cmake -S "$root/bench" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$(nproc)" >/dev/null
 
@@ -39,6 +39,15 @@ if [ -x "$apps/stationctl/stationctl" ] && [ -x "$apps/station/station" ]; then
   /usr/bin/python3 "$root/bench/stationctl_bench.py" "$apps/stationctl/stationctl" "$apps/station/station" 100 |
     tee -a "$results" | grep -v '^SUMMARY|' || codes=("${PIPESTATUS[@]}")
   [ "${codes[0]}" -eq 0 ] || failed+=(stationctl_bench)
+  echo
+fi
+
+# The web page: 20 WebSocket clients on ten points at 20 updates/s, CPU, first page load in Chromium.
+if [ -x "$apps/station/station" ]; then
+  codes=(0)
+  /usr/bin/python3 "$root/bench/web_bench.py" "$apps/station/station" |
+    tee -a "$results" | grep -v '^SUMMARY|' || codes=("${PIPESTATUS[@]}")
+  [ "${codes[0]}" -eq 0 ] || failed+=(web_bench)
   echo
 fi
 

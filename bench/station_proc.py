@@ -3,9 +3,29 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import time
+
+
+def free_port():
+    """A loopback port free at the moment (for a peer that cannot take port 0)."""
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+def web_port(work):
+    """The port of the station's "web port N" line (after start_station)."""
+    for _ in range(100):
+        m = re.search(r"web port (\d+)", open(os.path.join(work, "out.txt")).read())
+        if m:
+            return int(m.group(1))
+        time.sleep(0.05)
+    sys.exit("bench: the station serves no web page")
 
 
 def start_station(binary, work, *args):

@@ -12,8 +12,8 @@ packages=(cmake ninja-build g++ make pkg-config binutils libssl-dev openssl libg
           libmodbus-dev mbpoll socat python3-pymodbus python3-serial python3-serial-asyncio
           # points: the alarm journal, JSON the station writes, cyclictest to compare with
           libsqlite3-dev sqlite3 nlohmann-json3-dev rt-tests
-          # the web page: its server, the plot, the smoke test's WebSocket client
-          libcivetweb-dev libjs-dygraphs python3-websockets
+          # the web page: its server, the plot, WebSocket clients; a real browser for its tests
+          libcivetweb-dev libjs-dygraphs python3-websockets chromium chromium-driver python3-selenium
           # packaging, documentation, interface checks
           dpkg-dev fakeroot file lintian doxygen abi-compliance-checker abi-dumper ccache
           "$@")

@@ -7,11 +7,15 @@ Starts the station on a free port in a scratch folder and, from loopback
 clients, tries what an attacker would: settings that redirect the log, files
 outside the data folder, directories, devices and FIFOs, memory
 amplification through variables, super-linear substitution, out-of-range
-settings, terminal escapes for the log, a full disk, and malformed Modbus
-frames at the station's Modbus server. After every attempt the station must
+settings, terminal escapes for the log, a full disk, malformed Modbus
+frames at the station's Modbus server, and slow, huge, idle, garbled and
+never-reading clients at its web port. After every attempt the station must
 answer a plain command. Bounded: every wait has a time-out.
 """
+import base64
 import hashlib
+import http.client
+import json
 import os
 import re
 import resource
@@ -24,6 +28,7 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.parse
 
 from station_client import Checks, no_secrets, read_until
 
@@ -595,6 +600,170 @@ def modbus_hostile(binary):
         check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with the Modbus server")
 
 
+# ------------------------------------------------ the web page's HTTPS side
+
+def web_get(port, ctx, path="/login.html", timeout=20):
+    """The status of a GET of `path` on the web port, or 0 when it fails."""
+    c = http.client.HTTPSConnection("127.0.0.1", port, context=ctx, timeout=timeout)
+    try:
+        c.request("GET", path)
+        r = c.getresponse()
+        r.read()
+        return r.status
+    except (OSError, http.client.HTTPException):
+        return 0
+    finally:
+        c.close()
+
+
+def web_attacks(port, ctx, sid, seen):
+    """(name, attack) pairs against the web port; each attack returns when
+    done and appends (ok, what, detail) to `seen` (a check in the attack's
+    thread would end only that thread)."""
+    def served_during(what, required=True):
+        t = time.time()
+        status = web_get(port, ctx, timeout=10)
+        seen.append((status == 200 or not required, "the page answers beside " + what, status))
+        print("web: the page answers beside %s: %d in %.0f ms" % (what, status, (time.time() - t) * 1000))
+
+    def tls():
+        return ctx.wrap_socket(socket.create_connection(("127.0.0.1", port), timeout=20))
+
+    def slowloris():  # headers a byte at a time, never finished
+        socks = [tls() for _ in range(20)]
+        for s in socks:
+            s.sendall(b"GET /login.html HTTP/1.1\r\nHost: a\r\n")
+        for i in range(10):
+            for s in socks:
+                try:
+                    s.sendall(b"X-%d: b\r\n" % i)
+                except OSError:
+                    pass
+            time.sleep(0.3)
+        served_during("slow headers")
+        for s in socks:
+            s.close()
+
+    def huge_headers():
+        s = tls()
+        try:
+            s.sendall(b"GET /login.html HTTP/1.1\r\nHost: a\r\n" +
+                      b"".join(b"X-%d: %s\r\n" % (i, b"v" * 8000) for i in range(200)) + b"\r\n")
+            answer = drain(s, 2)
+            seen.append((not re.match(rb"HTTP/1\.1 200", answer), "huge headers get no page", answer[:100]))
+        except OSError:
+            pass  # closed while sending: refused
+        s.close()
+
+    def idle():
+        socks = [socket.create_connection(("127.0.0.1", port), timeout=20) for _ in range(1000)]
+        time.sleep(1)
+        # Each connection that never sends its TLS hello holds one of the
+        # server's threads until its request time-out: measured, not required.
+        served_during("1,000 idle connections", required=False)
+        for s in socks:
+            s.close()
+
+    def garbage():
+        s = tls()
+        try:
+            s.sendall((b"GET / HTTP/1.1\r\nHost: a\r\n\r\n" + os.urandom(300) + b"\r\n\r\n") * 200)
+            drain(s, 2)
+        except OSError:
+            pass
+        s.close()
+
+    def websocket_never_read():
+        raw = socket.socket()
+        raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        raw.settimeout(20)
+        raw.connect(("127.0.0.1", port))
+        s = ctx.wrap_socket(raw)
+        s.sendall(("GET /ws HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                   "Sec-WebSocket-Key: %s\r\nSec-WebSocket-Version: 13\r\nOrigin: https://127.0.0.1:%d\r\n"
+                   "Cookie: zqsid=%s\r\n\r\n" % (port, base64.b64encode(os.urandom(16)).decode(), port, sid)).encode())
+        answer = read_until(s, b"\r\n\r\n")
+        seen.append((answer.startswith("HTTP/1.1 101"), "a WebSocket opens", answer))
+        text = json.dumps({"subscribe": ["sensor", "cycle_overrun"], "io": True}).encode()
+        mask = os.urandom(4)
+        s.sendall(bytes([0x81, 0x80 | len(text)]) + mask + bytes(c ^ mask[i % 4] for i, c in enumerate(text)))
+        time.sleep(5)  # never reads
+        # Then reads: what was queued meanwhile, and whether the station
+        # closed it. Measured, not required: the kernel's send buffer (up to
+        # tcp_wmem's 4 MB) takes a minute of samples before the station's
+        # own bounded queue sees a backlog.
+        s.settimeout(0.5)
+        deadline, got, closed = time.time() + 10, 0, False
+        while time.time() < deadline and not closed:
+            try:
+                chunk = s.recv(65536)
+                got, closed = got + len(chunk), not chunk
+            except socket.timeout:
+                pass
+            except (ssl.SSLError, OSError):
+                closed = True
+        print("web: the WebSocket that did not read for 5 s: %d bytes, then %s"
+              % (got, "closed" if closed else "still open after 10 s of reading"))
+        s.close()
+
+    return (("slow headers from 20 connections", slowloris), ("200 headers of 8 KB", huge_headers),
+            ("1,000 idle connections", idle), ("pipelined garbage", garbage),
+            ("a WebSocket that never reads", websocket_never_read))
+
+
+def web_hostile(binary, source):
+    """The web port under attack: the station's task keeps its period, a TCP
+    client's status its round trip, and the page answers afterwards."""
+    folder = os.path.join(WORK, "web")
+    os.mkdir(folder)
+    for name in ("station.cfg", "station.acl"):
+        shutil.copy(os.path.join(source, name), folder)
+    passwd(binary, folder, "vic", "viewer")
+    proc, port = start(binary, "Web.Listen=127.0.0.1:0", cwd=folder, users="station.users", tls="1")
+    try:
+        out = os.path.join(WORK, "stdout-web.txt")
+        wait_for("the station prints its web port", lambda: re.search(r"web port (\d+)", open(out).read()))
+        web = int(re.search(r"web port (\d+)", open(out).read()).group(1))
+        ctx = ssl.create_default_context(cafile=os.path.join(folder, "tls/ca.pem"))
+        ctx.check_hostname = False
+        wait_for("the web port answers", lambda: web_get(web, ctx) == 200, 20)
+        c = http.client.HTTPSConnection("127.0.0.1", web, context=ctx, timeout=20)
+        c.request("POST", "/api/login", urllib.parse.urlencode({"user": "vic", "password": PASSWORDS["vic"]}),
+                  {"Content-Type": "application/x-www-form-urlencoded"})
+        sid = re.match(r"zqsid=(\w+)", c.getresponse().getheader("Set-Cookie") or "")
+        check(sid, "a web login")
+        watch = Peer(port).tls(folder)
+        watch.login("vic", PASSWORDS["vic"])
+        bound = 10000 if os.environ.get("ZQ_SANITIZE") else 2000  # as the substitution's: generous, shared machine
+        seen = []
+        for name, attack in web_attacks(web, ctx, sid.group(1), seen):
+            cycles0, t0 = int(re.search(r"cycles (\d+)", watch.ask("status")).group(1)), time.time()
+            def guarded(attack=attack, name=name):
+                try:
+                    attack()
+                except Exception as e:  # noqa: BLE001 (reported below, in the main thread)
+                    seen.append((False, name + " ran", repr(e)))
+
+            p99 = status_p99(port, folder, guarded)
+            for found in seen:
+                check(*found)
+            seen.clear()
+            rate = (int(re.search(r"cycles (\d+)", watch.ask("status")).group(1)) - cycles0) / (time.time() - t0)
+            t = time.time()
+            wait_for("the page answers after " + name, lambda: web_get(web, ctx) == 200, 30)
+            print("web: %s: others' status p99 %.1f ms, task %.0f cycles/s, the page again after %.0f ms"
+                  % (name, p99, rate, (time.time() - t) * 1000))
+            check(p99 < bound, "status p99 during " + name, p99)
+            check(rate > 500, "the task keeps its 1 ms period during " + name, rate)
+            check(proc.poll() is None, "the station lives after " + name)
+        proc.send_signal(signal.SIGTERM)
+        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with the web page")
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+
+
 def eventually_answers(port, pdu):
     for _ in range(50):
         if len(modbus_request(port, pdu)) == 10:
@@ -628,6 +797,7 @@ def main():
         disk_full(binary, source)
         gate(binary, source)
         modbus_hostile(binary)
+        web_hostile(binary, source)
         print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:
