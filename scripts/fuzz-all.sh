@@ -18,7 +18,11 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DZQ_BUILD_TESTS=OFF -DZQ_BUILD_EXAMPLES=OFF >/dev/null
 targets=()
 for t in "$@"; do targets+=("${t}_fuzz"); done
-cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >/dev/null
+if ! cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >"$build/fuzz-build.log" 2>&1; then
+  grep -B2 -A8 -E 'error|FAILED' "$build/fuzz-build.log" | head -n 60
+  echo "fuzz-all.sh: the fuzz targets did not build (whole output: $build/fuzz-build.log)"
+  exit 1
+fi
 [[ $seconds == --build-only ]] && exit 0
 
 logs="$build/fuzz-logs"

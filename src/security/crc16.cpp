@@ -87,7 +87,16 @@ Crc16Message crc16_message(unsigned features) {
 
 }  // namespace zqdetail
 
+// gcc says a sanitizer is on by a macro, clang by __has_feature.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZQ_CRC16_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZQ_CRC16_SANITIZED 1
+#endif
+#endif
+
+#ifdef ZQ_CRC16_SANITIZED
 // The sanitizers' run-time starts after the dynamic loader has relocated the
 // libraries: the engine is chosen on the first call instead.
 uint32_t mk_crc16(const void* data, unsigned int length) {
@@ -97,8 +106,11 @@ uint32_t mk_crc16(const void* data, unsigned int length) {
 #else
 // The dynamic loader calls this once and binds mk_crc16 to the engine it
 // returns, so that a caller's call goes from its PLT straight to the engine.
+// (Not static: clang accepts only a resolver with external linkage; hidden,
+// so it is not part of the library's interface.)
 extern "C" {
-static zqdetail::Crc16Message zq_choose_mk_crc16() {
+__attribute__((visibility("hidden"))) zqdetail::Crc16Message zq_choose_mk_crc16();
+zqdetail::Crc16Message zq_choose_mk_crc16() {
   return zqdetail::crc16_message(zqdetail::crc_features());
 }
 }
