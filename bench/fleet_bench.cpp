@@ -30,6 +30,7 @@
 #include <zqpoints/PointTable.h>
 
 #include "bench_util.h"
+#include "support/loopback.h"
 
 #include <algorithm>
 #include <atomic>
@@ -48,18 +49,6 @@ long long now_ns() {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
   return ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
-
-int free_port() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  close(s);
-  return ntohs(a.sin_port);
 }
 
 // CPU time of the processes' threads in seconds, from /proc/PID/task/*/schedstat (nanosecond
@@ -160,7 +149,7 @@ Result run(int port, int stations, int seconds, const char* prefix, F publish) {
 
 // A mosquitto of its own on a free loopback port, stopped by its pid.
 struct Broker {
-  int port = free_port();
+  int port = free_local_port();
   char conf[32] = "/tmp/fleet-bench-XXXXXX";
   pid_t pid = -1;
   bool Start() {
