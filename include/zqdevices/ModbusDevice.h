@@ -53,8 +53,9 @@ class ZQ_EXPORT ModbusDevice {
   ModbusDevice(const ModbusDevice&) = delete;
   ModbusDevice& operator=(const ModbusDevice&) = delete;
 
-  // Starts the polling thread; false (reason in LastError) when the address
-  // cannot be used (libmodbus refuses it) or the device already runs. The
+  // Starts the polling thread; false (reason in LastError) when the unit id is
+  // outside 0-247 and not 255, libmodbus refuses the serial port's settings,
+  // or the device already runs. The
   // first connection is made on the thread: a device that is away at start
   // faults there, it does not hold up the caller.
   bool Start();

@@ -8,10 +8,12 @@
 #include <array>
 #include <cmath>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "devices/modbus_tcp_client.h"
 #include "devices/modbus_words.h"
 #include "devices/serial_ioctl.h"
 
@@ -154,6 +156,15 @@ struct ModbusDevice::Impl {
 
   bool connect() {
     if (connected) return true;
+    if (tcp) {
+      std::string why;
+      if (!tcp->Connect(why)) {
+        set_error("cannot connect to " + config.url.ToString() + ": " + why);
+        return false;
+      }
+      connected = true;
+      return true;
+    }
     if (modbus_connect(ctx) != 0) {
       set_error(std::string("cannot connect to ") + config.url.ToString() + ": " + modbus_strerror(errno));
       return false;
@@ -175,8 +186,35 @@ struct ModbusDevice::Impl {
 
   void disconnect() {
     if (!connected) return;
-    modbus_close(ctx);
+    if (tcp)
+      tcp->Close();
+    else
+      modbus_close(ctx);
     connected = false;
+  }
+
+  // The transport: our own client for Modbus TCP, libmodbus's context for
+  // RTU. Both answer as libmodbus does (count, or -1 and errno).
+  int write_bit(unsigned int address, int value) {
+    return tcp ? tcp->WriteBit(address, value) : modbus_write_bit(ctx, static_cast<int>(address), value);
+  }
+
+  int read(Block& b) {
+    const int start = static_cast<int>(b.start), count = static_cast<int>(b.count);
+    switch (b.table) {
+      case DevicePoint::coil:
+        return tcp ? tcp->ReadBits(MODBUS_FC_READ_COILS, b.start, b.count, b.bits.data())
+                   : modbus_read_bits(ctx, start, count, b.bits.data());
+      case DevicePoint::discrete:
+        return tcp ? tcp->ReadBits(MODBUS_FC_READ_DISCRETE_INPUTS, b.start, b.count, b.bits.data())
+                   : modbus_read_input_bits(ctx, start, count, b.bits.data());
+      case DevicePoint::holding:
+        return tcp ? tcp->ReadRegisters(MODBUS_FC_READ_HOLDING_REGISTERS, b.start, b.count, b.regs.data())
+                   : modbus_read_registers(ctx, start, count, b.regs.data());
+      default:
+        return tcp ? tcp->ReadRegisters(MODBUS_FC_READ_INPUT_REGISTERS, b.start, b.count, b.regs.data())
+                   : modbus_read_input_registers(ctx, start, count, b.regs.data());
+    }
   }
 
   // Runs `request` with the configured retries: 1 done, 0 Modbus exception
@@ -220,7 +258,7 @@ struct ModbusDevice::Impl {
         want = (image[p.io_bit / 8] >> (p.io_bit % 8)) & 1;
       }
       if (written[i] == want) continue;
-      const int r = with_retries("write coil", p.address, [&] { return modbus_write_bit(ctx, p.address, want); });
+      const int r = with_retries("write coil", p.address, [&] { return write_bit(p.address, want); });
       if (r < 0) return false;
       written[i] = want;  // an exception is not retried every poll
     }
@@ -229,14 +267,7 @@ struct ModbusDevice::Impl {
 
   bool read_blocks() {
     for (Block& b : blocks) {
-      const int r = with_retries("read", b.start, [&]() -> int {
-        switch (b.table) {
-          case DevicePoint::coil: return modbus_read_bits(ctx, b.start, b.count, b.bits.data());
-          case DevicePoint::discrete: return modbus_read_input_bits(ctx, b.start, b.count, b.bits.data());
-          case DevicePoint::holding: return modbus_read_registers(ctx, b.start, b.count, b.regs.data());
-          default: return modbus_read_input_registers(ctx, b.start, b.count, b.regs.data());
-        }
-      });
+      const int r = with_retries("read", b.start, [&] { return read(b); });
       if (r < 0) return false;
       b.ok = r == 1;
     }
@@ -280,7 +311,7 @@ struct ModbusDevice::Impl {
     set_safe_image();
     if (!connected) return;
     for (const DevicePoint& p : config.points)
-      if (p.output && modbus_write_bit(ctx, p.address, p.safe) != 0 && !is_exception(errno)) {
+      if (p.output && write_bit(p.address, p.safe) < 0 && !is_exception(errno)) {
         disconnect();
         return;
       }
@@ -384,7 +415,8 @@ struct ModbusDevice::Impl {
   DeviceConfig config;
   ValueSink* sink;
   Handler handler;
-  modbus_t* ctx = nullptr;
+  modbus_t* ctx = nullptr;                       // RTU
+  std::unique_ptr<details::ModbusTcpClient> tcp;  // TCP
   bool connected = false;
   std::thread thread;
 
@@ -420,19 +452,25 @@ bool ModbusDevice::Start() {
     return false;
   }
   const DeviceUrl& u = d.config.url;
-  d.ctx = u.kind == DeviceUrl::modbus_tcp
-              ? modbus_new_tcp_pi(u.host.c_str(), std::to_string(u.port).c_str())
-              : modbus_new_rtu(u.path.c_str(), static_cast<int>(u.serial.baud), u.serial.parity,
-                               static_cast<int>(u.serial.data_bits), static_cast<int>(u.serial.stop_bits));
-  if (!d.ctx || modbus_set_slave(d.ctx, d.config.unit) != 0) {
-    d.set_error(std::string("cannot use ") + u.ToString() + ": " + modbus_strerror(errno));
-    if (d.ctx) modbus_free(d.ctx);
-    d.ctx = nullptr;
-    return false;
+  if (u.kind == DeviceUrl::modbus_tcp) {
+    if ((d.config.unit < 0 || d.config.unit > 247) && d.config.unit != 255) {
+      d.set_error("cannot use unit " + std::to_string(d.config.unit) + " (0-247 or 255)");
+      return false;
+    }
+    d.tcp.reset(new details::ModbusTcpClient(u.host, u.port, d.config.unit, d.config.timeout_ms));
+  } else {
+    d.ctx = modbus_new_rtu(u.path.c_str(), static_cast<int>(u.serial.baud), u.serial.parity,
+                           static_cast<int>(u.serial.data_bits), static_cast<int>(u.serial.stop_bits));
+    if (!d.ctx || modbus_set_slave(d.ctx, d.config.unit) != 0) {
+      d.set_error(std::string("cannot use ") + u.ToString() + ": " + modbus_strerror(errno));
+      if (d.ctx) modbus_free(d.ctx);
+      d.ctx = nullptr;
+      return false;
+    }
+    modbus_set_error_recovery(d.ctx, MODBUS_ERROR_RECOVERY_NONE);
+    const int ms = d.config.timeout_ms;
+    modbus_set_response_timeout(d.ctx, static_cast<uint32_t>(ms / 1000), static_cast<uint32_t>(ms % 1000) * 1000);
   }
-  modbus_set_error_recovery(d.ctx, MODBUS_ERROR_RECOVERY_NONE);
-  const int ms = d.config.timeout_ms;
-  modbus_set_response_timeout(d.ctx, static_cast<uint32_t>(ms / 1000), static_cast<uint32_t>(ms % 1000) * 1000);
   {
     std::lock_guard<std::mutex> lock(d.mutex);
     d.stop_requested = d.recover_requested = false;
@@ -459,8 +497,9 @@ void ModbusDevice::Stop() {
     std::lock_guard<std::mutex> lock(d.io_mutex);
     d.state = stopped;
   }
-  modbus_free(d.ctx);
+  if (d.ctx) modbus_free(d.ctx);
   d.ctx = nullptr;
+  d.tcp.reset();
 }
 
 void ModbusDevice::Recover() {
