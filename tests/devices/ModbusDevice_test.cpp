@@ -157,7 +157,7 @@ double poll_rate(ModbusDevice& dev, std::chrono::milliseconds window) {
 TEST(ModbusDevice, DeadDeviceFaultsAloneAndRecovers) {
   TcpPeer alive, dying;
   Recorder sink;
-  const std::string map = "Point.level = holding 0\nBit.0 = coil 0 safe=1\n";
+  const std::string map = "Point.level = holding 0\nBit.0 = coil 0 safe=1\nBit.1 = coil 1 safe=1\n";
   ModbusDevice a(config_of("[Device.a]\nUrl = modbus-tcp://127.0.0.1:" + std::to_string(alive.port) +
                                "\nPeriodMs = 20\n" + map, "Device.a"), &sink);
   ModbusDevice b(config_of("[Device.b]\nUrl = modbus-tcp://127.0.0.1:" + std::to_string(dying.port) +
@@ -192,10 +192,19 @@ TEST(ModbusDevice, DeadDeviceFaultsAloneAndRecovers) {
   ASSERT_TRUE(eventually([&] { return b.GetState() == ModbusDevice::running; })) << b.LastError();
   EXPECT_EQ(dying.coil(0), 1);
   EXPECT_TRUE(eventually([&] { return sink.get("b.level").quality == Quality::good; }));
-  std::lock_guard<std::mutex> lock(sink.mutex);
-  ASSERT_EQ(sink.events.size(), 2u);
-  EXPECT_EQ(sink.events[0].rfind("b fault: b: ", 0), 0u) << sink.events[0];
-  EXPECT_EQ(sink.events[1], "b up: recovered");
+  {
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    ASSERT_EQ(sink.events.size(), 2u);
+    EXPECT_EQ(sink.events[0].rfind("b fault: b: ", 0), 0u) << sink.events[0];
+    EXPECT_EQ(sink.events[1], "b up: recovered");
+  }
+
+  // Stopping a device that answers writes every output's safe state.
+  ASSERT_EQ(a.Io().Set8(0, &byte), IOR_SUCCESS);
+  ASSERT_TRUE(eventually([&] { return alive.coil(0) == 0 && alive.coil(1) == 0; }));
+  a.Stop();
+  EXPECT_EQ(alive.coil(0), 1);
+  EXPECT_EQ(alive.coil(1), 1);
 }
 
 TEST(ModbusDevice, AutomaticRecoveryWithBackOff) {
