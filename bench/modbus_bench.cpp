@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "bench_util.h"
+#include "support/loopback.h"
 
 using namespace zqdevices;
 using Clock = std::chrono::steady_clock;
@@ -32,25 +33,11 @@ namespace {
 
 double g_seconds = 1;
 
-// A listening socket on a free loopback port.
-int listen_any(int& port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  const int one = 1;
-  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(s, 16) != 0) std::abort();
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  port = ntohs(a.sin_port);
-  return s;
-}
-
 // libmodbus's server in its plainest loop: one client at a time, receive and
 // reply, in a child process. The pid; `port` is where it listens.
 pid_t bare_server(int& port) {
-  const int s = listen_any(port);
+  const int s = listen_local(port);
+  if (s < 0) std::abort();
   const pid_t pid = fork();
   if (pid != 0) {
     close(s);

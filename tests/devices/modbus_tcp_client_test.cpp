@@ -2,10 +2,8 @@
 // waits for one from a peer that splits, pads, withholds or drops it.
 #include "devices/modbus_tcp_client.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -99,15 +97,8 @@ struct ScriptedPeer {
   int listener = -1;
   std::thread thread;
   explicit ScriptedPeer(std::vector<std::function<bool(int fd, const uint8_t* req)>> script) {
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    EXPECT_EQ(listen(listener, 1), 0);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
+    listener = listen_local(port, 1);
+    EXPECT_GE(listener, 0);
     thread = std::thread([this, script] {
       const int fd = accept(listener, nullptr, nullptr);
       uint8_t req[12];

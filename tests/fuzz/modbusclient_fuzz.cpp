@@ -2,36 +2,16 @@
 // first byte picks the request (function; whether the answer's transaction
 // and unit are made to match, to get past those checks), the next two its
 // count, the rest arrives on the connection before the device hangs up.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <vector>
 
 #include "devices/modbus_tcp_client.h"
-
-namespace {
-
-int listener(int& port) {
-  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(s, 4) != 0) std::abort();
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  port = ntohs(a.sin_port);
-  return s;
-}
-
-}  // namespace
+#include "support/loopback.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;
   static int port = 0;
-  static const int s = listener(port);
+  static const int s = listen_local(port, 4);
   const int function = 1 + data[0] % 5;
   const bool bits = function <= 2;
   const unsigned int limit = bits ? MODBUS_MAX_READ_BITS : MODBUS_MAX_READ_REGISTERS;

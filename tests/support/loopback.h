@@ -20,6 +20,20 @@ inline int free_local_port() {
   return ntohs(a.sin_port);
 }
 
+// A socket listening on a free 127.0.0.1 port, which goes to `port`; -1 when
+// none could be had.
+inline int listen_local(int& port, int backlog = 16) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(s, backlog) != 0) return close(s), -1;
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  port = ntohs(a.sin_port);
+  return s;
+}
+
 // The connected descriptor, or -1 after 100 attempts 10 ms apart. With
 // `from`, the client's end is bound to that loopback address first.
 inline int connect_local(int port, const char* from = nullptr) {
