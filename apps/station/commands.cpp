@@ -57,6 +57,7 @@ int cmd_status(void* arg, int, const char**) {
   const CycleStats::Snapshot late = t.cycle_stats.Read();
   say(s, "start lateness max %.1f us, %llu overruns (last at cycle %lld)", us(late.lateness_max_ns),
       static_cast<unsigned long long>(late.overruns), late.last_overrun_cycle);
+  if (t.overrun.policy() != OverrunGuard::Policy::Off) say(s, "%s", overrun_state(t.overrun).c_str());
   const double run_s = std::chrono::duration<double>(std::chrono::steady_clock::now() - st.started).count();
   const long long behind = t.CycleCount() - st.last.cycle;
   say(s, "running %.1f s; reading %.4f (%.3f s into the sensor's 4 s sweep), %.1f ms old, io 0x%02x, %lld records",

@@ -246,21 +246,31 @@ void Fleet::publish_status() {
   JsonFields logs;
   logs.Add("panic", log.PanicCount()).Add("error", log.ErrCount()).Add("warning", log.WarnCount())
       .Add("info", log.InfoCount()).Add("debug", log.DebugCount());
-  link_->Publish("status", JsonFields()
-                               .Add("cycles", t.CycleCount())
-                               .Add("period_us", t.CyclePeriod() / 1000)
-                               .Add("cycle_min_us", t.MinCycleLength() / 1000.0)
-                               .Add("cycle_avg_us", t.AvgCycleLength() / 1000.0)
-                               .Add("cycle_max_us", t.MaxCycleLength() / 1000.0)
-                               .Add("overruns", static_cast<long long>(c.overruns))
-                               .Add("last_overrun_cycle", c.last_overrun_cycle)
-                               .Add("lateness_max_us", c.lateness_max_ns / 1000.0)
-                               .Add("clients", st_.clients)
-                               .AddRaw("log", "{" + logs.Text() + "}")
-                               .Add("queued", static_cast<long long>(q.queued))
-                               .Add("dropped", static_cast<long long>(q.dropped - dropped_reported_))
-                               .Add("dropped_total", static_cast<long long>(q.dropped))
-                               .Text());
+  JsonFields status;
+  status.Add("cycles", t.CycleCount())
+      .Add("period_us", t.CyclePeriod() / 1000)
+      .Add("cycle_min_us", t.MinCycleLength() / 1000.0)
+      .Add("cycle_avg_us", t.AvgCycleLength() / 1000.0)
+      .Add("cycle_max_us", t.MaxCycleLength() / 1000.0)
+      .Add("overruns", static_cast<long long>(c.overruns))
+      .Add("last_overrun_cycle", c.last_overrun_cycle)
+      .Add("lateness_max_us", c.lateness_max_ns / 1000.0)
+      .Add("clients", st_.clients)
+      .AddRaw("log", "{" + logs.Text() + "}")
+      .Add("queued", static_cast<long long>(q.queued))
+      .Add("dropped", static_cast<long long>(q.dropped - dropped_reported_))
+      .Add("dropped_total", static_cast<long long>(q.dropped));
+  // The overrun policy only where one is set, so other stations publish what they did.
+  const OverrunGuard& g = t.overrun;
+  if (g.policy() != OverrunGuard::Policy::Off) {
+    JsonFields overrun;
+    overrun.Add("policy", OverrunGuard::ToString(g.policy()))
+        .Add("trips", static_cast<long long>(g.trips()))
+        .AddRaw("tripped", g.tripped() ? "true" : "false")
+        .AddRaw("outputs_held", g.holding() ? "true" : "false");
+    status.AddRaw("overrun", "{" + overrun.Text() + "}");
+  }
+  link_->Publish("status", status.Text());
   dropped_reported_ = q.dropped;
 }
 

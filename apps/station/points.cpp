@@ -542,6 +542,17 @@ int cmd_timing(void* arg, int, const char**) {
   });
 }
 
+}  // namespace
+
+std::string overrun_state(const OverrunGuard& g) {
+  return Format("overrun policy %s: %u overruns within %lld ms trip it; %llu trips; %s; outputs %s",
+                OverrunGuard::ToString(g.policy()), g.limit(), g.window_ns() / 1000000,
+                static_cast<unsigned long long>(g.trips()), g.tripped() ? "tripped" : "not tripped",
+                g.holding() ? "held in their safe states (outputs resume releases them)" : "driven by the task");
+}
+
+namespace {
+
 // outputs: the overrun policy's state; outputs resume: release outputs held safe.
 int cmd_outputs(void* arg, int argc, const char** argv) {
   Session& s = session_of(arg);
@@ -560,10 +571,7 @@ int cmd_outputs(void* arg, int argc, const char** argv) {
     }
     s.station->log.Add(elog_WARN, 0, "outputs resumed by %s", escape_controls(StationPoints::user_of(s)).c_str());
   }
-  say(s, "overrun policy %s: %u overruns within %lld ms trip it; %llu trips; %s; outputs %s",
-      OverrunGuard::ToString(g.policy()), g.limit(), g.window_ns() / 1000000,
-      static_cast<unsigned long long>(g.trips()), g.tripped() ? "tripped" : "not tripped",
-      g.holding() ? "held in their safe states (outputs resume releases them)" : "driven by the task");
+  say(s, "%s", overrun_state(g).c_str());
   return 0;
 }
 

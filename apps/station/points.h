@@ -10,6 +10,7 @@
 #include <zqpoints/PointTable.h>
 #include <zqpoints/SettingPoints.h>
 #include <zqrtm/AcquisitionClock.h>
+#include <zqrtm/OverrunGuard.h>
 
 #include <functional>
 #include <memory>
@@ -45,6 +46,9 @@ struct TaskHistogram {
 };
 
 // Owned by the station; only the main thread touches it.
+// The overrun policy's state in one line, as `outputs` and `status` say it.
+std::string overrun_state(const OverrunGuard& g);
+
 class StationPoints {
  public:
   // Loads [Points] and the [Point.NAME] sections and restores the saved

@@ -372,7 +372,7 @@ def main():
 
     # Birth, schema, commands, metrics and the will.
     s1 = Station("s1", "MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker.port, "MQTT.StatusPeriod=1",
-                 "Station.HighLimit=22", "Metrics.Listen=127.0.0.1:0")
+                 "Station.HighLimit=22", "Metrics.Listen=127.0.0.1:0", "Station.OverrunPolicy=count")
     watch = Client("watch", broker.port, ["zq/s1/#"])
     check(wait_for(lambda: watch.take("/state"), 10), "the birth")
     late = Client("watch", broker.port, ["zq/s1/state"])
@@ -383,6 +383,9 @@ def main():
     check({"version", "start", "settings"} <= set(json.loads(birth.payload)), "the birth's fields", birth.payload)
     check(wait_for(lambda: len(watch.take("/status")) >= 2 and watch.take("/errors"), 10), "status and errors")
     check_schema(watch, "s1")
+    overrun = watch.records("/status")[-1].get("overrun")
+    check(overrun and overrun["policy"] == "count" and isinstance(overrun["trips"], int)
+          and overrun["outputs_held"] is False, "with a policy set, the status has its state", overrun)
     # MQTT.Commands is off unless set: nothing subscribed, nothing answered.
     viewer = Client("viewer", broker.port, ["reply/viewer/#"])
     time.sleep(0.3)

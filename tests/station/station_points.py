@@ -80,7 +80,8 @@ def first_run(st, work):
           "points show names, values and units", points)
     check("good" in points and "age " in points and "range 0..160" in points, "points show quality, age, range",
           points)
-    check("overrun_trip" not in points and "overrun policy off" in st.ask("outputs"), "no overrun policy by default")
+    check("overrun_trip" not in points and "overrun policy off" in st.ask("outputs")
+          and "overrun policy" not in st.ask("status"), "no overrun policy by default")
     check("Station.Setpoint = 40 \u00b0C" in points and "heater on below" in points and "Station.HighLimit = 80" in points,
           "set-points are points with unit and description", points)
     st.ask("io set inject")
@@ -173,6 +174,8 @@ def overrun_policy(binary, work):
     check(re.search(r"overrun policy safe: 30 overruns within 200 ms trip it; [1-9]\d* trips", answer)
           and "held in their safe states" in answer, "the overrun burst trips the policy", answer)
     check(re.search(r"heater 0, alarm 1", st.ask("io")), "the outputs are in their safe states")
+    check(re.search(r"overrun policy safe: .* [1-9]\d* trips; .*held in their safe states", st.ask("status")),
+          "status tells the trips and the held outputs")
     alarms = st.ask("alarms")
     check(re.search(r"overrun_trip = 1 .*active-unacked \(HI high\)", alarms) and "outputs resume" in alarms,
           "the trip raises the overrun alarm with its guidance", alarms)
