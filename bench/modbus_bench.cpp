@@ -1,12 +1,12 @@
 // Modbus, side by side with libmodbus's own loops:
 //  1. polling: a ModbusDevice polling back to back (10 holding registers a
-//     poll) against libmodbus's client in a bare loop, same bare server
-//     (six rounds, each a pair of measurements);
+//     poll) against libmodbus's client in a bare loop, same bare server;
 //  2. ten devices, one of them dead: the others' poll rate against the
 //     all-alive run;
 //  3. serving: ModbusServer against a bare libmodbus server loop, read by a
-//     bare libmodbus client, while a 1 kHz "task" publishes the image
-//     (five rounds, each a pair of measurements).
+//     bare libmodbus client, while a 1 kHz "task" publishes the image.
+// 1 and 3 measure the two sides in turns, each side first in every other
+// pair, and report the median of the pairs' ratios.
 // Servers run in child processes (stopped by their pids), as a device would.
 //   modbus_bench [SECONDS per measurement, default 1]
 #include <arpa/inet.h>
@@ -177,54 +177,66 @@ std::vector<double> poll_rates(std::vector<std::unique_ptr<ModbusDevice>>& devic
   return rates;
 }
 
+// The peer and ours measured in turns: `rounds` pairs, each side first in
+// turn. Rates and p99s are the medians; the ratio (ours over the peer's) is
+// the median of the pairs' ratios, each from two measurements under the same
+// load.
+struct InTurns {
+  Rate peer, ours;
+  double ratio = 0;
+};
+template <typename Peer, typename Ours>
+InTurns in_turns(int rounds, Peer&& peer, Ours&& ours) {
+  std::vector<double> peer_rates, peer_p99, our_rates, our_p99, ratios;
+  for (int round = 0; round < rounds; ++round) {
+    Rate p, o;
+    for (int side = 0; side < 2; ++side) (side + round) % 2 == 0 ? (p = peer()) : (o = ours());
+    peer_rates.push_back(p.per_s);
+    peer_p99.push_back(p.p99_ms);
+    our_rates.push_back(o.per_s);
+    our_p99.push_back(o.p99_ms);
+    ratios.push_back(o.per_s / p.per_s);
+  }
+  return {{bench::median(peer_rates), bench::median(peer_p99)},
+          {bench::median(our_rates), bench::median(our_p99)},
+          bench::median(ratios)};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc > 1) g_seconds = std::atof(argv[1]);
   NullSink sink;
 
-  // 1. Polling against the same bare server, peer and ours taking turns (six
-  //    rounds, each side first in turn); the ratio is the median of the
-  //    rounds' ratios, each from two measurements under the same load.
+  // 1. Polling against the same bare server, peer and ours in turns (six
+  //    pairs of rounds).
   int port = 0;
   pid_t server = bare_server(port);
-  std::vector<double> peer_rates, peer_p99, our_rates, our_p99, poll_ratios;
-  for (int round = 0; round < 6; ++round) {
-    Rate p, o;
-    for (int side = 0; side < 2; ++side) {
-      if ((side + round) % 2 == 0) {
-        p = bare_client(port, false, 10);
-        continue;
-      }
-      ModbusDevice d(device("bench", port, 0, 1000), &sink);
-      d.Start();
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // connected, warmed up
-      const auto t0 = Clock::now();
-      const uint64_t before = d.GetStats().polls;
-      std::this_thread::sleep_for(std::chrono::duration<double>(g_seconds));
-      o = {(d.GetStats().polls - before) / std::chrono::duration<double>(Clock::now() - t0).count(),
-           d.GetStats().p99_ms};
-      if (d.GetState() != ModbusDevice::running || d.GetStats().faults != 0) {
-        std::fprintf(stderr, "FAIL: the polling device faulted: %s\n", d.LastError().c_str());
-        stop(server);
-        return 1;
-      }
-    }
-    peer_rates.push_back(p.per_s);
-    peer_p99.push_back(p.p99_ms);
-    our_rates.push_back(o.per_s);
-    our_p99.push_back(o.p99_ms);
-    poll_ratios.push_back(o.per_s / p.per_s);
-  }
-  const Rate peer{bench::median(peer_rates), bench::median(peer_p99)};
-  const Rate ours{bench::median(our_rates), bench::median(our_p99)};
+  std::string fault;
+  const InTurns poll = in_turns(
+      6, [&] { return bare_client(port, false, 10); },
+      [&] {
+        ModbusDevice d(device("bench", port, 0, 1000), &sink);
+        d.Start();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // connected, warmed up
+        const auto t0 = Clock::now();
+        const uint64_t before = d.GetStats().polls;
+        std::this_thread::sleep_for(std::chrono::duration<double>(g_seconds));
+        const double per_s = (d.GetStats().polls - before) / std::chrono::duration<double>(Clock::now() - t0).count();
+        if (d.GetState() != ModbusDevice::running || d.GetStats().faults != 0) fault = d.LastError();
+        return Rate{per_s, d.GetStats().p99_ms};
+      });
   stop(server);
+  if (!fault.empty()) {
+    std::fprintf(stderr, "FAIL: the polling device faulted: %s\n", fault.c_str());
+    return 1;
+  }
   std::printf("polling 10 holding registers back to back, loopback:\n");
-  std::printf("  libmodbus client loop: %.0f requests/s, p99 %.3f ms\n", peer.per_s, peer.p99_ms);
-  std::printf("  ModbusDevice:          %.0f requests/s, p99 %.3f ms (histogram bucket edge)\n", ours.per_s,
-              ours.p99_ms);
-  bench::summary({"Modbus poll, 10 registers", "libmodbus client loop", bench::text("%.0f req/s", peer.per_s),
-                  bench::text("%.0f req/s, p99 %.2f ms", ours.per_s, ours.p99_ms), bench::median(poll_ratios), 0.9,
+  std::printf("  libmodbus client loop: %.0f requests/s, p99 %.3f ms\n", poll.peer.per_s, poll.peer.p99_ms);
+  std::printf("  ModbusDevice:          %.0f requests/s, p99 %.3f ms (histogram bucket edge)\n", poll.ours.per_s,
+              poll.ours.p99_ms);
+  bench::summary({"Modbus poll, 10 registers", "libmodbus client loop", bench::text("%.0f req/s", poll.peer.per_s),
+                  bench::text("%.0f req/s, p99 %.2f ms", poll.ours.per_s, poll.ours.p99_ms), poll.ratio, 0.9,
                   "libmodbus", "loopback RTT"});
 
   // 2. Ten devices polling every 10 ms, then one of them dead (its server
@@ -257,32 +269,22 @@ int main(int argc, char** argv) {
   bench::summary({"10 devices, one dead", "the same nine, all alive", bench::text("%.1f polls/s", alive_rate),
                   bench::text("%.1f polls/s", dead_rate), worst, 0.9, "all alive", "100 polls/s (period)"});
 
-  // 3. Serving 10 input registers to a bare client loop, taking turns (five
-  //    rounds, each side first in turn); the ratio is the median of the
-  //    rounds' ratios, each from two measurements under the same load.
-  std::vector<double> bare_rates, bare_p99, served_rates, served_p99, ratios;
-  for (int round = 0; round < 5; ++round) {
-    Rate b, o;
-    for (int side = 0; side < 2; ++side) {
-      const bool ours_now = (side + round) % 2 == 1;
-      server = ours_now ? our_server(port) : bare_server(port);
-      (ours_now ? o : b) = bare_client(port, true, 10);
-      stop(server);
-    }
-    bare_rates.push_back(b.per_s);
-    bare_p99.push_back(b.p99_ms);
-    served_rates.push_back(o.per_s);
-    served_p99.push_back(o.p99_ms);
-    ratios.push_back(o.per_s / b.per_s);
-  }
-  const Rate bare{bench::median(bare_rates), bench::median(bare_p99)};
-  const Rate served{bench::median(served_rates), bench::median(served_p99)};
+  // 3. Serving 10 input registers to a bare client loop, in turns (five
+  //    pairs of rounds).
+  auto served_by = [&](bool ours) {
+    server = ours ? our_server(port) : bare_server(port);
+    const Rate r = bare_client(port, true, 10);
+    stop(server);
+    return r;
+  };
+  const InTurns serve = in_turns(5, [&] { return served_by(false); }, [&] { return served_by(true); });
   std::printf("serving 10 input registers to a libmodbus client loop:\n");
-  std::printf("  bare libmodbus server: %.0f requests/s, p99 %.3f ms\n", bare.per_s, bare.p99_ms);
-  std::printf("  ModbusServer:          %.0f requests/s, p99 %.3f ms\n", served.per_s, served.p99_ms);
+  std::printf("  bare libmodbus server: %.0f requests/s, p99 %.3f ms\n", serve.peer.per_s, serve.peer.p99_ms);
+  std::printf("  ModbusServer:          %.0f requests/s, p99 %.3f ms\n", serve.ours.per_s, serve.ours.p99_ms);
   std::fflush(stdout);
-  bench::summary({"Modbus server, 10 registers", "bare libmodbus server loop", bench::text("%.0f req/s", bare.per_s),
-                  bench::text("%.0f req/s, p99 %.2f ms", served.per_s, served.p99_ms), bench::median(ratios), 0.9,
+  bench::summary({"Modbus server, 10 registers", "bare libmodbus server loop",
+                  bench::text("%.0f req/s", serve.peer.per_s),
+                  bench::text("%.0f req/s, p99 %.2f ms", serve.ours.per_s, serve.ours.p99_ms), serve.ratio, 0.9,
                   "libmodbus", "loopback RTT"});
   return faulted ? 0 : 1;
 }
