@@ -30,7 +30,7 @@ import time
 import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks  # noqa: E402
+from station_client import Checks, no_secrets  # noqa: E402
 
 SKIP = 77
 STATION, CTL, SOURCE = (os.path.abspath(a) for a in sys.argv[1:4])
@@ -406,6 +406,7 @@ def main():
         admin(b)
         cross_site(b, work)
         check(proc.poll() is None, "the station lives")
+        no_secrets(check, work, list(PASSWORDS.values()))
         print("station web: %d checks passed in %.1f s; screenshots in %s" % (check.count, time.time() - t0, SHOTS))
     finally:
         if b is not None:

@@ -19,7 +19,7 @@ import time
 
 import websockets
 
-from station_client import Checks
+from station_client import Checks, no_secrets
 
 check = Checks()
 WORK = tempfile.mkdtemp(prefix="station-web-")
@@ -168,6 +168,7 @@ def main():
     finally:
         proc.send_signal(signal.SIGTERM)
         check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
+    no_secrets(check, WORK, ["vic#pw", "otto#pw"])
     shutil.rmtree(WORK, ignore_errors=True)
     print("station web smoke: %d checks passed" % check.count)
 
