@@ -3,19 +3,11 @@ import os
 import re
 import shutil
 import signal
-import socket
-import subprocess
 import sys
 import time
 
-
-def free_port():
-    """A loopback port free at the moment (for a peer that cannot take port 0)."""
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tests", "station"))
+from station_client import free_port, start_in  # noqa: E402,F401 (free_port: for the benches)
 
 
 def web_port(work):
@@ -31,18 +23,7 @@ def web_port(work):
 def start_station(binary, work, *args):
     """Starts `binary` in `work` with `args` (Server.ListenPort=0 added);
     (process, port) once it listens, or the script ends with its output."""
-    out = open(os.path.join(work, "out.txt"), "w+")
-    proc = subprocess.Popen([binary, "Server.ListenPort=0"] + list(args), cwd=work, stdin=subprocess.DEVNULL,
-                            stdout=out, stderr=subprocess.STDOUT)
-    for _ in range(600):
-        m = re.search(r"tcp port (\d+)", open(out.name).read())
-        if m:
-            return proc, int(m.group(1))
-        if proc.poll() is not None:
-            break
-        time.sleep(0.05)
-    proc.kill()
-    sys.exit("bench: the station did not start: " + open(out.name).read())
+    return start_in(work, [binary, "Server.ListenPort=0"] + list(args))
 
 
 def stop_station(proc, work):

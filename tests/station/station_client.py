@@ -1,7 +1,10 @@
-"""What the station's test scripts share: checks, the port a station listens
-on, reading a client's answer and the search for leaked passwords."""
+"""What the station's test scripts share: checks, free ports, starting a
+station and the port it listens on, reading a client's answer and the search
+for leaked passwords."""
 import os
 import re
+import socket
+import subprocess
 import sys
 import time
 
@@ -56,3 +59,30 @@ def listening_port(proc, seconds=30):
         if m:
             return int(m.group(1))
     return None
+
+
+def free_port():
+    """A loopback port free at the moment (for a peer that cannot take port 0)."""
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+def start_in(work, argv, pattern=r"tcp port (\d+)", seconds=30):
+    """Starts `argv` in `work`, its output in work/out.txt; (process, the
+    number `pattern` finds in that output) once it is there. Otherwise the
+    process is killed and the script ends with the output."""
+    out = open(os.path.join(work, "out.txt"), "w+")
+    proc = subprocess.Popen(argv, cwd=work, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+    deadline = time.time() + seconds
+    while time.time() < deadline:
+        m = re.search(pattern, open(out.name).read())
+        if m:
+            return proc, int(m.group(1))
+        if proc.poll() is not None:
+            break
+        time.sleep(0.05)
+    proc.kill()
+    sys.exit("FAIL: %s did not start: %s" % (argv[0], open(out.name).read()))

@@ -18,7 +18,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, read_until  # noqa: E402
+from station_client import Checks, free_port, read_until  # noqa: E402
 
 from pymodbus.client import ModbusTcpClient  # noqa: E402
 
@@ -30,14 +30,6 @@ PROMPT = b"station> "
 slow = 3 if os.environ.get("ZQ_SANITIZE") else 1
 check = Checks()
 children = []
-
-
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
 
 
 def spawn(args, **kw):

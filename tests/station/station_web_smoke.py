@@ -19,7 +19,7 @@ import time
 
 import websockets
 
-from station_client import Checks, no_secrets
+from station_client import Checks, no_secrets, start_in
 
 check = Checks()
 WORK = tempfile.mkdtemp(prefix="station-web-")
@@ -29,21 +29,9 @@ TLS.verify_mode = ssl.CERT_NONE
 
 
 def start(binary):
-    out = open(os.path.join(WORK, "out.txt"), "w+")
-    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
-                             "Web.Listen=127.0.0.1:0", "Login.FirstDelay=100", "Login.MaxDelay=200",
-                             "Login.MaxFailures=3"],
-                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
-    deadline = time.time() + 30
-    while time.time() < deadline:
-        m = re.search(r"web port (\d+)", open(out.name).read())
-        if m:
-            return proc, int(m.group(1))
-        if proc.poll() is not None:
-            break
-        time.sleep(0.05)
-    proc.kill()
-    sys.exit("FAIL: the station did not start its web page: " + open(out.name).read())
+    return start_in(WORK, [binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
+                           "Web.Listen=127.0.0.1:0", "Login.FirstDelay=100", "Login.MaxDelay=200",
+                           "Login.MaxFailures=3"], r"web port (\d+)")
 
 
 def request(port, method, path, body=None, headers=None):
