@@ -165,7 +165,10 @@ bool ModbusTcpClient::receive(size_t& length) {
       pollfd p{fd_, POLLIN, 0};
       const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
       if (ready == 0) return fail(ETIMEDOUT), false;
-      if (ready < 0 && errno != EINTR) return false;
+      if (ready < 0) {
+        if (errno == EINTR) continue;  // wait again for what is left
+        return false;
+      }
     }
     const ssize_t n = recv(fd_, answer_ + got, sizeof answer_ - got, 0);
     if (n == 0) return fail(ECONNRESET), false;
