@@ -207,10 +207,7 @@ class Line:
 
     def ask(self, line):
         """The answer to `line`, without the prompt."""
-        try:
-            answer = self.say(line)
-        except OSError as e:
-            answer = repr(e)
+        answer = self.say(line)
         ended = answer.endswith(PROMPT.decode())
         if self.check:
             self.check(ended, "a prompt after " + line[:60], repr(answer[-200:]))
