@@ -122,12 +122,12 @@ def free_port():
     return port
 
 
-def start_in(work, argv, pattern=r"tcp port (\d+)", seconds=30, **popen):
+def start_in(work, argv, pattern=r"tcp port (\d+)", seconds=30, out="out.txt", **popen):
     """Starts `argv` in `work` (`popen`: more arguments for Popen), its output
-    in work/out.txt; (process, the number `pattern` finds in that output)
-    once it is there. Otherwise the process is killed and the script ends
-    with the output."""
-    out = open(os.path.join(work, "out.txt"), "w+")
+    in `out` (relative to `work`); (process, the number `pattern` finds in
+    that output) once it is there. Otherwise the process is killed and the
+    script ends with the output."""
+    out = open(os.path.join(work, out), "w+")
     proc = subprocess.Popen(argv, cwd=work, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
                             **popen)
     deadline = time.time() + seconds
@@ -153,9 +153,16 @@ def printed_port(work, name, seconds=5):
 
 
 def stop(proc, check=None, what="SIGTERM ends the station with 0", sig=signal.SIGTERM):
-    """Sends `sig` to `proc` and waits for it; with `check`, its exit status must be 0. The exit status."""
+    """Sends `sig` to `proc` and waits for it (kills it after a while); with
+    `check`, its exit status must be 0. The exit status (None when killed)."""
+    if proc is None:
+        return None
     proc.send_signal(sig)
-    rc = proc.wait(timeout=30 * SLOW)
+    try:
+        rc = proc.wait(timeout=30 * SLOW)
+    except subprocess.TimeoutExpired:
+        kill(proc)
+        rc = None
     if check:
         check(rc == 0, what, rc)
     return rc
@@ -232,3 +239,15 @@ class Line:
 
     def close(self):
         self.sock.close()
+
+
+def modbus_request(port, pdu, source="127.0.0.1", timeout=5):
+    """One Modbus TCP request of `pdu` to unit 1 from `source`; the answer's bytes (empty when closed)."""
+    c = socket.create_connection(("127.0.0.1", port), timeout=timeout, source_address=(source, 0))
+    try:
+        c.sendall(bytes([0, 7, 0, 0, 0, len(pdu) + 1, 1]) + pdu)
+        return c.recv(300)
+    except OSError:
+        return b""
+    finally:
+        c.close()
