@@ -25,6 +25,8 @@ import tempfile
 import threading
 import time
 
+from station_client import Line, free_port, listening_port
+
 STATION, SOURCE = sys.argv[1], sys.argv[2]
 WORK = tempfile.mkdtemp(prefix="station-service-")
 HALF = 0.25  # the watchdog's half period (WATCHDOG_USEC = 500 ms)
@@ -85,24 +87,6 @@ class Manager:
         """The WATCHDOG=1 times received in the next `seconds`."""
         end = time.monotonic() + seconds
         return [t for t, m in iter(lambda: self.next(end), None) if m == "WATCHDOG=1"]
-
-
-class Client:
-    def __init__(self, port):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-        self.data = b""
-        self.ask(None)
-
-    def ask(self, line):
-        if line is not None:
-            self.sock.sendall(line.encode() + b"\n")
-        while not self.data.endswith(b"station> "):
-            chunk = self.sock.recv(65536)
-            if not chunk:
-                fail("the station closed the session")
-            self.data += chunk
-        answer, self.data = self.data.decode(), b""
-        return answer
 
 
 def tgkill(tid, sig):
@@ -184,10 +168,7 @@ def socket_activation():
     """systemd-socket-activate binds the port and starts the station at the
     first connection; the station serves that socket."""
     global proc
-    probe = socket.socket()
-    probe.bind(("127.0.0.1", 0))
-    port = probe.getsockname()[1]
-    probe.close()
+    port = free_port()
     os.remove(os.path.join(WORK, "station.log"))
     write_cfg([])
     proc = subprocess.Popen(["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, STATION, "-f", "station.cfg",
@@ -195,7 +176,7 @@ def socket_activation():
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     for _ in range(100):  # until systemd-socket-activate listens
         try:
-            client = Client(port)  # the first connection starts the station
+            client = Line(port)  # the first connection starts the station
             break
         except ConnectionRefusedError:
             time.sleep(0.1)
@@ -223,11 +204,7 @@ def unwritable_log_folder():
                              "Server.ListenPort=0", "Log.AutoDate=0", "Log.FileBase=logs/station", "Log.Pmask=7",
                              "Station.LogLossReportS=%d" % period],
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
-    for _ in range(20):
-        m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
-        if m:
-            break
-    client = Client(int(m.group(1)) if m else fail("no tcp port line"))
+    client = Line(listening_port(proc) or fail("no tcp port line"))
     os.rename(folder, away)
     open(folder, "w").close()
     os.kill(proc.pid, signal.SIGHUP)
@@ -284,11 +261,7 @@ def main():
                              "Log.MaxFileSize=0", "Log.CreatePermissions=0600"],
                             cwd=WORK, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
-    for _ in range(20):
-        m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
-        if m:
-            break
-    port = int(m.group(1)) if m else fail("no tcp port line")
+    port = listening_port(proc) or fail("no tcp port line")
     manager.until(r"^READY=1$", 20)
     status = manager.until(r"^STATUS=cycles \d+, clients \d+, ", 5)
     pings = manager.pings(8 * HALF * slow)
@@ -310,7 +283,7 @@ def main():
           "%d in %.1f s after it resumed" % (len(pings), 8 * HALF * slow, min(gaps), max(gaps),
                                               6 * HALF * slow, len(resumed), 6 * HALF * slow))
 
-    client = Client(port)
+    client = Line(port)
     rotate_while_writing(client)
     manager.until(r"^RELOADING=1$", 5)
     manager.until(r"^READY=1$", 5)
