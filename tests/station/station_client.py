@@ -1,6 +1,7 @@
 """What the station's test scripts share: checks, scratch folders, users,
 free ports, starting and stopping a station, a line client, TLS contexts,
 bounded waits, the station's logs and the search for leaked passwords."""
+import http.client
 import os
 import re
 import shutil
@@ -10,6 +11,7 @@ import ssl
 import subprocess
 import sys
 import time
+import urllib.parse
 
 PROMPT = b"station> "
 SLOW = 3 if os.environ.get("ZQ_SANITIZE") else 1  # sanitizers slow the station down
@@ -251,3 +253,20 @@ def modbus_request(port, pdu, source="127.0.0.1", timeout=5):
         return b""
     finally:
         c.close()
+
+
+def https(port, ctx, method, path, body=None, headers=None, timeout=20):
+    """One request to the station's web port over TLS with `ctx`: (response, its body)."""
+    c = http.client.HTTPSConnection("127.0.0.1", port, context=ctx, timeout=timeout)
+    try:
+        c.request(method, path, body, headers or {})
+        r = c.getresponse()
+        return r, r.read()
+    finally:
+        c.close()
+
+
+def web_login(port, ctx, user, password):
+    """The login form posted to /api/login: (response, its body)."""
+    return https(port, ctx, "POST", "/api/login", urllib.parse.urlencode({"user": user, "password": password}),
+                 {"Content-Type": "application/x-www-form-urlencoded"})

@@ -27,10 +27,10 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.parse
 
-from station_client import (PROMPT, Checks, Line, add_users, ca_context, copy_in, eventually, kill, log_text,
-                            modbus_request, no_secrets, printed_port, read_until, start_in, stop)
+from station_client import (PROMPT, Checks, Line, add_users, ca_context, copy_in, eventually, https, kill,
+                            log_text, modbus_request, no_secrets, printed_port, read_until, start_in, stop,
+                            web_login)
 
 WORK = tempfile.mkdtemp(prefix="station-hostile-")
 check = Checks()
@@ -530,16 +530,10 @@ def modbus_hostile(binary):
 
 def web_get(port, ctx, path="/login.html", timeout=20):
     """The status of a GET of `path` on the web port, or 0 when it fails."""
-    c = http.client.HTTPSConnection("127.0.0.1", port, context=ctx, timeout=timeout)
     try:
-        c.request("GET", path)
-        r = c.getresponse()
-        r.read()
-        return r.status
+        return https(port, ctx, "GET", path, timeout=timeout)[0].status
     except (OSError, http.client.HTTPException):
         return 0
-    finally:
-        c.close()
 
 
 def web_attacks(port, ctx, sid, seen):
@@ -651,10 +645,7 @@ def web_hostile(binary, source):
         ctx = ca_context(folder)
         ctx.check_hostname = False
         check(eventually(lambda: web_get(web, ctx) == 200, 20), "the web port answers")
-        c = http.client.HTTPSConnection("127.0.0.1", web, context=ctx, timeout=20)
-        c.request("POST", "/api/login", urllib.parse.urlencode({"user": "vic", "password": PASSWORDS["vic"]}),
-                  {"Content-Type": "application/x-www-form-urlencoded"})
-        sid = re.match(r"zqsid=(\w+)", c.getresponse().getheader("Set-Cookie") or "")
+        sid = re.match(r"zqsid=(\w+)", web_login(web, ctx, "vic", PASSWORDS["vic"])[0].getheader("Set-Cookie") or "")
         check(sid, "a web login")
         watch = Peer(port).tls(folder)
         watch.login("vic", PASSWORDS["vic"])

@@ -15,7 +15,6 @@ plain HTTP on the HTTPS port. Saves a screenshot of each page into
 $ZQ_WEB_SHOTS (default SHOTS_DIR) and, with ZQ_WEB_README_SHOT=1, the trend
 page's into docs/web-trend.png. Exits 77 (skipped) without Chromium.
 """
-import http.client
 import http.server
 import json
 import os
@@ -26,11 +25,10 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import (Checks, add_users, ca_context, log_text, no_secrets, printed_port,  # noqa: E402
-                            start_in, stop)
+from station_client import (Checks, add_users, ca_context, https, log_text, no_secrets, printed_port,  # noqa: E402
+                            start_in, stop, web_login)
 from station_client import eventually as wait  # noqa: E402
 
 SKIP = 77
@@ -82,19 +80,11 @@ class Web:
         self.ctx.check_hostname = False  # the certificate names the host, the tests use the address
 
     def request(self, method, path, body=None, headers=None, sid=None):
-        c = http.client.HTTPSConnection("127.0.0.1", self.port, context=self.ctx, timeout=20)
-        h = dict(headers or {})
-        if sid:
-            h["Cookie"] = "zqsid=" + sid
-        c.request(method, path, body, h)
-        r = c.getresponse()
-        data = r.read()
-        c.close()
-        return r, data
+        cookie = {"Cookie": "zqsid=" + sid} if sid else {}
+        return https(self.port, self.ctx, method, path, body, dict(headers or {}, **cookie))
 
     def login(self, user, password):
-        return self.request("POST", "/api/login", urllib.parse.urlencode({"user": user, "password": password}),
-                            {"Content-Type": "application/x-www-form-urlencoded"})
+        return web_login(self.port, self.ctx, user, password)
 
     def session(self, user):
         """(session id, CSRF token) of a fresh login of `user`."""

@@ -4,7 +4,6 @@ session cookie's flags, the CSRF token, one command at two levels (and
 their audit lines), live samples over the WebSocket, lock-out.
 Usage: station_web.py STATION_BINARY STATION_SOURCE_FOLDER"""
 import asyncio
-import http.client
 import json
 import os
 import re
@@ -16,7 +15,8 @@ import time
 
 import websockets
 
-from station_client import Checks, add_users, copy_in, log_text, no_secrets, start_in, stop, unverified_context
+from station_client import (Checks, add_users, copy_in, https, log_text, no_secrets, start_in, stop,
+                            unverified_context, web_login)
 
 check = Checks()
 WORK = tempfile.mkdtemp(prefix="station-web-")
@@ -30,17 +30,11 @@ def start(binary):
 
 
 def request(port, method, path, body=None, headers=None):
-    conn = http.client.HTTPSConnection("127.0.0.1", port, context=TLS, timeout=30)
-    conn.request(method, path, body=body, headers=headers or {})
-    r = conn.getresponse()
-    data = r.read()
-    conn.close()
-    return r, data
+    return https(port, TLS, method, path, body, headers, 30)
 
 
 def login(port, user, password):
-    form = "user=%s&password=%s" % (user, password.replace("#", "%23"))
-    return request(port, "POST", "/api/login", form, {"Content-Type": "application/x-www-form-urlencoded"})
+    return web_login(port, TLS, user, password)
 
 
 async def samples(port, sid):
