@@ -189,13 +189,11 @@ def main():
         os.chmod(pw, 0o600)
         rc, out, err = ctl("--ca", "tls/ca.pem", "--password-file", pw, "io", user=None, env={"X": "1"})
         check(rc == 2 and "log in first" in out, "no --user: commands refused (exit 2)", (rc, out))
-        p = subprocess.run([CTL, "--port", str(PORT), "--ca", "tls/ca.pem", "--user", "otto", "--password-file",
-                            pw, "io"], cwd=WORK, env={"HOME": HOME}, capture_output=True, text=True, timeout=30)
-        check(p.returncode == 0 and "io 0x" in p.stdout, "--password-file 0600", p)
+        rc, out, err = ctl("--ca", "tls/ca.pem", "--user", "otto", "--password-file", pw, "io", user=None)
+        check(rc == 0 and "io 0x" in out, "--password-file 0600", (rc, out, err))
         os.chmod(pw, 0o644)
-        p = subprocess.run([CTL, "--port", str(PORT), "--ca", "tls/ca.pem", "--user", "otto", "--password-file",
-                            pw, "io"], cwd=WORK, env={"HOME": HOME}, capture_output=True, text=True, timeout=30)
-        check(p.returncode == 2 and "readable by group or others" in p.stderr, "--password-file 0644 refused", p)
+        rc, out, err = ctl("--ca", "tls/ca.pem", "--user", "otto", "--password-file", pw, "io", user=None)
+        check(rc == 2 and "readable by group or others" in err, "--password-file 0644 refused", (rc, err))
         rc, out, err = ctl("--ca", "tls/ca.pem", "--cert", "tls/carol.pem", "--key", "tls/carol.key", "--json",
                            "status", user=None)
         check(rc == 0 and json.loads(out)["code"] == 0, "a client certificate logs in", (rc, out, err))
