@@ -26,7 +26,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from station_client import (PROMPT, Checks, Line, add_users, copy_in, kill, log_text,  # noqa: E402
-                            no_secrets, passwd, start_in, stop, unverified_context)
+                            no_secrets, other_ca, passwd, start_in, stop, unverified_context)
 
 WORK = tempfile.mkdtemp(prefix="station-access-")
 SANITIZED = bool(os.environ.get("ZQ_SANITIZE"))
@@ -62,10 +62,6 @@ def refused(port, ctx, host="localhost"):
         return False
     except (ssl.SSLError, OSError):
         return True
-
-
-def openssl(*args):
-    return subprocess.run(["openssl"] + list(args), cwd=WORK, capture_output=True, timeout=60)
 
 
 def relay_to(port):
@@ -131,8 +127,7 @@ def main():
         check(subprocess.run([binary, "--issue-client-cert", "carol"], cwd=WORK, capture_output=True,
                              timeout=60).returncode == 0, "--issue-client-cert")
         # Another CA, and a client certificate it signed for the same name.
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "1",
-                "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=carol")
+        other_ca(WORK, "carol")
 
         # Clear text: nothing but starttls, help and exit.
         c = Client(port)

@@ -182,6 +182,13 @@ def ca_context(folder):
     return ssl.create_default_context(cafile=os.path.join(folder, "tls", "ca.pem"))
 
 
+def other_ca(work, name):
+    """other.pem and other.key in `work`: a self-signed certificate for CN=`name`, from no CA the station knows."""
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                    "-days", "1", "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=" + name],
+                   cwd=work, capture_output=True, timeout=60, check=True)
+
+
 def unverified_context(ciphers=None, lowest=None, highest=None):
     """A client TLS context that checks no certificate, limited to `ciphers` and the versions lowest..highest."""
     ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)

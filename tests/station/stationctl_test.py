@@ -25,7 +25,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, add_users, copy_in, no_secrets, start_in, stop  # noqa: E402
+from station_client import Checks, add_users, copy_in, no_secrets, other_ca, start_in, stop  # noqa: E402
 
 WORK = tempfile.mkdtemp(prefix="stationctl-")
 HOME = os.path.join(WORK, "home")
@@ -155,9 +155,7 @@ def main():
     try:
         subprocess.run([STATION, "--issue-client-cert", "carol"], cwd=WORK, capture_output=True, timeout=60,
                        check=True)
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                        "-nodes", "-days", "1", "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=x"],
-                       cwd=WORK, capture_output=True, timeout=60, check=True)
+        other_ca(WORK, "x")
 
         # Verifying the station.
         rc, out, err = ctl("--ca", "tls/ca.pem", "status")
