@@ -22,7 +22,7 @@ import sys
 import tempfile
 import time
 
-from station_client import no_secrets
+from station_client import add_users, ca_context, copy_in, listening_port, no_secrets, stop
 
 # A prompt on a line of its own (a redraw after Ctrl-C is not one).
 PROMPT = re.compile(rb"(\A|\n)\r?\w+(:/[#>]|>) (\x1b\[J)?\Z")
@@ -122,34 +122,19 @@ def station_checks(s):
 def start(argv, cwd):
     p = subprocess.Popen(argv, cwd=cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                          stderr=subprocess.DEVNULL)
-    for _ in range(100):
-        line = p.stdout.readline()
-        m = re.match(rb"tcp port (\d+)", line)
-        if m:
-            return p, int(m.group(1))
-    p.kill()
-    sys.exit("FAIL: %s shows no port" % argv[0])
-
-
-def stop(p):
-    p.terminate()
-    try:
-        p.wait(timeout=20)
-    except subprocess.TimeoutExpired:
+    port = listening_port(p)
+    if port is None:
         p.kill()
-        p.wait()
+        sys.exit("FAIL: %s shows no port" % argv[0])
+    return p, port
 
 
 IDLE_S = 4
 
 
 def station(binary, source, work):
-    for f in ("station.cfg",):
-        shutil.copy(os.path.join(source, f), work)
-    open(os.path.join(work, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
-    for user, level in ((b"ada", "admin"), (b"vic", "viewer")):
-        subprocess.run([binary, "--passwd", user.decode(), level], cwd=work, input=user + b"-pw\n",
-                       capture_output=True, timeout=60, check=True)
+    copy_in(work, source, ("station.cfg",), allow="127.0.0.0/8")
+    add_users(binary, work, [("ada", "admin", "ada-pw"), ("vic", "viewer", "vic-pw")])
     p, port = start([binary, "Server.ListenPort=0", "Server.ACL=open.acl", "Server.RequireTLS=0",
                      "Access.IdleTimeout=%d" % IDLE_S], work)
     try:
@@ -162,8 +147,7 @@ def station(binary, source, work):
         t = Session(port)
         t.until_prompt()
         check(b"OK starting TLS" in t.ask(b"starttls", b"\r\n"), "station: starttls")
-        ctx = ssl.create_default_context(cafile=os.path.join(work, "tls", "ca.pem"))
-        t.sock = ctx.wrap_socket(t.sock, server_hostname="localhost")
+        t.sock = ca_context(work).wrap_socket(t.sock, server_hostname="localhost")
         t.until_prompt()
         check(b"logged in as vic" in t.login(b"vic", b"vic-pw"), "station: login over TLS")
         t.sock.sendall(b"editing on\n")

@@ -15,7 +15,6 @@ missing, memory grew by more than 10 percent, or descriptors changed.
 import os
 import re
 import shutil
-import signal
 import socket
 import subprocess
 import sys
@@ -23,8 +22,10 @@ import tempfile
 import threading
 import time
 
+from station_client import PROMPT, copy_in, kill, listening_port
+from station_client import stop as stop_station
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-PROMPT = b"station> "
 COMMANDS = ["status", "io get 1", "echo soak", "config", "crc station.cfg",
             "hash sha256 station.cfg", "io", "status"]
 
@@ -92,19 +93,13 @@ def main():
     seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 600
     count = int(sys.argv[3]) if len(sys.argv) > 3 else 50
     work = tempfile.mkdtemp(prefix="station-soak-")
-    for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(ROOT, "apps", "station", name), work)
-    proc = subprocess.Popen([binary, "Server.ListenPort=0", "Server.MaxConnections=%d" % (count + 8)],
+    copy_in(work, os.path.join(ROOT, "apps", "station"))
+    proc = subprocess.Popen([binary, "Server.ListenPort=0", "Server.MaxConnections=%d" % (count + 8),
+                             "Station.UsersFile=none", "Server.RequireTLS=0"],
                             cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL)
     try:
-        port = None
-        while port is None:
-            line = proc.stdout.readline().decode()
-            if not line:
-                sys.exit("the station did not start")
-            m = re.match(r"tcp port (\d+)", line)
-            port = int(m.group(1)) if m else None
+        port = listening_port(proc) or sys.exit("the station did not start")
         stats, stop = Stats(), threading.Event()
         threads = [threading.Thread(target=client, args=(port, stop, stats, i)) for i in range(count)]
         for t in threads:
@@ -121,11 +116,9 @@ def main():
         for t in threads:
             t.join(60)
         elapsed = time.time() - began
-        proc.send_signal(signal.SIGTERM)
-        rc = proc.wait(timeout=60)
+        rc = stop_station(proc)
     finally:
-        if proc.poll() is None:
-            proc.kill()
+        kill(proc)
         shutil.rmtree(work, ignore_errors=True)
 
     first, last = samples[0], samples[-1]
@@ -135,7 +128,7 @@ def main():
           (first[1], last[1], max(s[1] for s in samples)))
     print("descriptors after warm-up %d, at the end %d (range %d..%d)" %
           (first[2], last[2], min(s[2] for s in samples), max(s[2] for s in samples)))
-    print("station exit status %d" % rc)
+    print("station exit status %s" % rc)
     for f in stats.failures[:10]:
         print("  " + f)
     ok = not stats.failures and rc == 0 and last[1] <= first[1] * 1.10 and last[2] == first[2]

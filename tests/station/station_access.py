@@ -14,9 +14,8 @@ delay a well-behaved one.
 """
 import os
 import re
-import shutil
 import select
-import signal
+import shutil
 import socket
 import ssl
 import subprocess
@@ -26,35 +25,16 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, no_secrets, read_until  # noqa: E402
+from station_client import (PROMPT, Checks, Line, add_users, copy_in, kill, log_text,  # noqa: E402
+                            no_secrets, other_ca, passwd, start_in, stop, unverified_context)
 
-PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-access-")
 SANITIZED = bool(os.environ.get("ZQ_SANITIZE"))
 check = Checks()
 
 
-class Client:
-    def __init__(self, port, source="127.0.0.1"):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=(source, 0))
-        self.until(PROMPT)
-
-    def until(self, marker):
-        return read_until(self.sock, marker)
-
-    def ask(self, line, marker=PROMPT):
-        self.sock.sendall(line.encode() + b"\n")
-        return self.until(marker)
-
-    def starttls(self, ctx, host="localhost"):
-        check("OK starting TLS" in self.ask("starttls", b"\r\n"), "starttls answers")
-        self.sock = ctx.wrap_socket(self.sock, server_hostname=host)
-        return self.until(PROMPT)
-
-    def login(self, user, password):
-        self.ask("login", b"user: ")
-        self.ask(user, b"password: ")
-        return self.ask(password)
+def Client(port, source="127.0.0.1"):
+    return Line(port, source, check)
 
 
 def status_times(client, n):
@@ -84,10 +64,6 @@ def refused(port, ctx, host="localhost"):
         return True
 
 
-def openssl(*args):
-    return subprocess.run(["openssl"] + list(args), cwd=WORK, capture_output=True, timeout=60)
-
-
 def relay_to(port):
     """A local port that takes one client, does the station's clear-text
     starttls exchange for it and then passes the bytes both ways, so that a
@@ -97,7 +73,7 @@ def relay_to(port):
     def run():
         peer, _ = listener.accept()
         station = Client(port)
-        station.ask("starttls", b"\r\n")
+        station.say("starttls", b"\r\n")
         pair = {peer: station.sock, station.sock: peer}
         open_ends = set(pair)
         while open_ends:
@@ -122,29 +98,10 @@ def s_client(port, ca):
 
 
 def start(binary, *overrides):
-    out = open(os.path.join(WORK, "out.txt"), "w+")
-    proc = subprocess.Popen([binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
-                             "Login.FirstDelay=300", "Login.MaxDelay=1000", "Login.MaxFailures=3",
-                             "Access.MaxNotLoggedIn=100"] + list(overrides),
-                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
-    deadline = time.time() + 30
-    while time.time() < deadline:
-        m = re.search(r"tcp port (\d+)", open(out.name).read())
-        if m:
-            return proc, int(m.group(1)), open(out.name).read()
-        time.sleep(0.05)
-    proc.kill()
-    sys.exit("FAIL: the station did not start: " + open(out.name).read())
-
-
-def stop(proc):
-    proc.send_signal(signal.SIGTERM)
-    check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
-
-
-def passwd(binary, name, level, password):
-    return subprocess.run([binary, "--passwd", name, level], cwd=WORK, input=password.encode(),
-                          capture_output=True, timeout=60)
+    proc, port = start_in(WORK, [binary, "-f", "station.cfg", "Server.ListenPort=0", "Server.ACL=open.acl",
+                                 "Login.FirstDelay=300", "Login.MaxDelay=1000", "Login.MaxFailures=3",
+                                 "Access.MaxNotLoggedIn=100"] + list(overrides))
+    return proc, port, open(os.path.join(WORK, "out.txt")).read()
 
 
 # Every station command at every level: the lowest level that may run it.
@@ -157,12 +114,10 @@ MATRIX = [("status", 1), ("io", 1), ("io get 0", 1), ("io set 0", 2), ("io clear
 
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
-    for name in ("station.cfg",):
-        shutil.copy(os.path.join(source, name), WORK)
-    open(os.path.join(WORK, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
-    check(passwd(binary, "eve", "viewer", "").returncode != 0, "--passwd refuses an empty password")
-    for name, level in (("vic", "viewer"), ("otto", "operator"), ("ada", "admin"), ("carol", "viewer")):
-        check(passwd(binary, name, level, name + "#pw").returncode == 0, "--passwd " + name)
+    copy_in(WORK, source, ("station.cfg",), allow="127.0.0.0/8")
+    check(passwd(binary, WORK, "eve", "viewer", "").returncode != 0, "--passwd refuses an empty password")
+    add_users(binary, WORK, [(n, level, n + "#pw") for n, level in (("vic", "viewer"), ("otto", "operator"),
+                                                                    ("ada", "admin"), ("carol", "viewer"))])
     check(os.stat(os.path.join(WORK, "station.users")).st_mode & 0o777 == 0o600, "the users file is 0600")
 
     proc, port, out = start(binary)
@@ -172,15 +127,13 @@ def main():
         check(subprocess.run([binary, "--issue-client-cert", "carol"], cwd=WORK, capture_output=True,
                              timeout=60).returncode == 0, "--issue-client-cert")
         # Another CA, and a client certificate it signed for the same name.
-        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "1",
-                "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=carol")
+        other_ca(WORK, "carol")
 
         # Clear text: nothing but starttls, help and exit.
         c = Client(port)
         check("refused before starttls" in c.ask("status"), "RequireTLS refuses commands in clear text")
-        c.ask("login", b"user: ")
-        c.ask("otto", b"password: ")
-        check("login: refused before starttls" in c.ask("otto#pw"), "and login, its password taken and dropped")
+        check("login: refused before starttls" in c.login("otto", "otto#pw"),
+              "and login, its password taken and dropped")
         c.starttls(client_ctx())
         check(c.sock.version() == "TLSv1.3", "certificate TLS 1.3 verified against tls/ca.pem", c.sock.version())
         check("log in first" in c.ask("status"), "commands need a login")
@@ -216,16 +169,9 @@ def main():
         check(refused(port, client_ctx("other.pem")), "a client trusting another CA fails")
         check(refused(port, client_ctx(), "otherhost"), "a host name the certificate lacks fails")
         for version in (ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1):
-            ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-            ctx.check_hostname, ctx.verify_mode = False, ssl.CERT_NONE
-            ctx.minimum_version = ctx.maximum_version = version
-            ctx.set_ciphers("ALL:@SECLEVEL=0")
-            check(refused(port, ctx), "%s is refused" % version)
+            check(refused(port, unverified_context("ALL:@SECLEVEL=0", version, version)), "%s is refused" % version)
         # The relay of old: anonymous DH towards the station cannot complete.
-        adh = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-        adh.check_hostname, adh.verify_mode = False, ssl.CERT_NONE
-        adh.maximum_version = ssl.TLSVersion.TLSv1_2
-        adh.set_ciphers("ADH:AECDH:@SECLEVEL=0")
+        adh = unverified_context("ADH:AECDH:@SECLEVEL=0", highest=ssl.TLSVersion.TLSv1_2)
         check(refused(port, adh), "anonymous DH suites are refused")
 
         # Mutual TLS: a certificate from the CA logs in as its name.
@@ -271,8 +217,8 @@ def main():
         # A 5 MB password line: refused with one line, the session kept.
         big = Client(port)
         big.starttls(client_ctx())
-        big.ask("login", b"user: ")
-        big.ask("otto", b"password: ")
+        big.say("login", b"user: ")
+        big.say("otto", b"password: ")
         big.sock.sendall(b"x" * 5000000 + b"\n")
         answer = big.ask("status")
         check(answer.count("line too long") == 1 and "log in first" in answer, "a 5 MB line is refused", answer[:300])
@@ -296,8 +242,8 @@ def main():
         guessers = [Client(port, source="127.0.1.%d" % (i + 1)) for i in range(24)]
         for g in guessers:
             g.starttls(client_ctx())
-            g.ask("login", b"user: ")
-            g.ask("otto", b"password: ")
+            g.say("login", b"user: ")
+            g.say("otto", b"password: ")
         for g in guessers:
             g.sock.sendall(b"wrong\n")
         times = status_times(m, 20)
@@ -306,7 +252,7 @@ def main():
             g.sock.close()
         print("slowest status while 24 passwords were checked: %.1f ms" % (max(times) * 1000))
         check(max(times) < 0.5, "password checks do not delay others", times)
-        stop(proc)
+        stop(proc, check)
 
         # Required client certificates; idle time-out.
         proc, port, out = start(binary, "TLS.VerifyPeer=require", "Access.IdleTimeout=1")
@@ -316,18 +262,16 @@ def main():
         check("logged in as carol" in r.starttls(client_ctx(cert="tls/carol")), "one from the CA is accepted")
         time.sleep(1.5)
         check("idle time-out" in r.until(b"closing\r\n"), "an idle session is closed")
-        log = "".join(open(os.path.join(WORK, n)).read() for n in sorted(os.listdir(WORK)) if n.endswith(".log"))
+        log = log_text(WORK)
         check("#pw" not in log and "wrong" not in log, "no password reaches the log")
         check("audit: carol logged in from 127.0.0.1 as viewer by certificate" in log, "logins are audited")
         check("audit: login of 'nobody' from 127.0.0.3 failed" in log, "failed logins are audited")
         check("audit: 127.0.0.1: io set 0 (user carol, viewer, result 1)" in log, "commands are audited")
-        stop(proc)
+        stop(proc, check)
         no_secrets(check, WORK, [n + "#pw" for n in ("vic", "otto", "ada", "carol")] + ["wrong"])
         print("station access: %d checks passed" % check.count)
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
+        kill(proc)
         if os.environ.get("KEEP") is None: shutil.rmtree(WORK, ignore_errors=True)
 
 

@@ -18,7 +18,8 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, free_port, read_until  # noqa: E402
+from station_client import (Checks, Line, eventually, free_port, log_text, modbus_request,  # noqa: E402
+                            start_in)
 
 from pymodbus.client import ModbusTcpClient  # noqa: E402
 
@@ -26,8 +27,6 @@ logging.disable(logging.CRITICAL)  # the client logs every refused connection
 
 STATION, SOURCE, PEER = os.path.abspath(sys.argv[1]), sys.argv[2], os.path.abspath(sys.argv[3])
 WORK = tempfile.mkdtemp(prefix="station-devices-")
-PROMPT = b"station> "
-slow = 3 if os.environ.get("ZQ_SANITIZE") else 1
 check = Checks()
 children = []
 
@@ -36,15 +35,6 @@ def spawn(args, **kw):
     p = subprocess.Popen(args, cwd=WORK, stdin=subprocess.DEVNULL, **kw)
     children.append(p)
     return p
-
-
-def eventually(test, timeout=10):
-    end = time.time() + timeout * slow
-    while time.time() < end:
-        if test():
-            return True
-        time.sleep(0.05)
-    return test()
 
 
 def client_socket(port):
@@ -124,20 +114,11 @@ def main():
     spawn(["mosquitto_sub", "-p", str(broker), "-t", "+/+/samples", "-W", "120"], stdout=subscribed,
           stderr=subprocess.DEVNULL)
 
-    out = open(os.path.join(WORK, "out.txt"), "w+")
-    station = spawn([STATION] + args + ["MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker, "MQTT.Commands=off"],
-                    stdout=out, stderr=subprocess.STDOUT)
-    check(eventually(lambda: re.search(r"tcp port (\d+)", open(out.name).read())), "the station starts",
-          open(out.name).read())
-    port = int(re.search(r"tcp port (\d+)", open(out.name).read()).group(1))
-    check(f"modbus port {server}" in open(out.name).read(), "the Modbus server listens")
-    sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-    read_until(sock, PROMPT)
-
-    def ask(line):
-        sock.sendall(line.encode() + b"\n")
-        return read_until(sock, PROMPT)
-
+    station, port = start_in(WORK, [STATION] + args + ["MQTT.Host=127.0.0.1", "MQTT.Port=%d" % broker,
+                                                        "MQTT.Commands=off"], seconds=30)
+    children.append(station)
+    check(f"modbus port {server}" in open(os.path.join(WORK, "out.txt")).read(), "the Modbus server listens")
+    ask = Line(port).ask
     check(eventually(lambda: "meter.flow = 5 m3/h" in ask("device")), "values with scale and units", ask("device"))
     listing = ask("device")
     check("tank.level = 123.4 m" in listing and "tank.temp = 21.5 degC" in listing, "TCP device values", listing)
@@ -204,14 +185,7 @@ def main():
     # A client outside WriteFrom may read but not write; one outside the
     # access list gets nothing at all.
     def raw(source, pdu):
-        c = socket.create_connection(("127.0.0.1", server), timeout=5, source_address=(source, 0))
-        c.sendall(bytes([0, 1, 0, 0, 0, len(pdu) + 1, 1]) + pdu)
-        try:
-            return c.recv(300)
-        except OSError:
-            return b""
-        finally:
-            c.close()
+        return modbus_request(server, pdu, source)
     read = bytes([4, 0, 0, 0, 2])
     write = bytes([5, 0, 64, 0xFF, 0])
     check(len(raw("127.0.0.2", read)) == 13, "a reader outside WriteFrom reads")
@@ -223,8 +197,7 @@ def main():
 
     station.send_signal(signal.SIGTERM)
     check(station.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
-    log = "".join(open(os.path.join(WORK, f), errors="replace").read() for f in os.listdir(WORK)
-                  if f.startswith("station") and f.endswith(".log"))
+    log = log_text(WORK, "station")
     check("device tank fault" in log and "device tank recovered" in log, "fault and recovery are in the log",
           log[-2000:])
     # Every write request has its audit line with the client, the coil or

@@ -11,13 +11,10 @@ a client to TLS with Python's ssl module, stops the station with SIGTERM and
 checks that it exits 0, that its log holds the session, and that it ended
 with one thread and no descriptor beyond its log file.
 """
-import glob
 import hashlib
 import os
 import re
 import shutil
-import signal
-import socket
 import ssl
 import subprocess
 import sys
@@ -25,60 +22,16 @@ import tempfile
 import time
 import zlib
 
-from station_client import listening_port, read_until
+from station_client import PROMPT, Checks, Line, copy_in, kill, log_text, start_in, stop, unverified_context
 
-PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-e2e-")
-checks = 0
-
-
-def check(ok, what, detail=""):
-    global checks
-    if not ok:
-        for path in sorted(glob.glob(os.path.join(WORK, "station*.log")))[-1:]:
-            sys.stderr.write(open(path, errors="replace").read()[-3000:])
-        sys.exit("FAIL: %s %s" % (what, detail))
-    checks += 1
-
-
-class Client:
-    def __init__(self, port, source="127.0.0.1"):
-        self.sock = socket.socket()
-        self.sock.settimeout(20)
-        self.sock.bind((source, 0))
-        self.sock.connect(("127.0.0.1", port))
-
-    def until(self, marker):
-        return read_until(self.sock, marker)
-
-    def ask(self, line):
-        self.sock.sendall(line.encode() + b"\n")
-        try:
-            answer = self.until(PROMPT)
-        except OSError as e:
-            check(False, "an answer to " + line, e)
-        check(answer.endswith(PROMPT.decode()), "a prompt after " + line, repr(answer))
-        return answer[: -len(PROMPT)]
-
-    def close(self):
-        self.sock.close()
-
-
-def tls_context():
-    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-    ctx.check_hostname = False
-    ctx.verify_mode = ssl.CERT_NONE
-    ctx.minimum_version = ssl.TLSVersion.TLSv1_2
-    ctx.maximum_version = ssl.TLSVersion.TLSv1_2
-    ctx.set_ciphers("ADH:@SECLEVEL=0")
-    return ctx
+check = Checks(logs=WORK)
 
 
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
     work = WORK
-    for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(source, name), work)
+    copy_in(work, source)
     # The command line alone: usage, and a setting that does not exist.
     usage = subprocess.run([binary, "-h"], cwd=work, capture_output=True, text=True, timeout=30)
     check(usage.returncode == 0 and "Usage is:" in usage.stderr and "Section.Key=VALUE" in usage.stderr,
@@ -88,27 +41,17 @@ def main():
     check(bad.returncode == 2 and "command line:3: Station.Nothing = '1': no setting Nothing in [Station]" in bad.stderr,
           "unknown settings are refused", bad.stderr)
 
-    errors = open(os.path.join(work, "stderr.txt"), "w+")
-    proc = subprocess.Popen([binary, "-d", "1", "-f", "station.cfg", "Server.ListenPort=0",
-                             # the open, anonymous-TLS station of old: no login, no certificates
-                             "Station.UsersFile=none", "Server.RequireTLS=0", "Access.AnonymousTLS=1",
-                             "TLS.CertificateFile=none"], cwd=work, stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=errors)
+    proc, port = start_in(work, [binary, "-d", "1", "-f", "station.cfg", "Server.ListenPort=0",
+                                 # the open, anonymous-TLS station of old: no login, no certificates
+                                 "Station.UsersFile=none", "Server.RequireTLS=0", "Access.AnonymousTLS=1",
+                                 "TLS.CertificateFile=none"])
     try:
-        port = listening_port(proc)
-        check(port, "the station prints its port", open(errors.name).read())
         run_clients(port, work, proc.pid)
-        proc.send_signal(signal.SIGTERM)
-        rc = proc.wait(timeout=30)
-        err = open(errors.name).read()
-        check(rc == 0, "SIGTERM ends the station with 0", "rc %s, stderr %s" % (rc, err))
+        stop(proc, check)
         check_log(work)
-        print("station e2e: %d checks passed" % checks)
+        print("station e2e: %d checks passed" % check.count)
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-        errors.close()
+        kill(proc)
         shutil.rmtree(work, ignore_errors=True)
 
 
@@ -125,10 +68,9 @@ def run_clients(port, work, pid):
     used = (cpu_seconds(pid) - before) / 2
     check(used < 0.5, "no spinning on the closed input", "%.0f%% of a processor" % (used * 100))
 
-    a = Client(port)
-    check("station ready" in a.until(PROMPT), "the greeting")
-    b = Client(port)
-    b.until(PROMPT)
+    a = Line(port, check=check)
+    check("station ready" in a.greeting, "the greeting")
+    b = Line(port, check=check)
 
     s = a.ask("status")
     check(re.search(r"cycles \d+, period 1000 us, cycle length min/avg/max [\d.]+/[\d.]+/[\d.]+ us", s),
@@ -196,19 +138,15 @@ def run_clients(port, work, pid):
     check(a.ask("echo hello").strip() == "hello", "echo")
 
     # Refused from an address the list does not allow.
-    d = Client(port, "127.0.0.2")
+    d = Line(port, "127.0.0.2", greet=False)
     refusal = d.until(b"never")  # the whole answer, up to the close
     check(refusal == "Your IP is not allowed to connect\r\n\0", "refusal from 127.0.0.2", repr(refusal))
     d.close()
 
     # TLS in the middle of a session.
-    b.sock.sendall(b"starttls\n")
-    check(b.until(b"\r\n") == "OK starting TLS\r\n", "starttls answers")
-    try:
-        b.sock = tls_context().wrap_socket(b.sock, server_hostname=None)
-    except (ssl.SSLError, OSError) as e:
-        check(False, "the TLS handshake", e)
-    check(b.until(PROMPT).endswith(PROMPT.decode()), "a prompt over TLS")
+    tls12 = ssl.TLSVersion.TLSv1_2
+    check(b.starttls(unverified_context("ADH:@SECLEVEL=0", tls12, tls12), None).endswith(PROMPT.decode()),
+          "a prompt over TLS")
     check(b.sock.version() == "TLSv1.2", "TLS 1.2", b.sock.version())
     s = b.ask("status")
     check("cycles" in s, "status over TLS", s)
@@ -217,9 +155,7 @@ def run_clients(port, work, pid):
     b.close()
 
     # A few clients at once, each with its own session.
-    many = [Client(port) for _ in range(8)]
-    for c in many:
-        c.until(PROMPT)
+    many = [Line(port) for _ in range(8)]
     for i, c in enumerate(many):
         c.sock.sendall(("echo client %d\n" % i).encode())
     for i, c in enumerate(many):
@@ -235,9 +171,8 @@ def run_clients(port, work, pid):
 
 
 def check_log(work):
-    logs = sorted(glob.glob(os.path.join(work, "station*.log")))
-    check(logs, "a log file")
-    text = "".join(open(p, errors="replace").read() for p in logs)
+    text = log_text(work, "station")
+    check(text, "a log file")
     for want in ("station starting, configuration station.cfg, debug level 1", "127.0.0.1 connected", "127.0.0.1: status", "TLS started",
                  "sensor_high: ERROR", "configuration saved", "stopping"):
         check(want in text, "the log holds " + want)

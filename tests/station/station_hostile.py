@@ -18,7 +18,6 @@ import http.client
 import json
 import os
 import re
-import resource
 import shutil
 import signal
 import socket
@@ -28,44 +27,19 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.parse
 
-from station_client import Checks, no_secrets, read_until
+from station_client import (PROMPT, Checks, Line, add_users, ca_context, copy_in, eventually, https, kill,
+                            log_text, modbus_request, no_secrets, printed_port, read_until, start_in, stop,
+                            web_login)
 
-PROMPT = b"station> "
 WORK = tempfile.mkdtemp(prefix="station-hostile-")
 check = Checks()
 
 
-class Client:
-    def __init__(self, port):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-        self.until(PROMPT)
-
-    def until(self, marker):
-        return read_until(self.sock, marker)
-
-    def ask(self, line):
-        self.sock.sendall(line.encode(errors="surrogateescape") + b"\n")
-        answer = self.until(PROMPT)
-        check(answer.endswith(PROMPT.decode()), "an answer to " + line[:60], repr(answer[-200:]))
-        return answer[: -len(PROMPT)]
-
-
-def start(binary, *args, cwd=WORK, config="station.cfg", users="none", tls="0", umask=None):
-    out = open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(cwd)), "w+")
-    proc = subprocess.Popen([binary, "-f", config, "Server.ListenPort=0",
-                             "Station.UsersFile=" + users, "Server.RequireTLS=" + tls] + list(args), cwd=cwd,
-                            stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                            preexec_fn=None if umask is None else lambda: os.umask(umask))
-    deadline = time.time() + 30
-    while time.time() < deadline:
-        m = re.search(r"tcp port (\d+)", open(out.name).read())
-        if m:
-            return proc, int(m.group(1))
-        check(proc.poll() is None, "the station starts", open(out.name).read())
-        time.sleep(0.05)
-    check(False, "the station prints its port")
+def start(binary, *args, cwd=WORK, config="station.cfg", users="none", tls="0", umask=None, out="out.txt"):
+    return start_in(cwd, [binary, "-f", config, "Server.ListenPort=0", "Station.UsersFile=" + users,
+                          "Server.RequireTLS=" + tls] + list(args), out=out,
+                    preexec_fn=None if umask is None else lambda: os.umask(umask))
 
 
 def rss_mb(pid):
@@ -83,7 +57,7 @@ def alive(c, proc, what):
 def machine_mode(port, proc):
     """Machine mode: exactly one frame for every line, whatever it holds, and
     get's offsets checked."""
-    c = Client(port)
+    c = Line(port, check=check)
     c.sock.sendall(b"mode machine\n")
     frame = re.compile(rb"(^|\n)\. (\d+)\r\n$")
 
@@ -111,7 +85,7 @@ def machine_mode(port, proc):
 
 
 def hostile(binary, proc, port):
-    c = Client(port)
+    c = Line(port, check=check)
     # Settings that name files, folders, addresses or ports: not from the network.
     for key, value in (("Log.FileBase", "/root/"), ("Log.Extension", "bashrc"), ("Log.AutoDate", "0"),
                        ("Log.MaxFileSize", "1"), ("Log.FileMask", "0"), ("Station.DumpPath", "/etc"),
@@ -139,7 +113,7 @@ def hostile(binary, proc, port):
                         "trace-csv"):
             c.sock.sendall(("%s %s\n" % (command, word)).encode(errors="surrogateescape"))
             if not c.until(PROMPT):  # an answer beyond the write buffer ends that session
-                c = Client(port)
+                c = Line(port, check=check)
         alive(c, proc, "hostile words")
     machine_mode(port, proc)
     # Amplification: a 100 KB variable used 1000 times in one line.
@@ -207,10 +181,10 @@ def disk_full(binary, source):
         return
     proc = None
     try:
-        for name in ("station.cfg", "station.acl"):
-            shutil.copy(os.path.join(source, name), disk)
-        proc, port = start(binary, "Station.LogLossReportS=1", cwd=disk)
-        c = Client(port)
+        copy_in(disk, source)
+        proc, port = start(binary, "Station.LogLossReportS=1", cwd=disk,
+                           out=os.path.join(WORK, "out-full.txt"))  # not on the full disk
+        c = Line(port, check=check)
         original = open(os.path.join(disk, "station.cfg"), "rb").read()
         filler = fill(disk)
         check(c.ask("config set Station.HighLimit 86").strip() == "Station.HighLimit = 86", "a value to save")
@@ -230,8 +204,7 @@ def disk_full(binary, source):
         check(c.ask("config save").strip() == "saved station.cfg", "config save once there is room")
         written, _ = lost_lines(c.ask("status"))
         c.sock.close()
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station on the full disk")
+        stop(proc, check, "SIGTERM ends the station on the full disk")
         logs = [os.path.join(disk, p) for p in os.listdir(disk) if p.endswith(".log")]
         text = b"".join(open(p, "rb").read() for p in logs)
         check(b"could not take" in text, "the losses are logged once the disk has room")
@@ -242,36 +215,25 @@ def disk_full(binary, source):
               "no temporary file left", os.listdir(disk))
         print("disk full: %d lines lost and reported, station.cfg kept" % lost)
     finally:
-        if proc is not None and proc.poll() is None:
-            proc.kill()
-            proc.wait()
+        kill(proc)
         subprocess.run(["umount", disk])
         os.rmdir(disk)
 
 
 # ------------------------------------------------ the gate: login, TLS, editing
 
-class Peer(Client):
-    """A client of a station that asks for TLS and a login."""
+class Peer(Line):
+    """A client of a station that asks for TLS and a login (`login USER` on one line)."""
 
     def __init__(self, port, source="127.0.0.1"):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=(source, 0))
-        self.until(PROMPT)
-
-    def say(self, line, marker=PROMPT):
-        self.sock.sendall(line.encode() + b"\n")
-        return self.until(marker)
+        super().__init__(port, source, check)
 
     def tls(self, folder):
-        check("OK starting TLS" in self.say("starttls", b"\r\n"), "starttls answers")
-        ctx = ssl.create_default_context(cafile=os.path.join(folder, "tls/ca.pem"))
-        self.sock = ctx.wrap_socket(self.sock, server_hostname="localhost")
-        self.until(PROMPT)
+        self.starttls(ca_context(folder))
         return self
 
     def login(self, user, password):
-        self.say("login " + user, b"password: ")
-        return self.say(password)
+        return super().login(user, password, inline=True)
 
 
 def status_p99(port, folder, attack, rounds=200):
@@ -297,24 +259,6 @@ def status_p99(port, folder, attack, rounds=200):
 
 PASSWORDS = {"vic": "vic-Secret-1", "ada": "ada-Secret-2", "otto": "exit-otto-3", "bob": "bob-Secret-4"}
 STRAY = ["early-secret-5", "cleartext-secret-6", "editing-secret-7", "wrong-secret-8"]
-
-
-def passwd(binary, folder, name, level):
-    r = subprocess.run([binary, "--passwd", name, level], cwd=folder, input=PASSWORDS[name].encode(),
-                       capture_output=True, timeout=60)
-    check(r.returncode == 0, "--passwd " + name, r.stderr)
-
-
-def log_text(folder):
-    return "".join(open(os.path.join(folder, p), errors="replace").read()
-                   for p in os.listdir(folder) if p.endswith(".log"))
-
-
-def wait_for(what, test, seconds=10):
-    deadline = time.time() + seconds
-    while time.time() < deadline and not test():
-        time.sleep(0.05)
-    check(test(), what)
 
 
 def drain(sock, seconds=0.5):
@@ -345,7 +289,7 @@ def editing_session(port, folder, user):
 def gate(binary, source):
     folder = os.path.join(WORK, "gate")
     os.mkdir(folder)
-    shutil.copy(os.path.join(source, "station.cfg"), folder)
+    copy_in(folder, source, ("station.cfg",))
     acl = os.path.join(folder, "station.acl")
     open(acl, "w").write("[hosts]\nallow = 127.0.0.0/8\n")
     proc, port = start(binary, "Access.LoginTimeout=2", "Access.MaxNotLoggedIn=6",
@@ -369,10 +313,11 @@ def gate(binary, source):
 
         # Users appear on SIGHUP; status says when they were read.
         check("station.users absent" in log_text(folder), "the log: no users file yet")
-        for name, level in (("vic", "viewer"), ("ada", "admin"), ("otto", "operator")):
-            passwd(binary, folder, name, level)
+        add_users(binary, folder, [(n, level, PASSWORDS[n]) for n, level in
+                                   (("vic", "viewer"), ("ada", "admin"), ("otto", "operator"))])
         proc.send_signal(signal.SIGHUP)
-        wait_for("reload logs the new users", lambda: "reload: user otto added (operator)" in log_text(folder))
+        check(eventually(lambda: "reload: user otto added (operator)" in log_text(folder)),
+              "reload logs the new users")
         ada = Peer(port).tls(folder)
         check("logged in as ada" in ada.login("ada", PASSWORDS["ada"]), "a user added at run time logs in")
         check("3 user(s) from station.users" in ada.ask("status"), "status: the users read on reload")
@@ -423,8 +368,7 @@ def gate(binary, source):
         for x in guessers:
             x.sock.close()
         # Levels change on reload: otto down to viewer, ada removed.
-        passwd(binary, folder, "otto", "viewer")
-        passwd(binary, folder, "bob", "operator")
+        add_users(binary, folder, [("otto", "viewer", PASSWORDS["otto"]), ("bob", "operator", PASSWORDS["bob"])])
         lines = open(os.path.join(folder, "station.users")).read().splitlines()
         open(os.path.join(folder, "station.users"), "w").write(
             "\n".join(l for l in lines if not l.startswith("ada")) + "\n")
@@ -436,8 +380,8 @@ def gate(binary, source):
         refused = socket.create_connection(("127.0.0.1", port), timeout=20, source_address=("127.0.0.9", 0))
         check("not allowed" in read_until(refused, b"\0"), "the access list read again on reload")
         check("access list " in otto.ask("status"), "status says when the access list was read")
-        wait_for("the log names each change", lambda: "reload: user ada removed" in log_text(folder) and
-                 "reload: user otto now viewer (was operator)" in log_text(folder))
+        check(eventually(lambda: "reload: user ada removed" in log_text(folder) and
+                         "reload: user otto now viewer (was operator)" in log_text(folder)), "the log names each change")
 
         # Completion: only what the level may run, only inside the data folder.
         vic = editing_session(port, folder, "vic")
@@ -496,41 +440,25 @@ def gate(binary, source):
         print("10 silent connections: others' status p99 %.1f ms"
               % status_p99(port, folder, lambda: silent.extend(Peer(port) for _ in range(10))))
         fresh = Peer(port)
-        check("cycles" in Peer(port).tls(folder).login("vic", PASSWORDS["vic"]) or True, "a new client gets in")
+        Peer(port).tls(folder).login("vic", PASSWORDS["vic"])  # a new client beyond the cap
         s = silent[0].until(b"\r\n\x00")
         check("busy" in s or "not logged in" in s, "beyond the cap the oldest silent session goes", s)
         s = fresh.until(b"closing\r\n")
         check("not logged in after 2 s" in s, "a session that does not log in is closed", s)
 
         # The trace dump is made without group or world write under umask 000.
-        c = Peer(port).tls(folder)
-        c.login("bob", STRAY[3])
-        bob_ok = "vic"
         v = Peer(port).tls(folder)
-        v.login(bob_ok, PASSWORDS[bob_ok])
+        v.login("vic", PASSWORDS["vic"])
         s = v.ask("trace dump")
         m = re.search(r"dumped to (\S+)", s)
         check(m is not None, "trace dump", s)
         dump = os.path.join(folder, m.group(1))
         check(os.stat(dump).st_mode & 0o022 == 0, "the dump has no group or world write", oct(os.stat(dump).st_mode))
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the gated station")
+        stop(proc, check, "SIGTERM ends the gated station")
         no_secrets(check, WORK, list(PASSWORDS.values()) + STRAY)
         print("gate: reload, secrets, starttls, lock-out, completion, editing bounds, login time-out checked")
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-def modbus_request(port, pdu, timeout=5):
-    """One Modbus TCP request; the answer's bytes (empty when closed)."""
-    c = socket.create_connection(("127.0.0.1", port), timeout=timeout)
-    try:
-        c.sendall(bytes([0, 7, 0, 0, 0, len(pdu) + 1, 1]) + pdu)
-        return c.recv(300)
-    except OSError:
-        return b""
-    finally:
-        c.close()
+        kill(proc)
 
 
 def modbus_hostile(binary):
@@ -542,9 +470,8 @@ def modbus_hostile(binary):
         f.write("\n[ModbusServer]\nListen = 127.0.0.1:0\nMaxConnections = 4\nWritableCoils = 4\n")
     proc, port = start(binary, cwd=WORK, config="station-modbus.cfg")
     try:
-        m = re.search(r"modbus port (\d+)", open(os.path.join(WORK, "stdout-%s.txt" % os.path.basename(WORK))).read())
-        check(m, "the Modbus server listens")
-        mport = int(m.group(1))
+        mport = printed_port(WORK, "modbus")
+        check(mport, "the Modbus server listens")
         read = bytes([1, 0, 0, 0, 8])
         check(len(modbus_request(mport, read)) == 10, "a plain read of coils")
         junk = [os.urandom(n) for n in (1, 7, 12, 300, 4096)]
@@ -578,7 +505,7 @@ def modbus_hostile(binary):
             s.close()
         for _ in range(200):  # a connect-and-close flood
             socket.create_connection(("127.0.0.1", mport), timeout=5).close()
-        check(eventually_answers(mport, read), "the server answers after the flood")
+        check(eventually(lambda: len(modbus_request(mport, read)) == 10, 5), "the server answers after the flood")
         # A client that sends request after request and never reads the
         # answers: closed when its answers no longer fit, never waited on.
         greedy = socket.socket()
@@ -593,27 +520,20 @@ def modbus_hostile(binary):
         greedy.close()
         check(modbus_request(mport, bytes([5, 0, 4, 0xFF, 0]))[7:] == bytes([0x85, 1]),
               "a write without WriteFrom: illegal function")
-        c = Client(port)
+        c = Line(port, check=check)
         alive(c, proc, "the Modbus attacks")
     finally:
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with the Modbus server")
+        stop(proc, check, "SIGTERM ends the station with the Modbus server")
 
 
 # ------------------------------------------------ the web page's HTTPS side
 
 def web_get(port, ctx, path="/login.html", timeout=20):
     """The status of a GET of `path` on the web port, or 0 when it fails."""
-    c = http.client.HTTPSConnection("127.0.0.1", port, context=ctx, timeout=timeout)
     try:
-        c.request("GET", path)
-        r = c.getresponse()
-        r.read()
-        return r.status
+        return https(port, ctx, "GET", path, timeout=timeout)[0].status
     except (OSError, http.client.HTTPException):
         return 0
-    finally:
-        c.close()
 
 
 def web_attacks(port, ctx, sid, seen):
@@ -716,21 +636,16 @@ def web_hostile(binary, source):
     client's status its round trip, and the page answers afterwards."""
     folder = os.path.join(WORK, "web")
     os.mkdir(folder)
-    for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(source, name), folder)
-    passwd(binary, folder, "vic", "viewer")
+    copy_in(folder, source)
+    add_users(binary, folder, [("vic", "viewer", PASSWORDS["vic"])])
     proc, port = start(binary, "Web.Listen=127.0.0.1:0", cwd=folder, users="station.users", tls="1")
     try:
-        out = os.path.join(WORK, "stdout-web.txt")
-        wait_for("the station prints its web port", lambda: re.search(r"web port (\d+)", open(out).read()))
-        web = int(re.search(r"web port (\d+)", open(out).read()).group(1))
-        ctx = ssl.create_default_context(cafile=os.path.join(folder, "tls/ca.pem"))
+        web = printed_port(folder, "web", 10)
+        check(web, "the station prints its web port")
+        ctx = ca_context(folder)
         ctx.check_hostname = False
-        wait_for("the web port answers", lambda: web_get(web, ctx) == 200, 20)
-        c = http.client.HTTPSConnection("127.0.0.1", web, context=ctx, timeout=20)
-        c.request("POST", "/api/login", urllib.parse.urlencode({"user": "vic", "password": PASSWORDS["vic"]}),
-                  {"Content-Type": "application/x-www-form-urlencoded"})
-        sid = re.match(r"zqsid=(\w+)", c.getresponse().getheader("Set-Cookie") or "")
+        check(eventually(lambda: web_get(web, ctx) == 200, 20), "the web port answers")
+        sid = re.match(r"zqsid=(\w+)", web_login(web, ctx, "vic", PASSWORDS["vic"])[0].getheader("Set-Cookie") or "")
         check(sid, "a web login")
         watch = Peer(port).tls(folder)
         watch.login("vic", PASSWORDS["vic"])
@@ -750,32 +665,20 @@ def web_hostile(binary, source):
             seen.clear()
             rate = (int(re.search(r"cycles (\d+)", watch.ask("status")).group(1)) - cycles0) / (time.time() - t0)
             t = time.time()
-            wait_for("the page answers after " + name, lambda: web_get(web, ctx) == 200, 30)
+            check(eventually(lambda: web_get(web, ctx) == 200, 30), "the page answers after " + name)
             print("web: %s: others' status p99 %.1f ms, task %.0f cycles/s, the page again after %.0f ms"
                   % (name, p99, rate, (time.time() - t) * 1000))
             check(p99 < bound, "status p99 during " + name, p99)
             check(rate > 500, "the task keeps its 1 ms period during " + name, rate)
             check(proc.poll() is None, "the station lives after " + name)
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with the web page")
+        stop(proc, check, "SIGTERM ends the station with the web page")
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-
-
-def eventually_answers(port, pdu):
-    for _ in range(50):
-        if len(modbus_request(port, pdu)) == 10:
-            return True
-        time.sleep(0.1)
-    return False
+        kill(proc)
 
 
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
-    for name in ("station.cfg", "station.acl"):
-        shutil.copy(os.path.join(source, name), WORK)
+    copy_in(WORK, source)
     procs = []
     try:
         bad = subprocess.run([binary, "-f", "station.cfg", "Station.PeriodUs=-5"], cwd=WORK,
@@ -785,15 +688,12 @@ def main():
         proc, port = start(binary)
         procs.append(proc)
         hostile(binary, proc, port)
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station")
-        log = "".join(open(os.path.join(WORK, p), "rb").read().decode(errors="replace")
-                      for p in os.listdir(WORK) if p.endswith(".log"))
+        stop(proc, check)
+        log = log_text(WORK)
         check("\x1b" not in log and "echo \\x1b[31mred" in log, "client escapes are logged escaped")
         again, _ = start(binary)  # the saved file starts again
         procs.append(again)
-        again.send_signal(signal.SIGTERM)
-        check(again.wait(timeout=30) == 0, "the saved file starts again")
+        stop(again, check, "the saved file starts again")
         disk_full(binary, source)
         gate(binary, source)
         modbus_hostile(binary)
@@ -801,9 +701,7 @@ def main():
         print("station hostile: %d checks passed" % check.count)
     finally:
         for p in procs:
-            if p.poll() is None:
-                p.kill()
-                p.wait()
+            kill(p)
         shutil.rmtree(WORK, ignore_errors=True)
 
 

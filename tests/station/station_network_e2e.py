@@ -24,30 +24,16 @@ import sys
 import tempfile
 import time
 
-checks = 0
+from station_client import Checks, copy_in, log_text, start_in, stop
 
-
-def check(ok, what, detail=""):
-    global checks
-    if not ok:
-        sys.exit("FAILED: %s\n%s" % (what, detail))
-    checks += 1
+check = Checks()
 
 
 def start(binary, work, *extra, nofile=None, preload=None):
     cmd = [binary, "-f", "station.cfg", "Server.ListenPort=0"] + list(extra)
     if nofile:
         cmd = ["prlimit", "--nofile=%d" % nofile, "--"] + cmd
-    env = dict(os.environ, LD_PRELOAD=preload) if preload else None
-    proc = subprocess.Popen(cmd, cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.DEVNULL, env=env)
-    deadline = time.time() + 30
-    while time.time() < deadline:
-        m = re.match(r"tcp port (\d+)", proc.stdout.readline().decode())
-        if m:
-            return proc, int(m.group(1))
-    proc.kill()
-    sys.exit("FAILED: the station did not print its port")
+    return start_in(work, cmd, env=dict(os.environ, LD_PRELOAD=preload) if preload else None)
 
 
 def greet(host, port, source=None):
@@ -122,8 +108,7 @@ def idle_crowd(binary, work, n):
         for s in crowd:
             s.close()
         worker.close()
-        proc.terminate()
-        proc.wait(timeout=30)
+        stop(proc)
     return p99, fds
 
 
@@ -173,10 +158,8 @@ def wildcard_and_server_cert(binary, work):
                 s.close()
             check(verified == ok, "the server certificate %s %s" % ("names" if ok else "does not name", name))
     finally:
-        proc.terminate()
-        check(proc.wait(timeout=30) == 0, "the :: station stops cleanly")
-    logs = "".join(open(os.path.join(work, f)).read() for f in os.listdir(work) if f.endswith(".log"))
-    check("no second listener" in logs, "the skipped IPv6 listener is noted in the log")
+        stop(proc, check, "the :: station stops cleanly")
+    check("no second listener" in log_text(work), "the skipped IPv6 listener is noted in the log")
 
 
 def main():
@@ -184,8 +167,7 @@ def main():
     sanitized = bool(os.environ.get("ZQ_SANITIZE"))
     work = tempfile.mkdtemp(prefix="station-net-")
     try:
-        for name in ("station.cfg", "station.acl"):
-            shutil.copy(os.path.join(source, name), work)
+        copy_in(work, source)
         bad = subprocess.run([binary, "-f", "station.cfg", "Server.Interface=localhost"], cwd=work,
                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
         check(bad.returncode != 0 and "'localhost'" in bad.stderr, "a name as Interface stops the start",
@@ -212,8 +194,7 @@ def main():
         for s in (a, b, c, d):
             if s:
                 s.close()
-        proc.terminate()
-        proc.wait(timeout=30)
+        stop(proc)
 
         documented(binary, source)
         wildcard_and_server_cert(binary, work)
@@ -232,8 +213,7 @@ def main():
             check("station ready" in text and time.time() - t0 < 2, "the admitted peer is not delayed",
                   "%.1f s: %s" % (time.time() - t0, text))
             s.close()
-            proc.terminate()
-            proc.wait(timeout=30)
+            stop(proc)
             with open(os.path.join(work, "station.acl"), "w") as f:
                 f.write("[hosts]\nallow = 127.0.0.0/8 ::1/128\n")
 
@@ -263,12 +243,11 @@ def main():
                 break
             time.sleep(0.5)
         check("station ready" in text, "it serves again once the flood is gone", text)
-        proc.terminate()
-        check(proc.wait(timeout=30) == 0, "and stops cleanly")
+        stop(proc, check, "and stops cleanly")
         p99, fds = idle_crowd(binary, work, 500 if sanitized else 5000)
         print("station network e2e: %d checks passed (%d connects refused by the kernel; with 5,000 idle "
               "peers knocking a working client's p99 was %.1f ms, the station held %d descriptors)"
-              % (checks, refused, p99 * 1000, fds))
+              % (check.count, refused, p99 * 1000, fds))
     finally:
         shutil.rmtree(work, ignore_errors=True)
 

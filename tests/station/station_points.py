@@ -16,62 +16,39 @@ import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 from datetime import datetime
 
-from station_client import Checks, read_until
+from station_client import Checks, Line, copy_in, eventually, start_in
 
-PROMPT = b"station> "
 check = Checks()
 
 
 class Station:
     def __init__(self, binary, work, extra=()):
-        self.errors = open(os.path.join(work, "stderr.txt"), "a+")
-        self.proc = subprocess.Popen(
-            [binary, "-f", "station.cfg", "Server.ListenPort=0", "Station.UsersFile=none",
-             "Server.RequireTLS=0", "Access.AnonymousTLS=1", "TLS.CertificateFile=none"] + list(extra),
-            cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors)
-        port, deadline = None, time.time() + 30
-        while port is None and time.time() < deadline:
-            line = self.proc.stdout.readline().decode()
-            if not line:
-                break
-            m = re.match(r"tcp port (\d+)", line)
-            port = int(m.group(1)) if m else None
-        check(port, "the station prints its port", self.stderr())
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-        read_until(self.sock, PROMPT)
+        self.out = os.path.join(work, "out.txt")
+        self.proc, port = start_in(work, [binary, "-f", "station.cfg", "Server.ListenPort=0",
+                                          "Station.UsersFile=none", "Server.RequireTLS=0", "Access.AnonymousTLS=1",
+                                          "TLS.CertificateFile=none"] + list(extra))
+        self.line = Line(port, check=check)
+        self.ask = self.line.ask
 
-    def stderr(self):
-        self.errors.flush()
-        self.errors.seek(0)
-        return self.errors.read()
-
-    def ask(self, line):
-        self.sock.sendall(line.encode() + b"\n")
-        answer = read_until(self.sock, PROMPT)
-        check(answer.endswith(PROMPT.decode()), "a prompt after " + line, answer)
-        return answer[: -len(PROMPT)]
+    def output(self):
+        return open(self.out).read()
 
     def wait_for(self, line, pattern, seconds=10):
-        deadline = time.time() + seconds
-        while True:
-            answer = self.ask(line)
-            if re.search(pattern, answer) or time.time() > deadline:
-                return answer
-            time.sleep(0.1)
+        """The answer to `line` once it matches `pattern` (the last one after `seconds`)."""
+        answers = []
+        eventually(lambda: answers.append(self.ask(line)) or re.search(pattern, answers[-1]), seconds)
+        return answers[-1]
 
     def stop(self, sig=signal.SIGTERM):
-        self.sock.close()
+        self.line.close()
         self.proc.send_signal(sig)
-        rc = self.proc.wait(timeout=30)
-        self.errors.close()
-        return rc
+        return self.proc.wait(timeout=30)
 
 
 def first_run(st, work):
@@ -190,8 +167,7 @@ def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
     work = tempfile.mkdtemp(prefix="station-points-")
     try:
-        for name in ("station.cfg", "station.acl"):
-            shutil.copy(os.path.join(source, name), work)
+        copy_in(work, source)
         st = Station(binary, work)
         first_run(st, work)
         st.stop(signal.SIGKILL)
@@ -205,7 +181,7 @@ def main():
         text = open(state).read()
         open(state, "w").write(text[: len(text) // 2])
         st = Station(binary, work)
-        err = st.stderr()
+        err = st.output()
         check("torn" in err and "restored from the backup" in err, "a torn state file: the backup, and says so", err)
         st.stop()
         os.unlink(state)

@@ -25,18 +25,18 @@ import tempfile
 import threading
 import time
 
+from station_client import Checks, Line, free_port, listening_port
+
 STATION, SOURCE = sys.argv[1], sys.argv[2]
 WORK = tempfile.mkdtemp(prefix="station-service-")
 HALF = 0.25  # the watchdog's half period (WATCHDOG_USEC = 500 ms)
 slow = 3 if os.environ.get("ZQ_SANITIZE") else 1
 proc = None
+check = Checks(logs=WORK)
 
 
 def fail(what, detail=""):
-    log = os.path.join(WORK, "station.log")
-    if os.path.exists(log):
-        sys.stderr.write(open(log, errors="replace", newline="").read()[-3000:])
-    raise SystemExit("FAIL: %s %s" % (what, detail))
+    check(False, what, detail)
 
 
 class Manager:
@@ -85,24 +85,6 @@ class Manager:
         """The WATCHDOG=1 times received in the next `seconds`."""
         end = time.monotonic() + seconds
         return [t for t, m in iter(lambda: self.next(end), None) if m == "WATCHDOG=1"]
-
-
-class Client:
-    def __init__(self, port):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-        self.data = b""
-        self.ask(None)
-
-    def ask(self, line):
-        if line is not None:
-            self.sock.sendall(line.encode() + b"\n")
-        while not self.data.endswith(b"station> "):
-            chunk = self.sock.recv(65536)
-            if not chunk:
-                fail("the station closed the session")
-            self.data += chunk
-        answer, self.data = self.data.decode(), b""
-        return answer
 
 
 def tgkill(tid, sig):
@@ -156,8 +138,7 @@ def rotate_while_writing(client):
         count += 1
         time.sleep(0.002)
     rotator.join()
-    if not stop.is_set() or not os.path.exists(os.path.join(WORK, "station.log.1")):
-        fail("logrotate did not rotate")
+    check(stop.is_set() and os.path.exists(os.path.join(WORK, "station.log.1")), "logrotate rotates")
     old = open(os.path.join(WORK, "station.log.1"), errors="replace", newline="").read()
     new = log_text()
     whole = re.compile(r"^\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d\.\d{3};I;00000000;audit: 127\.0\.0\.1: echo line-(\d{5}) \(user -, admin, result 0\)\r$")
@@ -166,16 +147,13 @@ def rotate_while_writing(client):
         for line in text.split("\n"):
             if "echo line-" in line:
                 m = whole.match(line)
-                if not m:
-                    fail("a broken line in the %s file" % name, repr(line))
+                check(m, "no broken line in the %s file" % name, repr(line))
                 found.setdefault(int(m.group(1)), []).append(name)
     missing = [i for i in range(count) if i not in found]
     twice = [i for i, where in found.items() if len(where) != 1]
-    if missing or twice:
-        fail("lines lost or doubled", (missing[:5], twice[:5]))
+    check(not missing and not twice, "no line lost or doubled", (missing[:5], twice[:5]))
     n_old = sum(1 for w in found.values() if w == ["old"])
-    if n_old == 0 or n_old == count:
-        fail("the rotation did not fall within the writing", n_old)
+    check(0 < n_old < count, "the rotation falls within the writing", n_old)
     print("logrotate: %d lines written, %d in station.log.1, %d in station.log, none lost or doubled"
           % (count, n_old, count - n_old))
 
@@ -184,10 +162,7 @@ def socket_activation():
     """systemd-socket-activate binds the port and starts the station at the
     first connection; the station serves that socket."""
     global proc
-    probe = socket.socket()
-    probe.bind(("127.0.0.1", 0))
-    port = probe.getsockname()[1]
-    probe.close()
+    port = free_port()
     os.remove(os.path.join(WORK, "station.log"))
     write_cfg([])
     proc = subprocess.Popen(["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, STATION, "-f", "station.cfg",
@@ -195,16 +170,16 @@ def socket_activation():
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     for _ in range(100):  # until systemd-socket-activate listens
         try:
-            client = Client(port)  # the first connection starts the station
+            client = Line(port)  # the first connection starts the station
             break
         except ConnectionRefusedError:
             time.sleep(0.1)
-    if "cycles" not in client.ask("status"):
-        fail("status through the socket systemd passed")
+    check("cycles" in client.ask("status"), "status through the socket systemd passed")
     client.sock.close()
     proc.send_signal(signal.SIGTERM)
-    if proc.wait(timeout=30 * slow) != 0 or not re.search(r"listening on 127\.0\.0\.1:%d \(socket passed by the service manager\)" % port, log_text()):
-        fail("socket activation", log_text()[-500:])
+    check(proc.wait(timeout=30 * slow) == 0 and re.search(
+        r"listening on 127\.0\.0\.1:%d \(socket passed by the service manager\)" % port, log_text()),
+        "socket activation", log_text()[-500:])
     print("socket activation: served port %d from systemd-socket-activate" % port)
 
 
@@ -223,19 +198,15 @@ def unwritable_log_folder():
                              "Server.ListenPort=0", "Log.AutoDate=0", "Log.FileBase=logs/station", "Log.Pmask=7",
                              "Station.LogLossReportS=%d" % period],
                             cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
-    for _ in range(20):
-        m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
-        if m:
-            break
-    client = Client(int(m.group(1)) if m else fail("no tcp port line"))
+    client = Line(listening_port(proc) or fail("no tcp port line"))
     os.rename(folder, away)
     open(folder, "w").close()
     os.kill(proc.pid, signal.SIGHUP)
     start = time.monotonic()
     served = 0
     while time.monotonic() - start < 4 * period * slow:
-        if "lost-%d" % served not in client.ask("echo lost-%d" % served):
-            fail("the station serves while its log folder is gone")
+        check("lost-%d" % served in client.ask("echo lost-%d" % served),
+              "the station serves while its log folder is gone")
         served += 1
         time.sleep(0.02)
     window = time.monotonic() - start
@@ -265,8 +236,8 @@ def unwritable_log_folder():
     proc.send_signal(signal.SIGTERM)
     proc.wait(timeout=30 * slow)
     errors.close()
-    if "cannot be opened" not in echoed or not 1 <= reports <= window / period + 1:
-        fail("lost lines reported once per period", (reports, window))
+    check("cannot be opened" in echoed and 1 <= reports <= window / period + 1, "lost lines reported once per period",
+          (reports, window))
     print("unwritable log folder: %d commands served in %.1f s, %d loss reports (period %d s), "
           "writing resumed, also after the file was deleted" % (served, window, reports, period))
 
@@ -284,17 +255,13 @@ def main():
                              "Log.MaxFileSize=0", "Log.CreatePermissions=0600"],
                             cwd=WORK, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
-    for _ in range(20):
-        m = re.search(rb"tcp port (\d+)", proc.stdout.readline())
-        if m:
-            break
-    port = int(m.group(1)) if m else fail("no tcp port line")
+    port = listening_port(proc) or fail("no tcp port line")
     manager.until(r"^READY=1$", 20)
     status = manager.until(r"^STATUS=cycles \d+, clients \d+, ", 5)
     pings = manager.pings(8 * HALF * slow)
     gaps = [b - a for a, b in zip(pings, pings[1:])]
-    if len(pings) < 4 or max(gaps) > 4 * HALF * slow or min(gaps) < 0.5 * HALF:
-        fail("watchdog pings every half period", gaps)
+    check(len(pings) >= 4 and max(gaps) <= 4 * HALF * slow and min(gaps) >= 0.5 * HALF,
+          "watchdog pings every half period", gaps)
 
     tid = sensor_thread()
     tgkill(tid, signal.SIGRTMIN + 4)  # the thread's suspend signal
@@ -302,15 +269,13 @@ def main():
     stalled = manager.pings(6 * HALF * slow)
     tgkill(tid, signal.SIGRTMIN + 5)  # resume
     resumed = manager.pings(6 * HALF * slow)
-    if stalled or not resumed:
-        fail("pings stop while the task stands still and resume after", (stalled, resumed))
-    if "the sensor task is stalled" not in log_text():
-        fail("the stall is logged")
+    check(not stalled and resumed, "pings stop while the task stands still and resume after", (stalled, resumed))
+    check("the sensor task is stalled" in log_text(), "the stall is logged")
     print("watchdog: %d pings in %.1f s, gaps %.3f-%.3f s; none in %.1f s while the task was suspended, "
           "%d in %.1f s after it resumed" % (len(pings), 8 * HALF * slow, min(gaps), max(gaps),
                                               6 * HALF * slow, len(resumed), 6 * HALF * slow))
 
-    client = Client(port)
+    client = Line(port)
     rotate_while_writing(client)
     manager.until(r"^RELOADING=1$", 5)
     manager.until(r"^READY=1$", 5)
@@ -327,23 +292,20 @@ def main():
     log = log_text()
     for pattern in (r"changed Station\.Setpoint 40\S* -> 45", r"needing a restart \(not applied\): Server\.MaxConnections, Metrics\.Listen\r",
                     r";E;00000004;reload: station\.cfg:\d+: Station\.HighLimit = 'hot': not a number.*; running settings kept"):
-        if not re.search(pattern, log):
-            fail("the reload's report", pattern)
-    if not re.search(r"Station\.Setpoint = 45", shown) or not re.search(r"Station\.HighLimit = 80\b", shown) \
-            or not re.search(r"Server\.MaxConnections = 64\b", shown):
-        fail("the settings after the reloads", shown)
+        check(re.search(pattern, log), "the reload's report", pattern)
+    check(re.search(r"Station\.Setpoint = 45", shown) and re.search(r"Station\.HighLimit = 80\b", shown)
+          and re.search(r"Server\.MaxConnections = 64\b", shown), "the settings after the reloads", shown)
     status = client.ask("status")
-    if "settings waiting for a restart: Metrics.Listen, Server.MaxConnections" not in status:
-        fail("status lists the settings a reload left for the restart", status)
+    check("settings waiting for a restart: Metrics.Listen, Server.MaxConnections" in status,
+          "status lists the settings a reload left for the restart", status)
 
     client.sock.close()
     proc.send_signal(signal.SIGTERM)
     manager.until(r"^STOPPING=1$", 10)
-    if proc.wait(timeout=30 * slow) != 0:
-        fail("exit status", proc.returncode)
+    check(proc.wait(timeout=30 * slow) == 0, "exit status", proc.returncode)
     echoed = proc.stderr.read().decode(errors="replace")
-    if not re.search(r"^<3>\S+ \S+;E;00000003;the sensor task is stalled", echoed, re.M):
-        fail("the journal priority on an echoed error", echoed[-500:])
+    check(re.search(r"^<3>\S+ \S+;E;00000003;the sensor task is stalled", echoed, re.M),
+          "the journal priority on an echoed error", echoed[-500:])
     manager.done = True
     manager.reader.join()
     kinds = []

@@ -17,21 +17,14 @@ import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 
-from station_client import Checks, listening_port, read_until
+from station_client import Checks, Line, kill, start_in, stop
 
-PROMPT = b"station> "
 check = Checks()
-
-
-def ask(sock, line):
-    sock.sendall(line.encode() + b"\n")
-    return read_until(sock, PROMPT)[: -len(PROMPT)]
 
 
 def refused_settings(binary, source, work):
@@ -67,18 +60,8 @@ def refused_settings(binary, source, work):
           and "initalize" not in r.stderr, "RealTime = required without the rights does not start", r.stderr)
 
 
-def start(cmd, work):
-    errors = open(os.path.join(work, "stderr.txt"), "w+")
-    proc = subprocess.Popen(cmd, cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
-    port = listening_port(proc)
-    check(port, "the station starts", open(errors.name).read())
-    sock = socket.create_connection(("127.0.0.1", port), timeout=20)
-    read_until(sock, PROMPT)
-    return proc, sock, errors
-
-
-def cycles(sock):
-    return int(re.search(r"cycles (\d+)", ask(sock, "status")).group(1))
+def cycles(c):
+    return int(re.search(r"cycles (\d+)", c.ask("status")).group(1))
 
 
 def packaged(binary, source, work):
@@ -100,24 +83,25 @@ def packaged(binary, source, work):
            "--bounding-set=-dac_override,-dac_read_search,-fowner,-ipc_lock,-sys_nice",
            binary, "-f", os.path.join(etc, "station.cfg"), "Server.ListenPort=0", "Station.UsersFile=none",
            "Server.RequireTLS=0", "TLS.CertificateFile=none", "Server.ACL=" + os.path.join(etc, "station.acl")]
-    proc, sock, errors = start(cmd, var)
+    proc, port = start_in(var, cmd)
+    c = Line(port, check=check)
     try:
-        first = cycles(sock)
+        first = cycles(c)
         time.sleep(0.3)
-        s = ask(sock, "status")
+        s = c.ask("status")
         check(int(re.search(r"cycles (\d+)", s).group(1)) > first, "the task cycles without real-time rights", s)
         check("warning: no real-time rights" in s and "lateness max" in s, "status warns and counts lateness", s)
-        err = open(errors.name).read()
+        err = open(os.path.join(var, "out.txt")).read()
         check(err.count("station: warning: no real-time rights") == 1 and "initalize" not in err,
               "one warning at start", err)
-        check("Station.Setpoint = 45" in ask(sock, "config show"), "the local file is read after the main one")
+        check("Station.Setpoint = 45" in c.ask("config show"), "the local file is read after the main one")
 
-        check(ask(sock, "config set Station.HighLimit 91").strip() == "Station.HighLimit = 91", "a live setting")
-        s = ask(sock, "config set Station.PeriodUs 500")
+        check(c.ask("config set Station.HighLimit 91").strip() == "Station.HighLimit = 91", "a live setting")
+        s = c.ask("config set Station.PeriodUs 500")
         check(s.strip() == "Station.PeriodUs = 500 (takes effect at the next start)", "a restart-only setting", s)
-        s = ask(sock, "status")
+        s = c.ask("status")
         check("settings waiting for a restart: Station.PeriodUs" in s, "status lists it", s)
-        s = ask(sock, "config save")
+        s = c.ask("config save")
         check(s.strip() == "saved " + local, "the save goes to the local file", s)
         saved = open(local).read()
         check(saved == "# this station's own values\n[Station]\nSetpoint = 45\nHighLimit = 91\nPeriodUs = 500\n",
@@ -125,33 +109,29 @@ def packaged(binary, source, work):
         check(os.stat(os.path.join(etc, "station.cfg")).st_mtime_ns == before.st_mtime_ns, "the main file is untouched")
 
         open(local, "w").write(saved.replace("Setpoint = 45", "Setpoint = 46 # by hand"))
-        ask(sock, "config set Station.LowLimit 1")
-        s = ask(sock, "config save")
+        c.ask("config set Station.LowLimit 1")
+        s = c.ask("config save")
         check("had changed since it was read; the changes were merged" in s, "a save merges hand edits", s)
         saved = open(local).read()
         check("Setpoint = 46 # by hand\n" in saved and "LowLimit = 1\n" in saved, "both edits kept", saved)
 
         open(local, "w").write(saved.replace("HighLimit = 91", "HighLimit = 70"))
-        ask(sock, "config set Station.HighLimit 92")
-        s = ask(sock, "config save")
+        c.ask("config set Station.HighLimit 92")
+        s = c.ask("config save")
         check("Station.HighLimit was changed in %s since it was read (now '70'); not saved" % local in s,
               "a conflicting save is refused", s)
         check("HighLimit = 70\n" in open(local).read(), "the hand edit stays")
         proc.send_signal(signal.SIGHUP)
         for _ in range(100):
-            s = ask(sock, "config show")
+            s = c.ask("config show")
             if "Station.HighLimit = 70" in s:
                 break
             time.sleep(0.1)
         check("Station.HighLimit = 70" in s and "Station.Setpoint = 46" in s, "SIGHUP reads the local file again", s)
-        sock.close()
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station")
+        c.close()
+        stop(proc, check)
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-        errors.close()
+        kill(proc)
         os.chmod(etc, 0o755)
 
 

@@ -15,22 +15,21 @@ plain HTTP on the HTTPS port. Saves a screenshot of each page into
 $ZQ_WEB_SHOTS (default SHOTS_DIR) and, with ZQ_WEB_README_SHOT=1, the trend
 page's into docs/web-trend.png. Exits 77 (skipped) without Chromium.
 """
-import http.client
 import http.server
 import json
 import os
 import re
 import shutil
-import ssl
 import subprocess
 import sys
 import tempfile
 import threading
 import time
-import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, no_secrets  # noqa: E402
+from station_client import (Checks, add_users, ca_context, https, log_text, no_secrets, printed_port,  # noqa: E402
+                            start_in, stop, web_login)
+from station_client import eventually as wait  # noqa: E402
 
 SKIP = 77
 STATION, CTL, SOURCE = (os.path.abspath(a) for a in sys.argv[1:4])
@@ -45,7 +44,6 @@ COMMENT = '<script>window.zqXss=5</script>"><img src=x onerror=window.zqXss=6>'
 HOSTILE_USER = '<script>window.zqXss=7</script>"><img src=x onerror=window.zqXss=8>'
 CSP = ("default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; connect-src 'self'; "
        "frame-ancestors 'none'; base-uri 'none'; form-action 'self'")
-slow = 3 if os.environ.get("ZQ_SANITIZE") else 1
 check = Checks()
 
 
@@ -68,21 +66,9 @@ if not CHROMIUM or not DRIVER:
 
 def eventually(what, test, seconds=10):
     """test()'s first true answer within `seconds` (a browser error counts as not yet)."""
-    deadline = time.time() + seconds * slow
-    while True:
-        try:
-            value = test()
-        except (WebDriverException, OSError, ValueError, KeyError, TypeError):
-            value = None
-        if value or time.time() > deadline:
-            check(value, what)
-            return value
-        time.sleep(0.1)
-
-
-def log_text(work):
-    return "".join(open(os.path.join(work, p), errors="replace").read()
-                   for p in os.listdir(work) if p.endswith(".log"))
+    value = wait(test, seconds, (WebDriverException, OSError, ValueError, KeyError, TypeError))
+    check(value, what)
+    return value
 
 
 class Web:
@@ -90,23 +76,15 @@ class Web:
 
     def __init__(self, port, work):
         self.port = port
-        self.ctx = ssl.create_default_context(cafile=os.path.join(work, "tls", "ca.pem"))
+        self.ctx = ca_context(work)
         self.ctx.check_hostname = False  # the certificate names the host, the tests use the address
 
     def request(self, method, path, body=None, headers=None, sid=None):
-        c = http.client.HTTPSConnection("127.0.0.1", self.port, context=self.ctx, timeout=20)
-        h = dict(headers or {})
-        if sid:
-            h["Cookie"] = "zqsid=" + sid
-        c.request(method, path, body, h)
-        r = c.getresponse()
-        data = r.read()
-        c.close()
-        return r, data
+        cookie = {"Cookie": "zqsid=" + sid} if sid else {}
+        return https(self.port, self.ctx, method, path, body, dict(headers or {}, **cookie))
 
     def login(self, user, password):
-        return self.request("POST", "/api/login", urllib.parse.urlencode({"user": user, "password": password}),
-                            {"Content-Type": "application/x-www-form-urlencoded"})
+        return web_login(self.port, self.ctx, user, password)
 
     def session(self, user):
         """(session id, CSRF token) of a fresh login of `user`."""
@@ -128,22 +106,12 @@ def start_station(work):
         f.write("\n[Web]\nListen = 127.0.0.1:0\n\n[Point.sensor]\nUnit = \u00b0C\nDescription = %s\n"
                 "Guidance = %s\nDisplayLow = 0\nDisplayHigh = 160\nHiHi = 130\nHiHiSeverity = high\n"
                 % (DESCRIPTION, GUIDANCE))
-    for user, level in LEVELS.items():
-        r = subprocess.run([STATION, "--passwd", user, level], cwd=work, input=PASSWORDS[user].encode(),
-                           capture_output=True, timeout=60)
-        check(r.returncode == 0, "--passwd " + user, r.stderr)
-    proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=0", "Login.FirstDelay=50",
-                             "Login.MaxDelay=100"], cwd=work, stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=open(os.path.join(work, "stderr.txt"), "w"))
-    ports, deadline = {}, time.time() + 30 * slow
-    while len(ports) < 2 and time.time() < deadline:
-        m = re.match(r"(tcp|web) port (\d+)", proc.stdout.readline().decode())
-        if m:
-            ports[m.group(1)] = int(m.group(2))
-        elif proc.poll() is not None:
-            break
-    check(len(ports) == 2, "the station starts with its web page", open(os.path.join(work, "stderr.txt")).read())
-    return proc, ports["tcp"], ports["web"]
+    add_users(STATION, work, [(user, level, PASSWORDS[user]) for user, level in LEVELS.items()])
+    proc, port = start_in(work, [STATION, "-f", "station.cfg", "Server.ListenPort=0", "Login.FirstDelay=50",
+                                 "Login.MaxDelay=100"], seconds=90)
+    web = printed_port(work, "web")
+    check(web, "the station starts with its web page", open(os.path.join(work, "out.txt")).read())
+    return proc, port, web
 
 
 def stationctl(work, port, *args):
@@ -411,12 +379,7 @@ def main():
     finally:
         if b is not None:
             b.d.quit()
-        if proc is not None:
-            proc.terminate()
-            try:
-                proc.wait(timeout=30)
-            except subprocess.TimeoutExpired:
-                proc.kill()
+        stop(proc)
         shutil.rmtree(work, ignore_errors=True)
 
 

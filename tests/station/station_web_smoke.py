@@ -4,28 +4,23 @@ session cookie's flags, the CSRF token, one command at two levels (and
 their audit lines), live samples over the WebSocket, lock-out.
 Usage: station_web.py STATION_BINARY STATION_SOURCE_FOLDER"""
 import asyncio
-import http.client
 import json
 import os
 import re
 import shutil
-import signal
 import socket
-import ssl
-import subprocess
 import sys
 import tempfile
 import time
 
 import websockets
 
-from station_client import Checks, no_secrets, start_in
+from station_client import (Checks, add_users, copy_in, https, log_text, no_secrets, start_in, stop,
+                            unverified_context, web_login)
 
 check = Checks()
 WORK = tempfile.mkdtemp(prefix="station-web-")
-TLS = ssl.create_default_context()
-TLS.check_hostname = False
-TLS.verify_mode = ssl.CERT_NONE
+TLS = unverified_context()
 
 
 def start(binary):
@@ -35,22 +30,11 @@ def start(binary):
 
 
 def request(port, method, path, body=None, headers=None):
-    conn = http.client.HTTPSConnection("127.0.0.1", port, context=TLS, timeout=30)
-    conn.request(method, path, body=body, headers=headers or {})
-    r = conn.getresponse()
-    data = r.read()
-    conn.close()
-    return r, data
+    return https(port, TLS, method, path, body, headers, 30)
 
 
 def login(port, user, password):
-    form = "user=%s&password=%s" % (user, password.replace("#", "%23"))
-    return request(port, "POST", "/api/login", form, {"Content-Type": "application/x-www-form-urlencoded"})
-
-
-def log_text():
-    return "".join(open(os.path.join(WORK, f), errors="replace").read()
-                   for f in sorted(os.listdir(WORK)) if f.startswith("station") and f.endswith(".log"))
+    return web_login(port, TLS, user, password)
 
 
 async def samples(port, sid):
@@ -78,11 +62,8 @@ async def refused_ws(port):
 
 def main():
     binary, source = os.path.abspath(sys.argv[1]), sys.argv[2]
-    shutil.copy(os.path.join(source, "station.cfg"), WORK)
-    open(os.path.join(WORK, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
-    for name, level in (("vic", "viewer"), ("otto", "operator")):
-        subprocess.run([binary, "--passwd", name, level], cwd=WORK, input=(name + "#pw").encode(),
-                       capture_output=True, timeout=60, check=True)
+    copy_in(WORK, source, ("station.cfg",), allow="127.0.0.0/8")
+    add_users(binary, WORK, [("vic", "viewer", "vic#pw"), ("otto", "operator", "otto#pw")])
     proc, port = start(binary)
     try:
         # HTTPS only: plain HTTP gets no page.
@@ -142,7 +123,7 @@ def main():
         check(json.loads(body)["result"] == 403, "a viewer may not set a bit", body)
         check(json.loads(request(port, "GET", "/api/io", headers=vjar)[1])["can_set"] is False,
               "a viewer's I/O page offers no switch")
-        log = log_text()
+        log = log_text(WORK, "station")
         check("audit: 127.0.0.1: io set inject (user otto, operator, result 0)" in log, "audit: the command")
         check("audit: 127.0.0.1: io set inject (user vic, viewer, result 403)" in log, "audit: the refusal")
         check("audit: 127.0.0.1: POST /api/command refused: no valid CSRF token or a foreign origin (user otto, "
@@ -154,8 +135,7 @@ def main():
         check(r.getheader("Location") == "/login.html?locked=1", "locked out after failures",
               r.getheader("Location"))
     finally:
-        proc.send_signal(signal.SIGTERM)
-        check(proc.wait(timeout=30) == 0, "SIGTERM ends the station with 0")
+        stop(proc, check)
     no_secrets(check, WORK, ["vic#pw", "otto#pw"])
     shutil.rmtree(WORK, ignore_errors=True)
     print("station web smoke: %d checks passed" % check.count)

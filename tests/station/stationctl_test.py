@@ -16,7 +16,6 @@ import os
 import pty
 import re
 import shutil
-import signal
 import socket
 import ssl
 import subprocess
@@ -26,7 +25,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from station_client import Checks, listening_port, no_secrets  # noqa: E402
+from station_client import Checks, add_users, copy_in, no_secrets, other_ca, start_in, stop  # noqa: E402
 
 WORK = tempfile.mkdtemp(prefix="stationctl-")
 HOME = os.path.join(WORK, "home")
@@ -48,14 +47,8 @@ def ctl(*args, env=None, user="ada", timeout=30, stdin="", **kw):
 
 
 def start_station(*overrides, port=0):
-    proc = subprocess.Popen([STATION, "-f", "station.cfg", "Server.ListenPort=%d" % port, "Server.ACL=open.acl",
-                             "Login.FirstDelay=100", "Login.MaxDelay=300", "Login.MaxFailures=3"] + list(overrides),
-                            cwd=WORK, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    port = listening_port(proc)
-    if port is None:
-        proc.kill()
-        sys.exit("FAIL: the station did not start: " + proc.stdout.read().decode(errors="replace"))
-    return proc, port
+    return start_in(WORK, [STATION, "-f", "station.cfg", "Server.ListenPort=%d" % port, "Server.ACL=open.acl",
+                           "Login.FirstDelay=100", "Login.MaxDelay=300", "Login.MaxFailures=3"] + list(overrides))
 
 
 def fake_peer(script):
@@ -155,18 +148,14 @@ def password_prompt():
 def main():
     global CTL, STATION, PORT
     CTL, STATION, source = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2]), sys.argv[3]
-    shutil.copy(os.path.join(source, "station.cfg"), WORK)
-    open(os.path.join(WORK, "open.acl"), "w").write("[hosts]\nallow = 127.0.0.0/8\n")
-    for name, level in (("vic", "viewer"), ("otto", "operator"), ("ada", "admin"), ("carol", "viewer")):
-        subprocess.run([STATION, "--passwd", name, level], cwd=WORK, input=(name + "#pw").encode(),
-                       capture_output=True, timeout=60, check=True)
+    copy_in(WORK, source, ("station.cfg",), allow="127.0.0.0/8")
+    add_users(STATION, WORK, [(n, level, n + "#pw") for n, level in (("vic", "viewer"), ("otto", "operator"),
+                                                                     ("ada", "admin"), ("carol", "viewer"))])
     proc, PORT = start_station()
     try:
         subprocess.run([STATION, "--issue-client-cert", "carol"], cwd=WORK, capture_output=True, timeout=60,
                        check=True)
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                        "-nodes", "-days", "1", "-keyout", "other.key", "-out", "other.pem", "-subj", "/CN=x"],
-                       cwd=WORK, capture_output=True, timeout=60, check=True)
+        other_ca(WORK, "x")
 
         # Verifying the station.
         rc, out, err = ctl("--ca", "tls/ca.pem", "status")
@@ -198,13 +187,11 @@ def main():
         os.chmod(pw, 0o600)
         rc, out, err = ctl("--ca", "tls/ca.pem", "--password-file", pw, "io", user=None, env={"X": "1"})
         check(rc == 2 and "log in first" in out, "no --user: commands refused (exit 2)", (rc, out))
-        p = subprocess.run([CTL, "--port", str(PORT), "--ca", "tls/ca.pem", "--user", "otto", "--password-file",
-                            pw, "io"], cwd=WORK, env={"HOME": HOME}, capture_output=True, text=True, timeout=30)
-        check(p.returncode == 0 and "io 0x" in p.stdout, "--password-file 0600", p)
+        rc, out, err = ctl("--ca", "tls/ca.pem", "--user", "otto", "--password-file", pw, "io", user=None)
+        check(rc == 0 and "io 0x" in out, "--password-file 0600", (rc, out, err))
         os.chmod(pw, 0o644)
-        p = subprocess.run([CTL, "--port", str(PORT), "--ca", "tls/ca.pem", "--user", "otto", "--password-file",
-                            pw, "io"], cwd=WORK, env={"HOME": HOME}, capture_output=True, text=True, timeout=30)
-        check(p.returncode == 2 and "readable by group or others" in p.stderr, "--password-file 0644 refused", p)
+        rc, out, err = ctl("--ca", "tls/ca.pem", "--user", "otto", "--password-file", pw, "io", user=None)
+        check(rc == 2 and "readable by group or others" in err, "--password-file 0644 refused", (rc, err))
         rc, out, err = ctl("--ca", "tls/ca.pem", "--cert", "tls/carol.pem", "--key", "tls/carol.key", "--json",
                            "status", user=None)
         check(rc == 0 and json.loads(out)["code"] == 0, "a client certificate logs in", (rc, out, err))
@@ -273,8 +260,7 @@ def main():
 
         # The station comes back at the same address with a new key: refused like ssh.
         ctl("status")  # known now (trust on first use happens before the login)
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(timeout=30)
+        stop(proc)
         proc, port = start_station("Access.TLSFolder=tls2",
                                    "TLS.CertificateFile=tls2/server.pem", "TLS.KeyFile=tls2/server.key",
                                    "TLS.CAFile=tls2/ca.pem", port=PORT)
@@ -282,8 +268,7 @@ def main():
         check(port == PORT and rc == 3 and "HAS CHANGED" in err and fingerprint("tls2/server.pem") in err,
               "a station with a new key at a known address is refused loudly", (rc, err))
     finally:
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(timeout=30)
+        stop(proc)
     # Logs, audit lines, the client's history and known-stations files: no password anywhere.
     no_secrets(check, WORK, [n + "#pw" for n in ("vic", "otto", "ada", "carol")], ignore=("pw",))
     shutil.rmtree(WORK, ignore_errors=True)
