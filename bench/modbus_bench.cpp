@@ -184,6 +184,7 @@ std::vector<double> poll_rates(std::vector<std::unique_ptr<ModbusDevice>>& devic
 struct InTurns {
   Rate peer, ours;
   double ratio = 0;
+  std::string ratios;  // each pair's, in order
 };
 template <typename Peer, typename Ours>
 InTurns in_turns(int rounds, Peer&& peer, Ours&& ours) {
@@ -197,9 +198,12 @@ InTurns in_turns(int rounds, Peer&& peer, Ours&& ours) {
     our_p99.push_back(o.p99_ms);
     ratios.push_back(o.per_s / p.per_s);
   }
+  std::string each;
+  for (double r : ratios) each += bench::text(" %.2f", r);
   return {{bench::median(peer_rates), bench::median(peer_p99)},
           {bench::median(our_rates), bench::median(our_p99)},
-          bench::median(ratios)};
+          bench::median(ratios),
+          each};
 }
 
 }  // namespace
@@ -235,6 +239,7 @@ int main(int argc, char** argv) {
   std::printf("  libmodbus client loop: %.0f requests/s, p99 %.3f ms\n", poll.peer.per_s, poll.peer.p99_ms);
   std::printf("  ModbusDevice:          %.0f requests/s, p99 %.3f ms (histogram bucket edge)\n", poll.ours.per_s,
               poll.ours.p99_ms);
+  std::printf("  ours/peer in each pair:%s (median %.2f)\n", poll.ratios.c_str(), poll.ratio);
   bench::summary({"Modbus poll, 10 registers", "libmodbus client loop", bench::text("%.0f req/s", poll.peer.per_s),
                   bench::text("%.0f req/s, p99 %.2f ms", poll.ours.per_s, poll.ours.p99_ms), poll.ratio, 0.9,
                   "libmodbus", "loopback RTT"});
@@ -281,6 +286,7 @@ int main(int argc, char** argv) {
   std::printf("serving 10 input registers to a libmodbus client loop:\n");
   std::printf("  bare libmodbus server: %.0f requests/s, p99 %.3f ms\n", serve.peer.per_s, serve.peer.p99_ms);
   std::printf("  ModbusServer:          %.0f requests/s, p99 %.3f ms\n", serve.ours.per_s, serve.ours.p99_ms);
+  std::printf("  ours/peer in each pair:%s (median %.2f)\n", serve.ratios.c_str(), serve.ratio);
   std::fflush(stdout);
   bench::summary({"Modbus server, 10 registers", "bare libmodbus server loop",
                   bench::text("%.0f req/s", serve.peer.per_s),
