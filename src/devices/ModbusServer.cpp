@@ -123,16 +123,21 @@ bool ServerCore::answer(modbus_t* ctx, const Connection& c, const uint8_t* frame
       }
       record(c, q, n, code);
       if (code != 0) return refuse(ctx, frame, code);
-      uint8_t before[MODBUS_MAX_WRITE_BITS];
-      std::memcpy(before, map_->tab_bits + address, k);
-      if (modbus_reply(ctx, frame, length, map_) < 0) return false;
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (unsigned int b = address; b < address + k; ++b)
-        if (map_->tab_bits[b] != before[b - address] || function == MODBUS_FC_WRITE_SINGLE_COIL) {
-          writes_.Push({b, map_->tab_bits[b] != 0});
-          writes_applied_.fetch_add(1, std::memory_order_relaxed);
+      // Queued before the answer goes out, so that a client holding its
+      // answer finds the write in the owner's next TakeWrites.
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (unsigned int b = address; b < address + k; ++b) {
+          const unsigned int i = b - address;
+          const bool on =
+              function == MODBUS_FC_WRITE_SINGLE_COIL ? word(q + 3) == 0xFF00 : ((q[6 + i / 8] >> (i % 8)) & 1) != 0;
+          if (on != (map_->tab_bits[b] != 0) || function == MODBUS_FC_WRITE_SINGLE_COIL) {
+            writes_.Push({b, on});
+            writes_applied_.fetch_add(1, std::memory_order_relaxed);
+          }
         }
-      return true;
+      }
+      return modbus_reply(ctx, frame, length, map_) >= 0;
     }
     case MODBUS_FC_WRITE_SINGLE_REGISTER:
     case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
