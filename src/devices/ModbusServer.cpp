@@ -152,8 +152,16 @@ bool ServerCore::answer(modbus_t* ctx, const Connection& c, const uint8_t* frame
     case MODBUS_FC_READ_COILS:
     case MODBUS_FC_READ_DISCRETE_INPUTS:
     case MODBUS_FC_READ_HOLDING_REGISTERS:
-    case MODBUS_FC_READ_INPUT_REGISTERS:
+    case MODBUS_FC_READ_INPUT_REGISTERS: {
+      // Quantities checked here: libmodbus answers an illegal one only after
+      // sleeping its response time-out, which would let any client stall
+      // every other for half a second a request.
+      const unsigned int count = word(q + 3);
+      const bool bits = function == MODBUS_FC_READ_COILS || function == MODBUS_FC_READ_DISCRETE_INPUTS;
+      if (count == 0 || count > (bits ? MODBUS_MAX_READ_BITS : MODBUS_MAX_READ_REGISTERS))
+        return refuse(ctx, frame, MODBUS_EXCEPTION_ILLEGAL_DATA_VALUE);
       return modbus_reply(ctx, frame, length, map_) >= 0;
+    }
     default:
       return refuse(ctx, frame, MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
   }

@@ -168,6 +168,19 @@ TEST_F(ServerTest, RequestsSplitOrJoinedOnTheWireAndMalformedFramesClose) {
     EXPECT_EQ(got[13 * k + 1], k + 1);  // transaction id
     EXPECT_EQ(got.substr(13 * k + 7, 6), (std::string{4, 4, 0x41, 0x48, 0, 0}));  // 12.5 as abcd
   }
+  // Reads of no register or of more than a request may carry: illegal data
+  // value, answered at once (not after libmodbus's half-second pause).
+  const auto t0 = std::chrono::steady_clock::now();
+  for (int k = 0; k < 20; ++k) {
+    std::string zero = request(10);
+    zero[11] = k % 2 ? 0 : 126;
+    ASSERT_EQ(send(s, zero.data(), zero.size(), 0), static_cast<ssize_t>(zero.size()));
+    char exception[9] = {};
+    ASSERT_EQ(recv(s, exception, sizeof exception, MSG_WAITALL), 9);
+    EXPECT_EQ(exception[7], '\x84');
+    EXPECT_EQ(exception[8], 3);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5)) << "20 answers; 10 s when each waits";
   // A read whose MBAP length says one byte more than its function: closed.
   std::string bad = request(4);
   bad[5] = 7;

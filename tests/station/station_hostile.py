@@ -490,6 +490,12 @@ def modbus_hostile(binary):
                 pass
             c.close()
         check(len(modbus_request(mport, read)) == 10, "the server answers after garbage")
+        # Reads of no coil: an exception at once, each (not after a pause
+        # that would hold every other client up).
+        t = time.time()
+        answers = [modbus_request(mport, bytes([1, 0, 0, 0, 0]))[7:] for _ in range(10)]
+        check(answers == [bytes([0x81, 3])] * 10 and time.time() - t < 3,
+              "reads of no coil get illegal data value at once", (answers[:2], time.time() - t))
         # Half frames left hanging on every allowed connection but one.
         hanging = []
         for _ in range(3):
