@@ -200,20 +200,19 @@ struct ModbusDevice::Impl {
   }
 
   int read(Block& b) {
+    if (tcp) {
+      static constexpr int kFunction[] = {MODBUS_FC_READ_COILS, MODBUS_FC_READ_DISCRETE_INPUTS,
+                                          MODBUS_FC_READ_HOLDING_REGISTERS, MODBUS_FC_READ_INPUT_REGISTERS};
+      const int function = kFunction[b.table];
+      return b.bits.empty() ? tcp->ReadRegisters(function, b.start, b.count, b.regs.data())
+                            : tcp->ReadBits(function, b.start, b.count, b.bits.data());
+    }
     const int start = static_cast<int>(b.start), count = static_cast<int>(b.count);
     switch (b.table) {
-      case DevicePoint::coil:
-        return tcp ? tcp->ReadBits(MODBUS_FC_READ_COILS, b.start, b.count, b.bits.data())
-                   : modbus_read_bits(ctx, start, count, b.bits.data());
-      case DevicePoint::discrete:
-        return tcp ? tcp->ReadBits(MODBUS_FC_READ_DISCRETE_INPUTS, b.start, b.count, b.bits.data())
-                   : modbus_read_input_bits(ctx, start, count, b.bits.data());
-      case DevicePoint::holding:
-        return tcp ? tcp->ReadRegisters(MODBUS_FC_READ_HOLDING_REGISTERS, b.start, b.count, b.regs.data())
-                   : modbus_read_registers(ctx, start, count, b.regs.data());
-      default:
-        return tcp ? tcp->ReadRegisters(MODBUS_FC_READ_INPUT_REGISTERS, b.start, b.count, b.regs.data())
-                   : modbus_read_input_registers(ctx, start, count, b.regs.data());
+      case DevicePoint::coil: return modbus_read_bits(ctx, start, count, b.bits.data());
+      case DevicePoint::discrete: return modbus_read_input_bits(ctx, start, count, b.bits.data());
+      case DevicePoint::holding: return modbus_read_registers(ctx, start, count, b.regs.data());
+      default: return modbus_read_input_registers(ctx, start, count, b.regs.data());
     }
   }
 
