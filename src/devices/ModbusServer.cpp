@@ -51,7 +51,6 @@ bool consistent(const uint8_t* q, int n) {
   }
 }
 
-unsigned int word(const uint8_t* p) { return (p[0] << 8) | p[1]; }
 
 }  // namespace
 

@@ -14,14 +14,14 @@
 #include <cstring>
 #include <utility>
 
+#include "devices/modbus_words.h"
+
 namespace zqdevices {
 namespace details {
 
 namespace {
 
 constexpr size_t kHeader = 7;  // MBAP: transaction, protocol, length, unit
-
-unsigned int word(const uint8_t* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
 
 int fail(int e) {
   errno = e;

@@ -1,5 +1,5 @@
-// Register words to values and back, in the word orders of DevicePoint.
-// Shared by the polling client and the server.
+// Frame fields, and register words to values and back in the word orders of
+// DevicePoint. Shared by the polling client and the server.
 #ifndef ZQDEVICES_MODBUS_WORDS_H
 #define ZQDEVICES_MODBUS_WORDS_H
 
@@ -10,6 +10,9 @@
 
 namespace zqdevices {
 namespace details {
+
+// A 16-bit field of a frame (big-endian, as Modbus sends them).
+inline unsigned int word(const uint8_t* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
 
 // The 32 bits of two registers as they arrived, in `order`.
 inline uint32_t join_words(const uint16_t* r, DevicePoint::Order order) {
